@@ -1,0 +1,32 @@
+// SHA-1 (FIPS 180-4) over byte streams.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <array>
+#include <string>
+#include <string_view>
+
+namespace plr {
+
+class Sha1 {
+ public:
+  using Digest = std::array<uint8_t, 20>;
+  Sha1();
+  void Update(const void* data, size_t size);
+  Digest Final();  // the object must not be updated afterwards
+
+ private:
+  void Block(const uint8_t* block);
+  uint32_t h_[5];
+  uint64_t length_ = 0;  // bytes hashed so far
+  uint8_t buffer_[64];
+  size_t used_ = 0;
+};
+
+// The digest of `data` as 40 lower-case hexadecimal characters.
+std::string Sha1Hex(std::string_view data);
+std::string DigestHex(const Sha1::Digest& digest);
+
+}  // namespace plr

@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds the library and runs the demo in a private mount and network
+# namespace, so the host's /etc/tarsis and /var/log stay untouched.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPLR_TESTS=OFF -DPLR_BENCH=OFF >/dev/null
+cmake --build build -j "$(nproc)" --target pelorus-demo
+exec unshare --mount --net --propagation private bash -c '
+  set -e
+  mount -t tmpfs tmpfs /run
+  mkdir -p /run/demo-etc/upper /run/demo-etc/work
+  mount -t overlay overlay -o lowerdir=/etc,upperdir=/run/demo-etc/upper,workdir=/run/demo-etc/work /etc
+  mkdir -p /etc/tarsis && mount -t tmpfs tmpfs /etc/tarsis
+  mount -t tmpfs tmpfs /var/log
+  ./build/pelorus-demo'

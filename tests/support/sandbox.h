@@ -1,0 +1,40 @@
+// The private world every test case runs in: its own mount and network
+// namespace, fresh tmpfs over the fixed paths the library writes
+// (/etc/tarsis through an overlay of /etc, /var/log, /run, /tmp, /dev), the
+// checkout and build tree bound back when they live under /tmp, loopback up.
+// Nothing on the host is touched. Each case runs in its own process (ctest
+// runs one gtest case per process), so library state never leaks between cases.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace plr::test {
+
+// Enters the sandbox; on failure prints why and returns false (never skips).
+bool EnterSandbox();
+
+// Paths baked in by the build.
+const char* SourceDir();
+const char* BinaryDir();
+const char* FixtureBinDir();  // the fixture daemons and ping tool
+const char* TestDataDir();    // tests/data in the checkout
+
+// Small file helpers; they abort the test on failure.
+void WriteFile(const std::string& path, const std::string& text, int mode = 0644);
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+
+// Writes "/etc/tarsis/config" naming the fixture BINDIR, and a networking
+// database holding `records` after its version line.
+void WriteProductConfig();
+void WriteDatabase(const std::string& records = "");
+inline constexpr const char* kDatabasePath = "/etc/tarsis/networking";
+inline constexpr const char* kLogPath = "/var/log/pelorus";
+
+// Runs a shell command (inside the sandbox); returns its exit status, or -1.
+int Run(const std::string& command);
+// Runs a command and returns its standard output.
+std::string Capture(const std::string& command);
+
+}  // namespace plr::test

@@ -1,0 +1,16 @@
+// Test entry point: enters the sandbox before any case runs. Listing the
+// cases (ctest's discovery) needs no sandbox and gets none.
+#include <string.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/sandbox.h"
+
+int main(int argc, char** argv) {
+  bool listing = false;
+  for (int i = 1; i < argc; ++i)
+    if (strncmp(argv[i], "--gtest_list_tests", 18) == 0) listing = true;
+  testing::InitGoogleTest(&argc, argv);
+  if (!listing && !plr::test::EnterSandbox()) return 2;
+  return RUN_ALL_TESTS();
+}
