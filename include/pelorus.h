@@ -9,8 +9,11 @@
 #include "pelorus/core.h"
 #include "pelorus/netcfg.h"
 #include "pelorus/vnet.h"
+#include "pelorus/bridge.h"
+#include "pelorus/files.h"
 #include "pelorus/svcfiles.h"
 #include "pelorus/services.h"
 #include "pelorus/api.h"
+#include "pelorus/dbapi.h"
 
 #endif /* PELORUS_H */
