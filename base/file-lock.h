@@ -18,8 +18,9 @@ class FileLock {
   FileLock& operator=(const FileLock&) = delete;
   ~FileLock();  // releases a held lock
 
-  // Takes the lock on `path`, waiting at most `maxWaitMs` milliseconds.
-  // False with errno set, or errno 0 when the wait timed out.
+  // Takes the lock on `path`, waiting at most `maxWaitMs` milliseconds
+  // (polling every 10 ms). False with errno set, or errno 0 when the wait
+  // timed out; EBUSY when this owner already holds a lock.
   bool Lock(const char* path, unsigned maxWaitMs);
   // Releases the lock; false with errno set. Unlocking nothing succeeds.
   bool Unlock();

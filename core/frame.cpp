@@ -26,18 +26,17 @@ void ApiFrame::WriteExit(int line) const {
   PLRLog(LOG_INFO2, nullptr, "\nExiting API Function, %s:%d\n-----------\n", function_, line);
 }
 
-WriteBracket::WriteBracket(const char* function) {
-  if (PLRNetCfgIsReadOnly(nullptr)) {
+WriteBracket::WriteBracket(const char* function, LockMode mode) {
+  if (mode == LockMode::kUnlessReadOnly && PLRNetCfgIsReadOnly(nullptr)) {
     ok_ = true;
     return;
   }
-  locked_ = PLRNetCfgLockConfig(nullptr);
-  ok_ = locked_;
+  ok_ = PLRNetCfgLockConfig(nullptr);
   if (!ok_) PLRLog(LOG_ERR, function, "Failed to obtain lock on vnet config");
 }
 
 WriteBracket::~WriteBracket() {
-  if (locked_) PLRNetCfgUnlockConfig(nullptr);
+  if (ok_) PLRNetCfgUnlockConfig(nullptr);
 }
 
 }  // namespace plr

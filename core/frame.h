@@ -7,8 +7,8 @@
 //     if (!frame.Loaded()) return false;
 //     frame.Args("Arguments - v: %p,%s, mtu: %u", vnetName, PLR_STR(vnetName), mtu);
 //     ...checks...
-//     plr::WriteBracket bracket;
-//     if (!bracket.Locked()) PLR_RETURN(frame, false);
+//     plr::WriteBracket bracket(__func__);
+//     if (!bracket.Ok()) PLR_RETURN(frame, false);
 //     ...work...
 //     PLR_RETURN(frame, ok);
 //   }
@@ -54,12 +54,20 @@ class ApiFrame {
   const char* function_;
 };
 
+// Whether the bracket asks PLRNetCfgIsReadOnly first (the usual write
+// bracket) or takes the lock unconditionally (the update-from-config and
+// service calls, which lock even a read-only cache).
+enum class LockMode { kUnlessReadOnly, kAlways };
+
 // Takes the database lock unless the default cache is read-only, and always
 // releases what it took when the scope ends. A failed lock is logged as
-// "Failed to obtain lock on vnet config" under the caller's name.
+// "Failed to obtain lock on vnet config" under the caller's name. Once the
+// bracket is open, PLRNetCfgUnlockConfig is called at its end in every case,
+// also when a read-only cache took no lock (it then only logs); a failed lock
+// calls no unlock.
 class WriteBracket {
  public:
-  explicit WriteBracket(const char* function);
+  explicit WriteBracket(const char* function, LockMode mode = LockMode::kUnlessReadOnly);
   WriteBracket(const WriteBracket&) = delete;
   WriteBracket& operator=(const WriteBracket&) = delete;
   ~WriteBracket();
@@ -69,7 +77,6 @@ class WriteBracket {
 
  private:
   bool ok_ = false;
-  bool locked_ = false;
 };
 
 }  // namespace plr

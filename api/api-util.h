@@ -1,0 +1,58 @@
+// Small steps shared by the exported per-vnet functions: the vnet name check,
+// running work inside the write bracket, and copying caller bytes that come
+// with a length and need not be NUL-terminated.
+#pragma once
+
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <memory>
+#include <utility>
+
+#include "core/frame.h"
+
+namespace plr::api {
+
+// Converts `name` to its vnet number. A result above 255 is logged under
+// `function` as "Invalid vnet name: %s" and refused.
+bool VnetNumber(const char* function, const char* name, uint32_t* vnet);
+
+// Runs `work` inside a write bracket and returns its result; the lock is
+// released before this returns, so the caller's exit line follows the unlock.
+// A failed lock runs nothing and returns false.
+template <class Work>
+bool Locked(const char* function, LockMode mode, Work&& work) {
+  WriteBracket bracket(function, mode);
+  if (!bracket.Ok()) return false;
+  return std::forward<Work>(work)();
+}
+template <class Work>
+bool Locked(const char* function, Work&& work) {
+  return Locked(function, LockMode::kUnlessReadOnly, std::forward<Work>(work));
+}
+
+struct FreeText {
+  void operator()(char* text) const { free(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
+
+// A NUL-terminated heap copy of exactly `length` bytes (which need not hold a
+// NUL); empty on allocation failure.
+OwnedText CopyBytes(const char* bytes, uint32_t length);
+
+// The rule for the optional description of NAT prefixes and port forwards:
+// no pointer means no description; a length above 127 is refused; a length
+// of 0 drops the description; otherwise `*out` receives a terminated copy.
+// Failures are logged under `function`; true means go ahead.
+bool TakeDescription(const char* function, const char* bytes, uint32_t length, OwnedText* out);
+
+// Precision for printing caller bytes of a given length with "%.*s": never
+// negative, so the print never runs past the length.
+inline int PrintLen(uint32_t length) {
+  return length > INT32_MAX ? INT32_MAX : static_cast<int>(length);
+}
+
+// Length of the text a lower layer left in a buffer of `size` bytes.
+uint32_t TextLen(const char* buffer, uint32_t size);
+
+}  // namespace plr::api

@@ -1,0 +1,77 @@
+// Copying one file over another, used to keep the ".bak" sibling of a
+// regenerated service file. The copy is made in place: no temporary file,
+// no rename, no fsync; a failure leaves a partly written destination.
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include "base/fd-util.h"
+#include "base/sys-util.h"
+#include "core/log.h"
+#include "pelorus/core.h"
+#include "pelorus/files.h"
+
+namespace plr {
+namespace {
+
+constexpr size_t kCopyChunk = 1024;
+
+// Copies everything readable from `source` to `destination` in chunks.
+bool CopyContents(int source, int destination, const char* sourcePath,
+                  const char* destinationPath) {
+  char chunk[kCopyChunk];
+  for (;;) {
+    ssize_t got = sys::read(source, chunk, sizeof chunk);
+    if (got < 0) {
+      PLOG_AS("PLRCopyFile", LOG_ERR, "Reading from source file: %s failed, error: %s", sourcePath,
+              strerror(errno));
+      return false;
+    }
+    if (got == 0) {
+      PLOG_AS("PLRCopyFile", LOG_INFO2, "Finished reading from source file: %s", sourcePath);
+      return true;
+    }
+    ssize_t put = sys::write(destination, chunk, static_cast<size_t>(got));
+    if (put != got) {
+      PLOG_AS("PLRCopyFile", LOG_ERR, "Writing to destination file: %s failed, error: %s",
+              destinationPath, strerror(put < 0 ? errno : EIO));
+      return false;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace plr
+
+extern "C" {
+
+// Copies `source` over `destination`, creating the destination (mode 0644)
+// when it does not exist. Descriptor 0 is never closed here: when the caller
+// has closed its standard input, the slot stays as the caller left it.
+bool PLRCopyFile(const char* source, const char* destination) {
+  if (source == nullptr || destination == nullptr) {
+    PLOG(LOG_ERR, "Invalid arguments");
+    return false;
+  }
+  // Only makes sure the destination exists; opening it below reports failures.
+  PLRCreateFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, destination);
+
+  plr::UniqueFd in(plr::sys::open(source, O_RDONLY | O_CLOEXEC));
+  plr::UniqueFd out;
+  plr::ScopeExit keepDescriptorZero([&] {
+    if (in.get() == 0) in.release();
+    if (out.get() == 0) out.release();
+  });
+  if (!in) {
+    PLOG(LOG_ERR, "Could not open source file: %s, error: %s", source, strerror(errno));
+    return false;
+  }
+  out.reset(plr::sys::open(destination, O_WRONLY | O_TRUNC | O_CLOEXEC));
+  if (!out) {
+    PLOG(LOG_ERR, "Could not open destination file: %s, error: %s", destination, strerror(errno));
+    return false;
+  }
+  return plr::CopyContents(in.get(), out.get(), source, destination);
+}
+
+}  // extern "C"

@@ -1,0 +1,218 @@
+// Bridge mappings of host adapters to vnets (-1: bridged to nothing), written
+// through to the journal (undo rules as in answers.cpp), and the adapter
+// lists built from them.
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <optional>
+
+#include "netcfg/tables.h"
+
+namespace plr {
+namespace {
+
+// Undoes a failed add; see RollbackAnswer.
+bool RollbackBridge(PLRNetworkConfigurationDB* db, const char* adapter, int32_t vnet,
+                    std::optional<int32_t> oldVnet, bool landed, bool restoring) {
+  db->modified = true;
+  if (restoring) return false;
+  bool mayHaveLanded = false;
+  if (oldVnet) {
+    NetCfgHashAddBridge(db, adapter, *oldVnet);
+    if (landed && !NetCfgAppendRecord(db, BridgeRecord(adapter, *oldVnet, true), &mayHaveLanded))
+      PLOG_AS("PLRNetCfgAddHostAdapterMapping", LOG_ERR,
+              "Failed to restore previous values of Bridge mapping adapter: %s, vnet: %d", adapter,
+              *oldVnet);
+    return false;
+  }
+  if (!NetCfgHashRemoveBridge(db, adapter) ||
+      (landed && !NetCfgAppendRecord(db, BridgeRecord(adapter, vnet, false), &mayHaveLanded)))
+    PLOG_AS("PLRNetCfgAddHostAdapterMapping", LOG_ERR,
+            "Failed to remove newly added record, adapter: %s, vnet:%d", adapter, vnet);
+  return false;
+}
+
+bool AddBridge(PLRNetworkConfigurationDB* db, const char* adapter, int32_t vnet, bool restoring) {
+  const char* fn = "PLRNetCfgAddHostAdapterMapping";
+  std::optional<int32_t> oldVnet;
+  if (const int32_t* found = NetCfgFindBridge(db, adapter)) oldVnet = *found;
+  if (oldVnet && *oldVnet == vnet) {
+    PLOG_AS(fn, LOG_INFO2, "New and old value vnet in the configuration are same: %d for adapter: %s",
+            vnet, adapter);
+    return true;
+  }
+  if (!NetCfgHashAddBridge(db, adapter, vnet)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to add Bridge mapping for adapter: %s to vnet: %d", adapter, vnet);
+    return RollbackBridge(db, adapter, vnet, oldVnet, false, restoring);
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  bool mayHaveLanded = false;
+  if (oldVnet && !NetCfgAppendRecord(db, BridgeRecord(adapter, *oldVnet, false), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR,
+            "Failed to remove bridge mapping for adapter: %s To vnet: %d from database file, "
+            "error: %s",
+            adapter, *oldVnet, strerror(errno));
+    return RollbackBridge(db, adapter, vnet, oldVnet, mayHaveLanded, restoring);
+  }
+  if (!NetCfgAppendRecord(db, BridgeRecord(adapter, vnet, true), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR,
+            "Failed to write bridge for adapter: %s To vnet: %d to database file, error: %s",
+            adapter, vnet, strerror(errno));
+    return RollbackBridge(db, adapter, vnet, oldVnet, oldVnet.has_value() || mayHaveLanded,
+                          restoring);
+  }
+  return true;
+}
+
+// A separately allocated list element for a mapped adapter.
+PLR_HostAdapter* NewAdapterElement(const std::string& name, int32_t vnet) {
+  auto* element = static_cast<PLR_HostAdapter*>(calloc(1, sizeof(PLR_HostAdapter)));
+  if (element == nullptr) return nullptr;
+  element->version = PLR_HOSTADAPTER_VERSION;
+  element->netId.version = PLR_NETID_VERSION;
+  element->netId.netType = PLR_NETID_TYPE_VNET;
+  element->netId.vnet = static_cast<uint32_t>(vnet);
+  memcpy(element->name, name.c_str(), name.size() + 1);
+  memcpy(element->displayName, name.c_str(), name.size() + 1);
+  return element;
+}
+
+}  // namespace
+}  // namespace plr
+
+using namespace plr;
+
+extern "C" {
+
+// Maps `adapter` to `vnet` (0..255, or -1 for bridged to nothing).
+bool PLRNetCfgAddHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* adapter,
+                                    int32_t vnet, bool restoring) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (adapter == nullptr || !NetCfgIsValidAdapterName(adapter) || !NetCfgIsValidBridgeVnet(vnet)) {
+    PLOG(LOG_ERR, "Failed to add Bridge mapping for adapter: %s to vnet: %d",
+         adapter ? adapter : "(null)", vnet);
+    return false;
+  }
+  return NetCfgGuarded(__func__, [&] { return AddBridge(cache, adapter, vnet, restoring); });
+}
+
+// Removes the mapping of `adapter`; absent is a failure.
+bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* adapter) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (!cache->bridges) {
+    PLOG(LOG_ERR, "Cannot delete mapping entry from empty mapping list");
+    return false;
+  }
+  const int32_t* found = adapter != nullptr ? NetCfgFindBridge(cache, adapter) : nullptr;
+  if (found == nullptr) {
+    PLOG(LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from hash table",
+         adapter ? adapter : "(null)");
+    return false;
+  }
+  int32_t oldVnet = *found;
+  return NetCfgGuarded(__func__, [&] {
+    NetCfgHashRemoveBridge(cache, adapter);
+    if (cache->readOnly) {
+      cache->modified = true;
+      return true;
+    }
+    bool mayHaveLanded = false;
+    if (NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
+      return true;
+    PLOG(LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file", adapter);
+    if (!NetCfgHashAddBridge(cache, adapter, oldVnet))
+      PLOG(LOG_ERR, "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d",
+           adapter, oldVnet);
+    if (mayHaveLanded)
+      NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
+    PLOG(LOG_ERR, "Removing Bridge mapping failed");
+    return false;
+  });
+}
+
+// The vnet `adapter` is explicitly mapped to.
+bool PLRNetCfgLookupVnetForHostAdapter(PLRNetworkConfigurationDB* db, const char* adapter,
+                                       int32_t* vnet) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (!cache->bridges) {
+    PLOG(LOG_INFO2, "List of Bridge mappings is empty");
+    return false;
+  }
+  const int32_t* found = adapter != nullptr ? NetCfgFindBridge(cache, adapter) : nullptr;
+  if (found == nullptr) {
+    PLOG(LOG_INFO2, "Cannot find mapping for adapter: %s in hash: %p",
+         adapter ? adapter : "(null)", static_cast<void*>(cache->bridges.get()));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Found Bridge mapping entry: %p for adapter: %s",
+       static_cast<const void*>(found), adapter);
+  if (vnet != nullptr) *vnet = *found;
+  return true;
+}
+
+// The adapters mapped to `vnet` (every mapping for PLR_VNET_ALL), or with
+// `exclude` those mapped to another vnet, as a list of separately allocated
+// elements in table order. No mapping at all gives an empty list.
+bool PLRNetCfgLookupHostAdaptersForVnet(PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                        uint32_t* count, PLR_HostAdapter** list, bool exclude) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr || count == nullptr || list == nullptr) return false;
+  *count = 0;
+  *list = nullptr;
+  if (!cache->bridges || cache->bridges->empty()) {
+    PLOG(LOG_INFO2, "List of bridge mappings is empty");
+    return true;
+  }
+  std::vector<const std::pair<const std::string, int32_t>*> array;
+  if (!NetCfgGuarded(__func__, [&] {
+        array.reserve(cache->bridges->size());
+        for (const auto& node : *cache->bridges) array.push_back(&node);
+        return true;
+      })) {
+    PLOG(LOG_ERR, "Failure in creating array of Bridge mappings");
+    return false;
+  }
+  PLOG(LOG_INFO2, "Created array of Bridge mappings");
+  PLR_HostAdapter** tail = list;
+  for (const auto* node : array) {
+    PLOG(LOG_INFO2, "Entry in Array: %p", static_cast<const void*>(node));
+    bool mapped = vnet == PLR_VNET_ALL || static_cast<uint32_t>(node->second) == vnet;
+    if (mapped == exclude) continue;
+    if (node->first.size() >= sizeof((*list)->name)) {
+      PLOG(LOG_ERR, "Adapter: %s is longer than expected, skipping", node->first.c_str());
+      continue;
+    }
+    PLR_HostAdapter* element = NewAdapterElement(node->first, node->second);
+    if (element == nullptr) {
+      PLOG(LOG_ERR, "Memory allocation failure");
+      PLRFreeHostAdapList(list);
+      *count = 0;
+      return false;
+    }
+    *tail = element;
+    tail = &element->next;
+    ++*count;
+  }
+  return true;
+}
+
+// Frees every element of a list and leaves the head NULL.
+void PLRFreeHostAdapList(PLR_HostAdapter** head) {
+  if (head == nullptr) return;
+  PLR_HostAdapter* element = *head;
+  while (element != nullptr) {
+    PLR_HostAdapter* next = element->next;
+    free(element);
+    element = next;
+  }
+  *head = nullptr;
+}
+
+}  // extern "C"

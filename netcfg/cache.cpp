@@ -1,0 +1,232 @@
+// Loading, unloading (with compaction) and locking of database caches.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/config-file.h"
+#include "base/fs-util.h"
+#include "base/sys-util.h"
+#include "netcfg/reader.h"
+#include "netcfg/tables.h"
+#include "pelorus/files.h"
+#include "pelorus/vnet.h"
+
+namespace plr {
+namespace {
+
+// errno of a failed FileLock call as text; a lock that gave up waiting
+// reports no error number.
+const char* LockErrorText(int err) { return err != 0 ? strerror(err) : "timed out"; }
+
+// Adds BINDIR from the product configuration; only a failed insert fails.
+bool LoadBinDir(PLRNetworkConfigurationDB* db) {
+  ConfigDictionary dict;
+  std::string error;
+  if (!LoadConfigFile(kProductConfigPath, &dict, &error)) {
+    PLOG_AS("PLRNetCfgLoad", LOG_WRN, "Failed to load product config file: %s, error: %s",
+            kProductConfigPath, error.c_str());
+    return true;
+  }
+  auto it = dict.find("bindir");
+  if (it == dict.end()) {
+    PLOG_AS("PLRNetCfgLoad", LOG_WRN, "Value not found for bindir");
+    return true;
+  }
+  if (!NetCfgHashAddAnswer(db, kNetCfgBinDirKey, it->second)) {
+    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to insert value of bindir");
+    return false;
+  }
+  return true;
+}
+
+// Steps of a load after the record exists; false leaves the record to the
+// caller's cleanup.
+bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, bool readOnly) {
+  if (!readOnly && !db->lock.Lock(path, kNetCfgLockWaitMs)) {
+    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to lock config database file, error: %s",
+            LockErrorText(errno));
+    return false;
+  }
+  db->backup = backup;
+  // Records are written with write(2) on the descriptor, never through the
+  // stream, so the stream keeps its buffer for the read below.
+  db->stream.reset(sys::fopen(path, readOnly ? "re" : "r+e"));
+  if (!db->stream) {
+    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Unable to open network configuration database file, error: %s",
+            strerror(errno));
+    return false;
+  }
+  db->readOnly = readOnly;
+  db->fileName = path;
+  if (!NetCfgReadDatabase(db, db->stream.get())) return false;
+  if (db->lock.held() && !db->lock.Unlock()) {
+    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to unlock database file: %s, error: %s", path,
+            strerror(errno));
+    return false;
+  }
+  return LoadBinDir(db);
+}
+
+// Rewrites the database file from the cache: temporary file beside it,
+// complete and on disk, then renamed over the database, then the directory
+// made durable. Any failure leaves the journal as it was.
+void Compact(PLRNetworkConfigurationDB* db) {
+  const char* path = db->fileName.c_str();
+  std::string dir = db->fileName.substr(0, db->fileName.rfind('/') + 1);
+  std::string tempPath = (dir.empty() ? std::string("./") : dir) + ".networking.XXXXXX";
+  UniqueFd fd(mkostemp(tempPath.data(), O_CLOEXEC));
+  if (!fd) {
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to create temporary backup file, error: %s",
+            strerror(errno));
+    return;
+  }
+  struct stat st;
+  if (stat(path, &st) != 0 || fchmod(fd.get(), st.st_mode & 07777) != 0)
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to change permissions on backup file: %s",
+            tempPath.c_str());
+  fd.reset();
+  if (!NetCfgWriteDatabaseFile(db, tempPath.c_str(), false)) {
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to write to temp database file: %s",
+            tempPath.c_str());
+    sys::unlink(tempPath.c_str());
+    return;
+  }
+  if (sys::rename(tempPath.c_str(), path) != 0) {
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to reame: %s to %s, error: %s", tempPath.c_str(),
+            path, strerror(errno));
+    sys::unlink(tempPath.c_str());
+    return;
+  }
+  PLOG_AS("PLRNetCfgUnload", LOG_INFO2, "Renamed temp file: %s to %s", tempPath.c_str(), path);
+  if (!FsyncParentDir(path))
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to flush database file: %s, error: %s", dir.c_str(),
+            strerror(errno));
+}
+
+// Compaction runs under the database lock, so no other writer's append can
+// fall between the rewrite and the rename. Without the lock the journal is
+// left as it is: it is complete, only longer.
+void CompactLocked(PLRNetworkConfigurationDB* db) {
+  FileLock ownLock;
+  if (!db->lock.held() && !ownLock.Lock(db->fileName.c_str(), kNetCfgLockWaitMs)) {
+    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to lock config database file, error: %s",
+            LockErrorText(errno));
+    return;
+  }
+  Compact(db);
+}
+
+}  // namespace
+}  // namespace plr
+
+using plr::netCfgDefaultCache;
+
+extern "C" {
+
+// Loads `path` into a new cache: published in *cacheOut, or as the default
+// cache when cacheOut is NULL. The file is locked only while it is read.
+bool PLRNetCfgLoad(const char* path, PLRNetworkConfigurationDB** cacheOut, bool backup,
+                   bool readOnly) {
+  if (cacheOut == nullptr && netCfgDefaultCache != nullptr) {
+    PLOG(LOG_WRN, "Network configuration database cache is already loaded");
+    return true;
+  }
+  if (path == nullptr || !PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, path)) {
+    PLOG(LOG_ERR, "Import file does not exist");
+    return false;
+  }
+  PLRNetworkConfigurationDB* db = new (std::nothrow) PLRNetworkConfigurationDB;
+  if (db == nullptr) {
+    PLOG(LOG_ERR, "Failed to allocate memory for PLRNetworkConfigurationDB, error: %s",
+         strerror(ENOMEM));
+    return false;
+  }
+  bool ok = plr::NetCfgGuarded(__func__, [&] { return plr::FillCache(db, path, backup, readOnly); });
+  if (!ok) {
+    PLOG(LOG_ERR, "Failed to load database cache with contents of file: %s", path);
+    PLRNetCfgUnload(&db, false);
+    return false;
+  }
+  if (cacheOut != nullptr)
+    *cacheOut = db;
+  else
+    netCfgDefaultCache = db;
+  PLOG(LOG_INFO, "Database cache loaded with contents of file: %s", path);
+  return true;
+}
+
+// Releases a cache (the default one when `cachePointer` is NULL), first
+// rewriting its file when asked to, the cache changed and may write.
+bool PLRNetCfgUnload(PLRNetworkConfigurationDB** cachePointer, bool compact) {
+  PLRNetworkConfigurationDB** slot = cachePointer != nullptr ? cachePointer : &netCfgDefaultCache;
+  PLRNetworkConfigurationDB* db = *slot;
+  if (db == nullptr) {
+    PLOG(LOG_ERR, "Requested cache is not loaded");
+    return true;
+  }
+  db->stream.reset();
+  if (compact && db->modified && !db->readOnly) {
+    try {
+      plr::CompactLocked(db);
+    } catch (const std::bad_alloc&) {
+      PLOG(LOG_ERR, "Failed to write to temp database file: %s", db->fileName.c_str());
+    }
+  }
+  if (db->lock.held() && !db->lock.Unlock())
+    PLOG(LOG_ERR, "Failed to unlock database file: %s, error: %s", db->fileName.c_str(),
+         strerror(errno));
+  for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
+    PLRNetCfgRemoveAllNATPortFwd(db, vnet, true, true, false);
+    PLRNetCfgRemoveAllDHCPMACToIPMapping(db, vnet, false);
+    PLRNetCfgRemoveAllNATPrefix(db, vnet, false);
+  }
+  if (db == netCfgDefaultCache) netCfgDefaultCache = nullptr;
+  delete db;
+  plrDefaultBridgeVnet = PLR_VNET_ALL;
+  *slot = nullptr;
+  return true;
+}
+
+bool PLRNetCfgIsReadOnly(PLRNetworkConfigurationDB* db) {
+  PLRNetworkConfigurationDB* cache = plr::NetCfgResolve(db);
+  return cache != nullptr && cache->readOnly;
+}
+
+// Takes the database lock for a whole change; a cache locks at most once.
+bool PLRNetCfgLockConfig(PLRNetworkConfigurationDB* db) {
+  PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (cache->lock.held()) {
+    PLOG(LOG_INFO, "Database file is already locked");
+    return false;
+  }
+  if (!cache->lock.Lock(cache->fileName.c_str(), plr::kNetCfgLockWaitMs)) {
+    PLOG(LOG_ERR, "Failed to lock config file, file: %s, error: %s", cache->fileName.c_str(),
+         plr::LockErrorText(errno));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Database file locking success");
+  return true;
+}
+
+// Releases the lock of PLRNetCfgLockConfig; unlocking an unlocked cache is
+// not an error.
+bool PLRNetCfgUnlockConfig(PLRNetworkConfigurationDB* db) {
+  PLRNetworkConfigurationDB* cache = plr::NetCfgResolve(db);
+  if (cache == nullptr || !cache->lock.held()) {
+    PLOG(LOG_INFO2, "Config file is not currently locked");
+    return true;
+  }
+  if (!cache->lock.Unlock()) {
+    PLOG(LOG_ERR, "Failed to unlock database file: %s, error: %s", cache->fileName.c_str(),
+         strerror(errno));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Config file unlocking success");
+  return true;
+}
+
+}  // extern "C"

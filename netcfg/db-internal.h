@@ -1,0 +1,208 @@
+// The networking database cache as the netcfg and import/export code sees it:
+// the record behind the opaque PLRNetworkConfigurationDB, the record types of
+// the journal, their formatting, and the writers of whole database files.
+//
+// Ownership: a cache owns every table, entry and string in it; the stream is
+// the database file, kept open from load to unload. Changes to the tables
+// made directly through this header write no journal record; the PLRNetCfg...
+// functions are the write-through path.
+#pragma once
+
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "base/fd-util.h"
+#include "base/file-lock.h"
+#include "pelorus/netcfg.h"
+
+namespace plr {
+
+inline constexpr uint32_t kNetCfgMajorVersion = 1;
+inline constexpr uint32_t kNetCfgMinorVersion = 0;
+inline constexpr unsigned kNetCfgLockWaitMs = 3500;
+// A line holds at most 1023 characters; longer lines are refused, and no
+// record longer than that (newline not counted) is ever written.
+inline constexpr size_t kNetCfgMaxLine = 1024;
+inline constexpr size_t kNetCfgAdapterNameSize = 128;  // names are shorter
+inline constexpr size_t kNetCfgMaxDescription = 127;
+inline constexpr size_t kNetCfgAnswerBuckets = 512;
+inline constexpr const char* kNetCfgBinDirKey = "BINDIR";
+inline constexpr const char* kProductConfigPath = "/etc/tarsis/config";
+
+// Record types in the order of the keyword table; the numbers are the codes
+// the writers switch on.
+enum NetCfgRecordType : uint32_t {
+  kRecAnswer = 1,
+  kRecRemoveAnswer = 2,
+  kRecAddNatPortFwd = 3,
+  kRecRemoveNatPortFwd = 4,
+  kRecAddDhcpMacToIp = 5,
+  kRecRemoveDhcpMacToIp = 6,
+  kRecAddBridgeMapping = 7,
+  kRecRemoveBridgeMapping = 8,
+  kRecAddNatPrefix = 9,
+  kRecRemoveNatPrefix = 10,
+};
+
+// Hash and equality that let string-keyed tables be searched with a
+// string_view, so replaying a record needs no temporary key string.
+struct NetCfgStringHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const noexcept {
+    return std::hash<std::string_view>{}(s);
+  }
+};
+template <class V>
+using NetCfgStringMap = std::unordered_map<std::string, V, NetCfgStringHash, std::equal_to<>>;
+using NetCfgStringSet = std::unordered_set<std::string, NetCfgStringHash, std::equal_to<>>;
+
+// One answer. For keys of the form VNET_<n>_<FIELD> it also carries n and the
+// offset of FIELD within the key, so the import can work field by field.
+struct NetworkConfigDictionaryEntry {
+  std::string value;
+  int32_t vnet = -1;         // n, or -1 for a global key
+  uint32_t fieldOffset = 0;  // offset of FIELD, 0 for a global key
+};
+using NetCfgAnswerTable = NetCfgStringMap<NetworkConfigDictionaryEntry>;
+
+// One NAT port forward; an empty description means none.
+struct NATPortFwdEntry {
+  uint32_t vnet = 0;
+  uint8_t isTCP = 0;
+  uint16_t hostPort = 0;
+  std::string vmIP;
+  uint16_t vmPort = 0;
+  std::string description;
+};
+
+// One protocol of one vnet: the table keyed by host port, and the array that
+// enumeration walks. The array is built on demand and discarded by every add
+// or remove on this protocol, so the order stays stable between changes.
+struct NATPortFwdGroup {
+  std::unique_ptr<std::unordered_map<uint16_t, NATPortFwdEntry>> table;
+  std::vector<const NATPortFwdEntry*> array;
+  bool arrayValid = false;
+};
+
+// The port forwards of one vnet: TCP group first, UDP second. Freed when
+// both tables are gone.
+struct NATVnetPortFwdConfig {
+  NATPortFwdGroup groups[2];
+  NATPortFwdGroup& group(bool isTCP) { return groups[isTCP ? 0 : 1]; }
+  const NATPortFwdGroup& group(bool isTCP) const { return groups[isTCP ? 0 : 1]; }
+};
+
+// DHCP mappings of one vnet, keyed by the standardised MAC; the value is the
+// IP address. The array caches the enumeration order like the port forwards.
+struct DhcpVnetTable {
+  NetCfgStringMap<std::string> table;
+  std::vector<const std::pair<const std::string, std::string>*> array;
+  bool arrayValid = false;
+};
+
+// Bridge mappings: adapter name -> vnet (0..255, or -1 for none).
+using NetCfgBridgeTable = NetCfgStringMap<int32_t>;
+
+}  // namespace plr
+
+// The cache of one database file; fields in their documented order.
+struct PLRNetworkConfigurationDB {
+  plr::FileLock lock;      // held lock on the database file
+  plr::UniqueFile stream;  // the file; every record is written on its descriptor
+  std::string fileName;    // path of the file
+  bool backup = false;     // a backup/export file ("BACKUP_VERSION")
+  bool modified = false;   // a compacting unload rewrites only when set
+  uint32_t majorVersion = 0;
+  uint32_t minorVersion = 0;
+  bool readOnly = false;  // no lock, no file writes
+  std::unique_ptr<plr::NetCfgAnswerTable> answers;
+  std::unique_ptr<plr::NetCfgBridgeTable> bridges;
+  std::unique_ptr<plr::NATVnetPortFwdConfig> portFwds[PLR_MAX_VNETS];
+  std::unique_ptr<plr::DhcpVnetTable> dhcp[PLR_MAX_VNETS];
+  std::unique_ptr<plr::NetCfgStringSet> prefixes[PLR_MAX_VNETS];
+  // Offset just past the last record this cache appended, or -1 when not
+  // known (after load, or after the stream was replaced). When the end of the
+  // file is elsewhere, another writer was there and the last byte is checked
+  // for a newline before appending.
+  off_t journalEnd = -1;
+};
+
+namespace plr {
+
+// The default cache, owned by the library from load to last unload.
+extern PLRNetworkConfigurationDB* netCfgDefaultCache;
+
+// `db`, or the default cache when `db` is null (may be null).
+inline PLRNetworkConfigurationDB* NetCfgResolve(PLRNetworkConfigurationDB* db) {
+  return db != nullptr ? db : netCfgDefaultCache;
+}
+
+// One record of the journal; only the fields of its type are used.
+struct NetCfgRecord {
+  uint32_t type = 0;
+  std::string_view key;    // answer key
+  std::string_view value;  // answer value
+  uint32_t vnet = 0;       // port forwards, DHCP, prefixes
+  int32_t bridgeVnet = 0;  // bridge mappings (-1 allowed)
+  bool isTCP = false;
+  uint16_t hostPort = 0;
+  std::string_view vmIP;
+  uint16_t vmPort = 0;
+  std::string_view description;  // empty: none
+  std::string_view mac;
+  std::string_view ip;
+  std::string_view adapter;
+  std::string_view prefix;
+};
+
+// Appends the text of `record` (with its newline) to `out`. An unknown type
+// logs "Invalid record type: %u" and fails.
+bool NetCfgFormatRecord(const NetCfgRecord& record, std::string* out);
+
+// The export-to-memory form: appends the record to `buffer`, growing it in
+// steps of 1024 bytes. An answer keyed "BINDIR" fails the record.
+bool NetCfgWriteRecord(std::string* buffer, const NetCfgRecord& record);
+
+// Appends one record to the cache's journal: formatted, then written with one
+// write() at the current end of the file; marks the cache modified. On
+// failure nothing of the record stays in the file; errno tells why.
+bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord& record);
+
+// The add records of one group in the order of the compacting writer:
+// answers (kRecAnswer) by key in byte order, BINDIR included; port forwards
+// (kRecAddNatPortFwd) by vnet, TCP before UDP, host port; DHCP mappings
+// (kRecAddDhcpMacToIp) by vnet, table order within a vnet; bridge mappings
+// (kRecAddBridgeMapping) by signed vnet, then adapter name. Other types give
+// nothing. The records point into the cache: valid until it changes.
+void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
+                          std::vector<NetCfgRecord>* out);
+// The groups above in file order.
+inline constexpr uint32_t kNetCfgWrittenTypes[] = {kRecAnswer, kRecAddNatPortFwd,
+                                                   kRecAddDhcpMacToIp, kRecAddBridgeMapping};
+
+// Writes the whole cache to `path` afresh: version line ("VERSION=1,0", or
+// "BACKUP_VERSION=1,0" for a backup), then the groups above, BINDIR skipped,
+// then fsync. On failure the file is removed.
+bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bool backup);
+
+// "MAJOR,MINOR" with MAJOR 0 or 1 and any non-negative MINOR; logs the reason
+// of a refusal under ParseVersionString.
+bool ParseVersionString(const char* text, uint32_t* major, uint32_t* minor);
+
+// Table operations without journal records (the replay and the import work
+// through these). Adding replaces the value in place.
+bool NetCfgHashAddAnswer(PLRNetworkConfigurationDB* db, std::string_view key,
+                         std::string_view value);
+bool NetCfgHashRemoveAnswer(PLRNetworkConfigurationDB* db, std::string_view key);
+
+// Fills vnet and field offset for a VNET_<n>_<FIELD> key (n up to 255).
+void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry* entry);
+
+}  // namespace plr

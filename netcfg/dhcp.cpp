@@ -1,0 +1,215 @@
+// DHCP MAC-to-IP mappings: one table per vnet keyed by the standard form of
+// the MAC, written through to the journal (undo rules as in answers.cpp).
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "netcfg/tables.h"
+
+namespace plr {
+namespace {
+
+bool CopyOut(std::string_view text, char* buf, size_t size) {
+  if (buf == nullptr || text.size() + 1 > size) return false;
+  memcpy(buf, text.data(), text.size());
+  buf[text.size()] = '\0';
+  return true;
+}
+
+// Undoes a failed add; see RollbackAnswer.
+bool RollbackDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac, const char* ip,
+                  const std::optional<std::string>& oldIp, bool landed, bool restoring) {
+  db->modified = true;
+  if (restoring) return false;
+  bool mayHaveLanded = false;
+  if (oldIp) {
+    NetCfgHashAddDhcp(db, vnet, mac, *oldIp);
+    if (landed && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, *oldIp, true), &mayHaveLanded))
+      PLOG_AS("PLRNetCfgAddDHCPMACToIP", LOG_ERR, "Failed to restore previous values %s:%s", mac,
+              oldIp->c_str());
+    return false;
+  }
+  if (!NetCfgHashRemoveDhcp(db, vnet, mac) ||
+      (landed && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, ip, false), &mayHaveLanded)))
+    PLOG_AS("PLRNetCfgAddDHCPMACToIP", LOG_ERR, "Failed to remove newly added record, %s:%s", mac,
+            ip);
+  return false;
+}
+
+bool AddDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac, const char* ip,
+             bool restoring) {
+  const char* fn = "PLRNetCfgAddDHCPMACToIP";
+  std::optional<std::string> oldIp;
+  if (const std::string* found = NetCfgFindDhcp(db, vnet, mac)) oldIp = *found;
+  if (!NetCfgHashAddDhcp(db, vnet, mac, ip)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac, ip);
+    return RollbackDhcp(db, vnet, mac, ip, oldIp, false, restoring);
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  bool mayHaveLanded = false;
+  if (oldIp && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, *oldIp, false), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s To IP: %s", mac,
+            oldIp->c_str());
+    return RollbackDhcp(db, vnet, mac, ip, oldIp, mayHaveLanded, restoring);
+  }
+  if (!NetCfgAppendRecord(db, DhcpRecord(vnet, mac, ip, true), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to add DHCP address mapping record for MAC: %s To IP: %s", mac,
+            ip);
+    return RollbackDhcp(db, vnet, mac, ip, oldIp, oldIp.has_value() || mayHaveLanded, restoring);
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace plr
+
+using namespace plr;
+
+extern "C" {
+
+// Adds or replaces the mapping of `mac` (any accepted form) on `vnet`.
+bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac,
+                             const char* ip, bool restoring) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  char standard[18];
+  if (vnet >= PLR_MAX_VNETS || mac == nullptr || !NetCfgStandardizeMAC(mac, standard) ||
+      ip == nullptr || !NetCfgIsValidIP(ip)) {
+    PLOG(LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s",
+         mac ? mac : "(null)", ip ? ip : "(null)");
+    return false;
+  }
+  return NetCfgGuarded(__func__, [&] { return AddDhcp(cache, vnet, standard, ip, restoring); });
+}
+
+// Removes the mapping of `mac` on `vnet`; absent is a failure.
+bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  char standard[18];
+  const std::string* found = nullptr;
+  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard))
+    found = NetCfgFindDhcp(cache, vnet, standard);
+  if (found == nullptr) {
+    PLOG(LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", mac ? mac : "(null)");
+    return false;
+  }
+  return NetCfgGuarded(__func__, [&] {
+    std::string oldIp = *found;
+    NetCfgHashRemoveDhcp(cache, vnet, standard);
+    if (cache->readOnly) {
+      cache->modified = true;
+      return true;
+    }
+    bool mayHaveLanded = false;
+    if (NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, false), &mayHaveLanded))
+      return true;
+    PLOG(LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
+    if (!NetCfgHashAddDhcp(cache, vnet, standard, oldIp))
+      PLOG(LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s", standard,
+           oldIp.c_str());
+    if (mayHaveLanded)
+      NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
+    return false;
+  });
+}
+
+// Copies out the IP address mapped to `mac` on `vnet`.
+bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac,
+                                char* ipBuffer, size_t ipBufferSize) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) {
+    PLOG(LOG_ERR, "List of DHCP mappings is empty");
+    return false;
+  }
+  DhcpVnetTable* table = cache->dhcp[vnet].get();
+  char standard[18];
+  const std::string* ip = nullptr;
+  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard)) ip = NetCfgFindDhcp(cache, vnet, standard);
+  if (ip == nullptr) {
+    PLOG(LOG_INFO2, "Cannot find mapping for MAC: %s in hash: %p", mac ? mac : "(null)",
+         static_cast<void*>(table));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Found DHCP entry: %p for MAC: %s", static_cast<const void*>(ip), standard);
+  if (!CopyOut(*ip, ipBuffer, ipBufferSize)) {
+    PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip->c_str());
+    return false;
+  }
+  return true;
+}
+
+// One step of a cursor walk over the cached array of a vnet's mappings.
+bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint32_t* cursor,
+                              char* macBuffer, size_t macBufferSize, char* ipBuffer,
+                              size_t ipBufferSize) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr || cursor == nullptr) return false;
+  if (vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) {
+    PLOG(LOG_ERR, "List of mappings is empty");
+    return false;
+  }
+  DhcpVnetTable& table = *cache->dhcp[vnet];
+  if (!table.arrayValid) {
+    bool built = NetCfgGuarded(__func__, [&] {
+      table.array.clear();
+      table.array.reserve(table.table.size());
+      for (const auto& node : table.table) table.array.push_back(&node);
+      return true;
+    });
+    if (!built) {
+      PLOG(LOG_ERR, "Failure in creating array of DHCP mappings");
+      return false;
+    }
+    table.arrayValid = true;
+    PLOG(LOG_INFO2, "Created array of DHCP mappings");
+  }
+  if (*cursor >= table.array.size()) {
+    PLOG(LOG_INFO2, "No mappings to enumerate");
+    return false;
+  }
+  const auto& [mac, ip] = *table.array[*cursor];
+  if (!CopyOut(mac, macBuffer, macBufferSize)) {
+    PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, mac.c_str());
+    return false;
+  }
+  if (!CopyOut(ip, ipBuffer, ipBufferSize)) {
+    PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip.c_str());
+    return false;
+  }
+  ++*cursor;
+  return true;
+}
+
+// Drops a vnet's mappings, optionally journaling a remove record for each
+// (in MAC order). Never fails.
+bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                          bool writeRecords) {
+  PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
+  if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) return true;
+  if (writeRecords && !cache->readOnly) {
+    bool allWritten = NetCfgGuarded(__func__, [&] {
+      std::vector<const std::pair<const std::string, std::string>*> nodes;
+      for (const auto& node : cache->dhcp[vnet]->table) nodes.push_back(&node);
+      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });
+      bool ok = true;
+      for (const auto* node : nodes) {
+        bool mayHaveLanded = false;
+        ok = NetCfgAppendRecord(cache, DhcpRecord(vnet, node->first, node->second, false),
+                                &mayHaveLanded) && ok;
+      }
+      return ok;
+    });
+    if (!allWritten) PLOG(LOG_WRN, "All the DHCP mappings could not be deleted");
+  }
+  cache->dhcp[vnet].reset();
+  return true;
+}
+
+}  // extern "C"

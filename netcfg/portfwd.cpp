@@ -1,0 +1,268 @@
+// NAT port forwards: per vnet, a TCP and a UDP table keyed by host port,
+// written through to the journal like answers (see answers.cpp for the undo
+// rules: only records that reached the file get a compensating record).
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "netcfg/tables.h"
+#include "pelorus/core.h"
+
+namespace plr {
+namespace {
+
+// Copies `text` with its terminator into `buf` when it fits.
+bool CopyOut(std::string_view text, char* buf, size_t size) {
+  if (buf == nullptr || text.size() + 1 > size) return false;
+  memcpy(buf, text.data(), text.size());
+  buf[text.size()] = '\0';
+  return true;
+}
+
+// The description as the lookup and enumeration hand it out: copied when its
+// length plus 1 is below the given length, which then becomes length plus 2;
+// 0 when there is none.
+bool CopyDescription(const std::string& description, char* buf, uint32_t* length,
+                     const char* function) {
+  if (description.empty()) {
+    *length = 0;
+    if (buf != nullptr) buf[0] = '\0';
+    return true;
+  }
+  if (buf == nullptr || description.size() + 1 >= *length) {
+    PLOG_AS(function, LOG_ERR, "Insufficient buffer length for description");
+    return false;
+  }
+  memcpy(buf, description.data(), description.size() + 1);
+  *length = static_cast<uint32_t>(description.size() + 2);
+  return true;
+}
+
+// Undoes a failed add; see RollbackAnswer.
+bool RollbackPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& added,
+                     const std::optional<NATPortFwdEntry>& old, bool landed, bool restoring) {
+  db->modified = true;
+  if (restoring) return false;
+  bool mayHaveLanded = false;
+  const char* proto = NetCfgProtoName(added.isTCP);
+  if (old) {
+    NetCfgHashAddPortFwd(db, *old);
+    if (landed && !NetCfgAppendRecord(db, PortFwdRecord(*old, true), &mayHaveLanded))
+      PLOG_AS("PLRNetCfgAddNATPortFwd", LOG_ERR,
+              "Failed to restore previous values, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
+              old->vnet, proto, old->hostPort, old->vmIP.c_str(), old->vmPort);
+    return false;
+  }
+  if (!NetCfgHashRemovePortFwd(db, added.vnet, added.isTCP, added.hostPort) ||
+      (landed && !NetCfgAppendRecord(db, PortFwdRecord(added, false), &mayHaveLanded)))
+    PLOG_AS("PLRNetCfgAddNATPortFwd", LOG_ERR,
+            "Failed to remove newly added record, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
+            added.vnet, proto, added.hostPort, added.vmIP.c_str(), added.vmPort);
+  return false;
+}
+
+bool AddPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& entry, bool restoring) {
+  const char* fn = "PLRNetCfgAddNATPortFwd";
+  const char* proto = NetCfgProtoName(entry.isTCP);
+  std::optional<NATPortFwdEntry> old;
+  if (const NATPortFwdEntry* found = NetCfgFindPortFwd(db, entry.vnet, entry.isTCP, entry.hostPort))
+    old = *found;
+  if (!NetCfgHashAddPortFwd(db, entry)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to add port forward record for %s port %u", proto, entry.hostPort);
+    return RollbackPortFwd(db, entry, old, false, restoring);
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  bool mayHaveLanded = false;
+  if (old && !NetCfgAppendRecord(db, PortFwdRecord(*old, false), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to remove port forward record for %s port %u", proto,
+            entry.hostPort);
+    return RollbackPortFwd(db, entry, old, mayHaveLanded, restoring);
+  }
+  if (!NetCfgAppendRecord(db, PortFwdRecord(entry, true), &mayHaveLanded)) {
+    PLOG_AS(fn, LOG_ERR, "Failed to add port forward record for %s port %u", proto, entry.hostPort);
+    return RollbackPortFwd(db, entry, old, old.has_value() || mayHaveLanded, restoring);
+  }
+  return true;
+}
+
+// Builds the enumeration array of a group from its table when it has none.
+bool EnsureArray(NATPortFwdGroup& group) {
+  if (group.arrayValid) return true;
+  group.array.clear();
+  group.array.reserve(group.table->size());
+  for (const auto& [port, entry] : *group.table) group.array.push_back(&entry);
+  group.arrayValid = true;
+  PLOG_AS("PLRNetCfgEnumNATPortFwd", LOG_INFO2, "Created array of forwarded ports");
+  return true;
+}
+
+}  // namespace
+}  // namespace plr
+
+using namespace plr;
+
+extern "C" {
+
+// Adds or replaces the forward of (vnet, protocol, host port).
+bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
+                            uint16_t hostPort, const char* vmIP, uint16_t vmPort,
+                            const char* description, bool restoring) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  return NetCfgGuarded(__func__, [&] {
+    std::string_view desc = description != nullptr ? description : "";
+    if (vnet >= PLR_MAX_VNETS || hostPort == 0 || vmPort == 0 || vmIP == nullptr ||
+        !NetCfgIsValidIP(vmIP) || !NetCfgIsLineText(desc)) {
+      PLOG(LOG_ERR, "Failed to add port forward record for %s port %u", NetCfgProtoName(isTCP),
+           hostPort);
+      return false;
+    }
+    if (desc.size() > kNetCfgMaxDescription) {
+      PLOG(LOG_ERR, "Discarding description since it is too long");
+      desc = {};
+    }
+    NATPortFwdEntry entry;
+    entry.vnet = vnet;
+    entry.isTCP = isTCP;
+    entry.hostPort = hostPort;
+    entry.vmIP = vmIP;
+    entry.vmPort = vmPort;
+    entry.description.assign(desc);
+    return AddPortFwd(cache, entry, restoring);
+  });
+}
+
+// Removes the forward of (vnet, protocol, host port); absent is a failure.
+bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
+                               uint16_t hostPort) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  return NetCfgGuarded(__func__, [&] {
+    const char* proto = NetCfgProtoName(isTCP);
+    const NATPortFwdEntry* found = NetCfgFindPortFwd(cache, vnet, isTCP, hostPort);
+    std::optional<NATPortFwdEntry> old;
+    if (found != nullptr) old = *found;
+    if (!old || !NetCfgHashRemovePortFwd(cache, vnet, isTCP, hostPort)) {
+      PLOG(LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table", proto,
+           hostPort);
+      return false;
+    }
+    if (cache->readOnly) {
+      cache->modified = true;
+      return true;
+    }
+    bool mayHaveLanded = false;
+    if (NetCfgAppendRecord(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
+    PLOG(LOG_ERR, "Failed to remove NAT port forward for %s port %u from database file, error: %s",
+         proto, hostPort, strerror(errno));
+    if (!NetCfgHashAddPortFwd(cache, *old))
+      PLOG(LOG_ERR,
+           "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
+           "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
+           vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
+    if (mayHaveLanded) NetCfgAppendRecord(cache, PortFwdRecord(*old, true), &mayHaveLanded);
+    return false;
+  });
+}
+
+// Copies out the forward of (vnet, protocol, host port).
+bool PLRNetCfgLookupNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
+                               uint16_t hostPort, char* ipBuffer, size_t ipBufferSize,
+                               uint16_t* vmPort, char* descBuffer, uint32_t* descLength) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  const NATPortFwdEntry* entry = NetCfgFindPortFwd(cache, vnet, isTCP, hostPort);
+  if (entry == nullptr) return false;
+  PLOG(LOG_INFO2, "Port Fwd Lookup succeeded: %s:%u for %u, %s", entry->vmIP.c_str(),
+       entry->vmPort, hostPort, NetCfgProtoName(isTCP));
+  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+    PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
+         entry->vmIP.c_str());
+    return false;
+  }
+  if (vmPort != nullptr) *vmPort = entry->vmPort;
+  if (descLength != nullptr && !CopyDescription(entry->description, descBuffer, descLength, __func__))
+    return false;
+  return true;
+}
+
+// One step of a cursor walk over the cached array of a protocol's forwards.
+bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
+                             uint32_t* cursor, uint16_t* hostPort, char* ipBuffer,
+                             size_t ipBufferSize, uint16_t* vmPort, char* descBuffer,
+                             uint32_t* descLength) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr || cursor == nullptr) return false;
+  if (vnet >= PLR_MAX_VNETS || !cache->portFwds[vnet] ||
+      !cache->portFwds[vnet]->group(isTCP).table) {
+    PLOG(LOG_ERR, "List of forwarded ports is empty");
+    return false;
+  }
+  NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
+  if (!NetCfgGuarded(__func__, [&] { return EnsureArray(group); })) {
+    PLOG(LOG_ERR, "Failed to create array of forwarded ports");
+    return false;
+  }
+  if (*cursor >= group.array.size()) {
+    PLOG(LOG_INFO2, "No ports to enumerate");
+    return false;
+  }
+  const NATPortFwdEntry* entry = group.array[*cursor];
+  if (hostPort != nullptr) *hostPort = entry->hostPort;
+  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+    PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
+         entry->vmIP.c_str());
+    return false;
+  }
+  if (vmPort != nullptr) *vmPort = entry->vmPort;
+  if (descBuffer != nullptr && descLength != nullptr &&
+      !CopyDescription(entry->description, descBuffer, descLength, __func__))
+    return false;
+  ++*cursor;
+  return true;
+}
+
+// Drops the selected protocols' tables of a vnet, optionally journaling a
+// remove record per entry (in host-port order). Never fails.
+bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool tcp,
+                                  bool udp, bool writeRecords) {
+  PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
+  if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->portFwds[vnet]) return true;
+  NATVnetPortFwdConfig& holder = *cache->portFwds[vnet];
+  for (bool isTCP : {true, false}) {
+    if (!(isTCP ? tcp : udp)) continue;
+    NATPortFwdGroup& group = holder.group(isTCP);
+    if (!group.table) continue;
+    if (writeRecords && !cache->readOnly) {
+      bool allWritten = NetCfgGuarded(__func__, [&] {
+        std::vector<uint16_t> ports;
+        ports.reserve(group.table->size());
+        for (const auto& [port, entry] : *group.table) ports.push_back(port);
+        std::sort(ports.begin(), ports.end());
+        bool ok = true;
+        for (uint16_t port : ports) {
+          bool mayHaveLanded = false;
+          ok = NetCfgAppendRecord(cache, PortFwdRecord(group.table->at(port), false),
+                                  &mayHaveLanded) && ok;
+        }
+        return ok;
+      });
+      if (!allWritten)
+        PLOG(LOG_WRN, isTCP ? "All the forwarded TCP ports could not be deleted"
+                            : "All the forwarded UDP ports could not be deleted");
+    }
+    group.table.reset();
+    group.array.clear();
+    group.array.shrink_to_fit();
+    group.arrayValid = false;
+  }
+  if (!holder.groups[0].table && !holder.groups[1].table) cache->portFwds[vnet].reset();
+  return true;
+}
+
+}  // extern "C"

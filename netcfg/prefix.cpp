@@ -1,0 +1,92 @@
+// NAT IPv6 prefixes: one set per vnet. They live in the file only as
+// appended records; the compacting rewrite does not carry them over.
+#include <errno.h>
+#include <string.h>
+
+#include "netcfg/tables.h"
+
+using namespace plr;
+
+extern "C" {
+
+// TRUE when the vnet's prefix table holds `prefix`.
+bool PLRNetCfgLookupNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* prefix) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (vnet >= PLR_MAX_VNETS || !cache->prefixes[vnet]) {
+    PLOG(LOG_ERR, "List of prefix is empty");
+    return false;
+  }
+  NetCfgStringSet& table = *cache->prefixes[vnet];
+  auto it = prefix != nullptr ? table.find(std::string_view(prefix)) : table.end();
+  if (it == table.end()) {
+    PLOG(LOG_INFO2, "Cannot find prefix entry: %s in hash: %p", prefix ? prefix : "(null)",
+         static_cast<void*>(&table));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Found prefix entry: %p for prefix: %s", static_cast<const void*>(&*it), prefix);
+  return true;
+}
+
+// Adds `prefix` to the vnet; an existing one succeeds with nothing written.
+bool PLRNetCfgAddNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* prefix) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr) return false;
+  if (vnet >= PLR_MAX_VNETS || prefix == nullptr || !NetCfgIsValidPrefix(prefix)) {
+    PLOG(LOG_ERR, "Failed to add prefix: %s to record", prefix ? prefix : "(null)");
+    return false;
+  }
+  if (NetCfgFindPrefix(cache, vnet, prefix)) return true;
+  return NetCfgGuarded(__func__, [&] {
+    if (!NetCfgHashAddPrefix(cache, vnet, prefix)) {
+      PLOG(LOG_ERR, "Failed to add prefix: %s to record", prefix);
+      return false;
+    }
+    if (cache->readOnly) {
+      cache->modified = true;
+      return true;
+    }
+    bool mayHaveLanded = false;
+    if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded)) return true;
+    PLOG(LOG_ERR, "Failed to add prefix record");
+    NetCfgHashRemovePrefix(cache, vnet, prefix);
+    if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded);
+    return false;
+  });
+}
+
+// Removes `prefix` from the vnet; absent fails with nothing written.
+bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* prefix) {
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
+  if (cache == nullptr || !PLRNetCfgLookupNATPrefix(cache, vnet, prefix)) return false;
+  return NetCfgGuarded(__func__, [&] {
+    if (!NetCfgHashRemovePrefix(cache, vnet, prefix)) {
+      PLOG(LOG_ERR, "Failed to remove NAT prefix for %s from hash table", prefix);
+      return false;
+    }
+    if (cache->readOnly) {
+      cache->modified = true;
+      return true;
+    }
+    bool mayHaveLanded = false;
+    if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded)) return true;
+    int err = errno;
+    PLOG(LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s", prefix,
+         strerror(err));
+    if (!NetCfgHashAddPrefix(cache, vnet, prefix))
+      PLOG(LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s", prefix,
+           strerror(err));
+    if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
+    return false;
+  });
+}
+
+// Drops the vnet's prefixes without writing any record. Never fails.
+bool PLRNetCfgRemoveAllNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, bool writeRecords) {
+  (void)writeRecords;  // prefixes are dropped from the cache only, by definition
+  PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
+  if (cache != nullptr && vnet < PLR_MAX_VNETS) cache->prefixes[vnet].reset();
+  return true;
+}
+
+}  // extern "C"

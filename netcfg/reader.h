@@ -1,0 +1,15 @@
+// The replay of a database file into a cache (the file format's reader).
+#pragma once
+
+#include <stdio.h>
+
+#include "netcfg/db-internal.h"
+
+namespace plr {
+
+// Reads the version line and replays every record of `stream` into `db`,
+// whose backup flag says which version key is expected. False, with its log
+// line, for an empty database, a bad version line or a read error.
+bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream);
+
+}  // namespace plr

@@ -1,0 +1,98 @@
+// Table operations of the netcfg code itself: insert with replacement, find
+// and erase for every record kind, field checks shared by the replay and the
+// change functions, and the journal append with its "may have landed" report.
+// Nothing here writes a record except NetCfgAppendRecord.
+#pragma once
+
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "core/log.h"
+#include "netcfg/db-internal.h"
+
+namespace plr {
+
+// Runs `body`; an allocation failure becomes one log line and false, so no
+// exception leaves an exported function.
+template <class F>
+bool NetCfgGuarded(const char* function, F&& body) {
+  try {
+    return body();
+  } catch (const std::bad_alloc&) {
+    PLOG_AS(function, LOG_ERR, "Memory allocation failure");
+    return false;
+  }
+}
+
+// The cache a change or lookup works on; logs "Database cache is not loaded"
+// under `function` when there is none.
+PLRNetworkConfigurationDB* NetCfgCacheFor(PLRNetworkConfigurationDB* db, const char* function);
+
+// Appends one record. On failure errno tells why, and *mayHaveLanded says
+// whether bytes of it could not be taken back out of the file (the record
+// must then be compensated like a written one).
+bool NetCfgAppendRecord(PLRNetworkConfigurationDB* db, const NetCfgRecord& record,
+                        bool* mayHaveLanded);
+
+// Field checks (the reader's rules; the writers produce only what passes).
+bool NetCfgParseDecimal(std::string_view text, uint32_t max, uint32_t* out);
+bool NetCfgIsValidIP(std::string_view text);
+bool NetCfgStandardizeMAC(std::string_view text, char out[18]);
+bool NetCfgIsValidPrefix(std::string_view text);
+bool NetCfgIsValidAdapterName(std::string_view name);
+bool NetCfgIsValidBridgeVnet(int32_t vnet);
+// Keys and single-field values: non-empty, no blank, no line break.
+bool NetCfgIsToken(std::string_view text);
+// Rest-of-line values: no line break (may be empty only where noted).
+bool NetCfgIsLineText(std::string_view text);
+
+const char* NetCfgProtoName(bool isTCP);
+
+// Port forwards. Insert replaces an entry with the same key (logging that it
+// does) and discards the group's enumeration array.
+const NATPortFwdEntry* NetCfgFindPortFwd(const PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                         bool isTCP, uint16_t hostPort);
+bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& entry);
+bool NetCfgHashRemovePortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
+                             uint16_t hostPort);
+
+// DHCP mappings; `mac` is in standard form.
+const std::string* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                  std::string_view mac);
+bool NetCfgHashAddDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view mac,
+                       std::string_view ip);
+bool NetCfgHashRemoveDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view mac);
+
+// Bridge mappings.
+const int32_t* NetCfgFindBridge(const PLRNetworkConfigurationDB* db, std::string_view adapter);
+bool NetCfgHashAddBridge(PLRNetworkConfigurationDB* db, std::string_view adapter, int32_t vnet);
+bool NetCfgHashRemoveBridge(PLRNetworkConfigurationDB* db, std::string_view adapter);
+
+// NAT prefixes.
+bool NetCfgFindPrefix(const PLRNetworkConfigurationDB* db, uint32_t vnet,
+                      std::string_view prefix);
+bool NetCfgHashAddPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix);
+bool NetCfgHashRemovePrefix(PLRNetworkConfigurationDB* db, uint32_t vnet,
+                            std::string_view prefix);
+
+// Record builders.
+inline NetCfgRecord AnswerRecord(std::string_view key, std::string_view value) {
+  NetCfgRecord r;
+  r.type = kRecAnswer;
+  r.key = key;
+  r.value = value;
+  return r;
+}
+inline NetCfgRecord RemoveAnswerRecord(std::string_view key) {
+  NetCfgRecord r;
+  r.type = kRecRemoveAnswer;
+  r.key = key;
+  return r;
+}
+NetCfgRecord PortFwdRecord(const NATPortFwdEntry& e, bool add);
+NetCfgRecord DhcpRecord(uint32_t vnet, std::string_view mac, std::string_view ip, bool add);
+NetCfgRecord BridgeRecord(std::string_view adapter, int32_t vnet, bool add);
+NetCfgRecord PrefixRecord(uint32_t vnet, std::string_view prefix, bool add);
+
+}  // namespace plr

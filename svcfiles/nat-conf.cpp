@@ -1,0 +1,286 @@
+// The nat.conf generator and its template texts. Unlike dhcpd.conf the file
+// keeps no user text: it is regenerated whole on every update, after the old
+// file was copied to nat.conf.bak. The text is built in memory and replaces
+// the file atomically.
+#include <errno.h>
+#include <string.h>
+
+#include <string>
+
+#include "base/fd-util.h"
+#include "base/fs-util.h"
+#include "base/str-util.h"
+#include "core/log.h"
+#include "pelorus/core.h"
+#include "pelorus/files.h"
+#include "pelorus/netcfg.h"
+#include "pelorus/svcfiles.h"
+#include "pelorus/vnet.h"
+#include "svcfiles/svcfiles-internal.h"
+
+extern "C" {
+
+const char PLRNATConfigFileHeader[] =
+    "# Tarsis NAT configuration file\n"
+    "# Manual editing of this file is not recommended. Using UI is preferred.\n";
+const char PLRNATConfigFileHostSectionHeader[] = "\n[host]\n";
+const char PLRNATConfigFileIPDesc[] = "\n# NAT gateway address\n";
+const char PLRNATConfigFileIPParam[] = "ip = %s\n";
+const char PLRNATConfigFileNetmaskParam[] = "netmask = %s\n";
+const char PLRNATConfigFileDeviceDesc[] =
+    "\n# Kavix device if not specified on command line\n";
+const char PLRNATConfigFileDeviceParam[] = "device = %s\n";
+const char PLRNATConfigFileActiveFTPDesc[] =
+    "\n# Allow PORT/EPRT FTP commands (they need incoming TCP stream ...)\n";
+const char PLRNATConfigFileActiveFTPParam[] = "activeFTP = %s\n";
+const char PLRNATConfigFileAllowAnyOUIDesc[] =
+    "\n# Allows the source to have any OUI.  Turn this on if you change the OUI\n"
+    "# in the MAC address of your virtual machines.\n";
+const char PLRNATConfigFileAllowAnyOUIParam[] = "allowAnyOUI = %s\n";
+const char PLRNATConfigHostDefaultOptions[] =
+    "\n# Controls if (TCP) connections should be reset when the adapter they are\n"
+    "# bound to goes down\n"
+    "resetConnectionOnLinkDown = 1\n"
+    "\n# Controls if (TCP) connection should be reset when guest packet's destination\n"
+    "# is NAT's IP address\n"
+    "resetConnectionOnDestLocalHost = 1\n";
+const char PLRNATConfigHostNat6DefaultOptions[] =
+    "\n# Controls if enable nat ipv6\n"
+    "#natIp6Enable = 0\n"
+    "\n# Controls if set nat ipv6 prefix\n"
+    "#natIp6Prefix = 2001:db8:130f:ffa0::/64\n";
+const char PLRNATConfigFileNat6Desc[] = "\n# Controls if enable nat ipv6\n";
+const char PLRNATConfigFileNat6Param[] = "natIp6Enable = %s\n";
+const char PLRNATConfigFileNat6PrefixDesc[] = "\n# Controls if enable nat ipv6\n";
+const char PLRNATConfigFileNat6PrefixParam[] = "natIp6Prefix = %s\n";
+const char PLRNATConfigFileTCPSectionHeader[] = "\n[tcp]\n";
+const char PLRNATConfigFileTCPDefaultOptions[] =
+    "\n# Value of timeout in TCP TIME_WAIT state, in seconds\n"
+    "timeWaitTimeout = 30\n";
+const char PLRNATConfigFileUDPSectionHeader[] = "\n[udp]\n";
+const char PLRNATConfigFileUDPTimeoutDesc[] =
+    "\n# Timeout in seconds. Dynamically-created UDP mappings will purged if\n"
+    "# idle for this duration of time 0 = no timeout, default = 60; real\n"
+    "# value might be up to 100% longer\n";
+const char PLRNATConfigFileUDPTimeoutParam[] = "timeout = %s\n";
+const char PLRNATConfigFileNetbiosSectionHeader[] = "\n[netbios]\n";
+const char PLRNATConfigNetbiosDefaultOptions[] =
+    "# Timeout for NBNS queries.\n"
+    "nbnsTimeout = 2\n"
+    "\n# Number of retries for each NBNS query.\n"
+    "nbnsRetries = 3\n"
+    "\n# Timeout for NBDS queries.\n"
+    "nbdsTimeout = 3\n";
+const char PLRNATConfigFileIncomingTCPSectionHeader[] = "\n[incomingtcp]\n";
+const char PLRNATConfigFileIncomingTCPDesc[] =
+    "\n# Use these with care - anyone can enter into your VM through these...\n"
+    "# The format and example are as follows:\n"
+    "#<external port number> = <VM's IP address>:<VM's port number>\n"
+    "#8080 = 172.16.3.128:80\n";
+const char PLRNATConfigFileIncomingUDPSectionHeader[] = "\n[incomingudp]\n";
+const char PLRNATConfigFileIncomingUDPDesc[] =
+    "\n# UDP port forwarding example\n"
+    "#6000 = 172.16.3.0:6001\n";
+const char PLRNATConfigFilePortForwardParam[] = "%u = %s:%u%s%s\n";
+
+}  // extern "C"
+
+namespace plr {
+namespace {
+
+constexpr const char* kUpdater = "PLRNATUpdateFromConfig";
+constexpr size_t kAddrSize = 16;
+constexpr size_t kFlagSize = 10;
+constexpr size_t kPrefixSize = 46;
+constexpr size_t kDeviceSize = 256;
+constexpr size_t kDescriptionSize = 128;
+
+// The values nat.conf is written from, all with their defaults applied.
+struct NatValues {
+  char gateway[kAddrSize] = "";
+  char nat6[kFlagSize] = "";
+  char nat6Prefix[kPrefixSize] = "";
+  char netmask[kAddrSize] = "";
+  char device[kDeviceSize] = "";
+  char activeFtp[kFlagSize] = "";
+  char allowAnyOui[kFlagSize] = "";
+  char udpTimeout[kFlagSize] = "";
+};
+
+bool GetNatParam(uint32_t vnet, uint32_t id, char* buffer, size_t size) {
+  return PLRNATGetParameter(vnet, id, true, buffer, size);
+}
+
+// Reads every value first, so that a missing one fails before any file is
+// touched.
+bool ReadNatValues(uint32_t vnet, NatValues* v) {
+  if (!GetNatParam(vnet, PLR_NAT_PARAM_GATEWAY_IP, v->gateway, sizeof v->gateway) ||
+      !GetNatParam(vnet, PLR_NAT_PARAM_NAT6, v->nat6, sizeof v->nat6) ||
+      !GetNatParam(vnet, PLR_NAT_PARAM_NAT6_PREFIX, v->nat6Prefix, sizeof v->nat6Prefix)) {
+    PLOG_AS(kUpdater, LOG_ERR, "Failure in looking up NAT gateway address");
+    return false;
+  }
+  struct Lookup {
+    uint32_t id;
+    char* buffer;
+    size_t size;
+    const char* failure;
+  };
+  const Lookup lookups[] = {
+      {PLR_NAT_PARAM_GATEWAY_NETMASK, v->netmask, sizeof v->netmask,
+       "Failure in looking up NAT netmask"},
+      {PLR_NAT_PARAM_DEVICE, v->device, sizeof v->device, "Failure in looking up NAT device"},
+      {PLR_NAT_PARAM_ACTIVE_FTP, v->activeFtp, sizeof v->activeFtp,
+       "Failure in looking up value of Active FTP"},
+      {PLR_NAT_PARAM_ALLOW_ANY_OUI, v->allowAnyOui, sizeof v->allowAnyOui,
+       "Failure in looking up value of allow any oui"},
+      {PLR_NAT_PARAM_UDP_TIMEOUT, v->udpTimeout, sizeof v->udpTimeout,
+       "Failure in looking up value of timeout"},
+  };
+  for (const Lookup& lookup : lookups) {
+    if (!GetNatParam(vnet, lookup.id, lookup.buffer, lookup.size)) {
+      PLOG_AS(kUpdater, LOG_ERR, "%s", lookup.failure);
+      return false;
+    }
+  }
+  return true;
+}
+
+// printf with one of the exported template formats.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::string FormatTemplate(const char* format, const char* value) {
+  return StrPrintf(format, value);
+}
+#pragma GCC diagnostic pop
+
+// The forwards of one protocol, one line each. Descriptions stay in the
+// database: the line's two trailing fields are always empty.
+void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
+  uint32_t cursor = 0;
+  uint16_t hostPort = 0;
+  uint16_t vmPort = 0;
+  char ip[kAddrSize];
+  char description[kDescriptionSize];
+  for (;;) {
+    uint32_t descLength = kDescriptionSize;
+    if (!PLRNetCfgEnumNATPortFwd(nullptr, vnet, isTCP, &cursor, &hostPort, ip, sizeof ip, &vmPort,
+                                 description, &descLength)) {
+      return;
+    }
+    out += StrPrintf("%u = %s:%u%s%s\n", static_cast<unsigned>(hostPort), ip,
+                     static_cast<unsigned>(vmPort), "", "");
+  }
+}
+
+std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
+  std::string out;
+  out += PLRNATConfigFileHeader;
+  out += PLRNATConfigFileHostSectionHeader;
+  out += PLRNATConfigFileIPDesc;
+  out += FormatTemplate(PLRNATConfigFileIPParam, v.gateway);
+  out += FormatTemplate(PLRNATConfigFileNetmaskParam, v.netmask);
+  out += PLRNATConfigFileDeviceDesc;
+  out += FormatTemplate(PLRNATConfigFileDeviceParam, v.device);
+  out += PLRNATConfigFileActiveFTPDesc;
+  out += FormatTemplate(PLRNATConfigFileActiveFTPParam, v.activeFtp);
+  out += PLRNATConfigFileAllowAnyOUIDesc;
+  out += FormatTemplate(PLRNATConfigFileAllowAnyOUIParam, v.allowAnyOui);
+  out += PLRNATConfigHostDefaultOptions;
+  out += PLRNATConfigFileNat6Desc;
+  out += FormatTemplate(PLRNATConfigFileNat6Param, v.nat6);
+  out += PLRNATConfigFileNat6PrefixDesc;
+  out += FormatTemplate(PLRNATConfigFileNat6PrefixParam, v.nat6Prefix);
+  out += PLRNATConfigFileTCPSectionHeader;
+  out += PLRNATConfigFileTCPDefaultOptions;
+  out += PLRNATConfigFileUDPSectionHeader;
+  out += PLRNATConfigFileUDPTimeoutDesc;
+  out += FormatTemplate(PLRNATConfigFileUDPTimeoutParam, v.udpTimeout);
+  out += PLRNATConfigFileNetbiosSectionHeader;
+  out += PLRNATConfigNetbiosDefaultOptions;
+  // The two port-forward sections, TCP first.
+  out += PLRNATConfigFileIncomingTCPSectionHeader;
+  out += PLRNATConfigFileIncomingTCPDesc;
+  AppendPortForwards(out, vnet, true);
+  out += PLRNATConfigFileIncomingUDPSectionHeader;
+  out += PLRNATConfigFileIncomingUDPDesc;
+  AppendPortForwards(out, vnet, false);
+  out += "\n";
+  return out;
+}
+
+// Copies the existing nat.conf to nat.conf.bak.
+bool BackUpNatConfig(uint32_t vnet, const char* path) {
+  char backup[PLR_PATH_SIZE];
+  if (!PLRGetFileName(vnet, PLR_FILE_NAT_CONF_BAK, backup, sizeof backup)) {
+    PLOG_AS(kUpdater, LOG_ERR, "Cannot get the NAT config backup file name");
+    return false;
+  }
+  if (!PLRCopyFile(path, backup)) {
+    PLOG_AS(kUpdater, LOG_ERR, "Failed to backup NAT file");
+    return false;
+  }
+  return true;
+}
+
+// Removes every NAT file of a vnet that does not use NAT.
+bool RemoveNatFiles(uint32_t vnet) {
+  PLRRemoveFile(vnet, PLR_FILE_NAT_CONF, nullptr);
+  bool macRemoved = PLRRemoveFile(vnet, PLR_FILE_NAT_MAC, nullptr);
+  bool backupRemoved = PLRRemoveFile(vnet, PLR_FILE_NAT_CONF_BAK, nullptr);
+  PLRRemoveFile(vnet, PLR_FILE_NAT_DIR, nullptr);
+  PLRRemoveFile(vnet, PLR_FILE_VNET_DIR, nullptr);
+  if (macRemoved && backupRemoved) return true;
+  PLOG_AS(kUpdater, LOG_ERR, "Removing NAT configuration files failed");
+  return false;
+}
+
+}  // namespace
+}  // namespace plr
+
+using plr::LOG_ERR;
+
+extern "C" {
+
+// Rewrites the vnet's nat.conf from the database (or removes the NAT files
+// when the vnet does not use NAT). The old file is kept as nat.conf.bak.
+PLR_EXPORT bool PLRNATUpdateFromConfig(uint32_t vnet) {
+  PLR_TRACE_FUNCTION();
+  if (!PLRGetVnetUseNAT(vnet)) return plr::RemoveNatFiles(vnet);
+
+  plr::NatValues values;
+  if (!plr::ReadNatValues(vnet, &values)) return false;
+
+  char path[PLR_PATH_SIZE];
+  if (!PLRGetFileName(vnet, PLR_FILE_NAT_CONF, path, sizeof path)) {
+    PLOG(LOG_ERR, "Cannot get the NAT config file name");
+    return false;
+  }
+  bool created = false;
+  if (PLRFileExists(vnet, PLR_FILE_NAT_CONF, nullptr)) {
+    if (!plr::BackUpNatConfig(vnet, path)) return false;
+  } else {
+    created = true;
+    if (!PLRCreateFile(vnet, PLR_FILE_VNET_DIR, nullptr) ||
+        !PLRCreateFile(vnet, PLR_FILE_NAT_DIR, nullptr) ||
+        !PLRCreateFile(vnet, PLR_FILE_NAT_CONF, nullptr)) {
+      // The write below decides whether the file can be had at all.
+      PLOG(LOG_ERR, "Failed to create kavix directory, or NAT directory or NAT config file");
+    }
+  }
+
+  std::string text = plr::BuildNatConf(vnet, values);
+  if (!plr::ReplaceFileAtomically(path, text, 0644)) {
+    PLOG(LOG_ERR, "fopen: failed to open NAT config file, error: %s", strerror(errno));
+    if (created) {
+      // Undo: what this call created goes again, file before directory.
+      PLOG(LOG_ERR, "Removing newly created NAT directory and config file");
+      PLRRemoveFile(vnet, PLR_FILE_NAT_CONF, nullptr);
+      PLRRemoveFile(vnet, PLR_FILE_NAT_DIR, nullptr);
+    }
+    return false;
+  }
+  return true;
+}
+
+}  // extern "C"

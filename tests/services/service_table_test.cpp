@@ -1,0 +1,151 @@
+// The service table, PID file names and reading PIDs from PID files.
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "pelorus.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/services_util.h"
+
+namespace plr::test {
+namespace {
+
+class ServiceTableTest : public ServiceTest {};
+
+TEST_F(ServiceTableTest, OptionCodesAndDescriptionsFollowTheServiceIds) {
+  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_BRIDGE), 1u);
+  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_NETIFUP), 4u);
+  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_DHCP), 2u);
+  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_NAT), 3u);
+  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_BRIDGE), "Bridge");
+  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_NETIFUP), "Netifup");
+  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_DHCP), "DHCP");
+  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_NAT), "NAT");
+  for (uint32_t bad : {0u, 5u, 0x8801u, 0xFFFFFFFFu}) {
+    EXPECT_EQ(PLRLookupConfigOptionForServiceID(bad), 0u) << bad;
+    EXPECT_STREQ(PLRLookupDescStringForServiceID(bad), "") << bad;
+  }
+}
+
+struct PidName {
+  uint32_t vnet, service;
+  const char* path;
+  const char* desc;
+};
+
+// Bridge and NAT name the file by vnet number, netifup and DHCP by vnet name.
+TEST_F(ServiceTableTest, PidFileNamesKeepBothForms) {
+  Load("");
+  const PidName cases[] = {
+      {0, PLR_SERVICE_BRIDGE, "/var/run/kavix-bridge-0.pid", "Bridge"},
+      {3, PLR_SERVICE_NETIFUP, "/var/run/kavix-netifup-kavix3.pid", "Netifup"},
+      {8, PLR_SERVICE_DHCP, "/var/run/kavix-dhcpd-kavix8.pid", "DHCP"},
+      {8, PLR_SERVICE_NAT, "/var/run/kavix-natd-8.pid", "NAT"},
+      {255, PLR_SERVICE_BRIDGE, "/var/run/kavix-bridge-255.pid", "Bridge"},
+  };
+  for (const PidName& c : cases) {
+    char* path = nullptr;
+    const char* desc = nullptr;
+    ASSERT_TRUE(PLRGetPidFilename(c.vnet, c.service, &path, &desc)) << c.path;
+    EXPECT_STREQ(path, c.path);
+    EXPECT_STREQ(desc, c.desc);
+    free(path);
+  }
+  EXPECT_TRUE(LogHas("PLRGetPidFilename - Cannot find DHCP_PROGRAM value in Vnet Config"));
+  EXPECT_TRUE(LogHas("Cannot find NETIFUP_PROGRAM value in Vnet Config"));
+  char* path = nullptr;
+  ASSERT_TRUE(PLRGetPidFilename(1, PLR_SERVICE_NAT, &path, nullptr));  // desc is optional
+  EXPECT_STREQ(path, "/var/run/kavix-natd-1.pid");
+  free(path);
+}
+
+TEST_F(ServiceTableTest, RunDirAndProgramAnswersNameThePidFile) {
+  Load("answer RUNDIR /run/svc\nanswer DHCP_PROGRAM mydhcpd\nanswer NAT_PROGRAM mynatd\n");
+  char* path = nullptr;
+  ASSERT_TRUE(PLRGetPidFilename(8, PLR_SERVICE_DHCP, &path, nullptr));
+  EXPECT_STREQ(path, "/run/svc/mydhcpd-kavix8.pid");
+  free(path);
+  ASSERT_TRUE(PLRGetPidFilename(8, PLR_SERVICE_NAT, &path, nullptr));
+  EXPECT_STREQ(path, "/run/svc/mynatd-8.pid");
+  free(path);
+  EXPECT_FALSE(LogHas("Cannot find DHCP_PROGRAM value"));
+}
+
+TEST_F(ServiceTableTest, UnknownServiceHasNoPidFile) {
+  Load("");
+  char* path = reinterpret_cast<char*>(0x1);
+  const char* desc = "untouched";
+  EXPECT_FALSE(PLRGetPidFilename(1, 5, &path, &desc));
+  EXPECT_EQ(path, reinterpret_cast<char*>(0x1));
+  EXPECT_STREQ(desc, "untouched");
+  EXPECT_FALSE(PLRGetPidFilename(1, 0, &path, &desc));
+  EXPECT_TRUE(LogHas("PLRGetPidFilename - Invalid service name: 5"));
+  EXPECT_TRUE(LogHas("PLRGetPidFilename - Invalid service name: 0"));
+}
+
+struct PidText {
+  const char* text;
+  int32_t pid;
+};
+
+// Only a plain positive number above 1 on the first line is a PID: anything
+// else reads as "no PID", so no caller can ever signal init, a process group
+// or every process.
+TEST_F(ServiceTableTest, OnlyAPlainNumberOnTheFirstLineIsAPid) {
+  Load("");
+  const PidText cases[] = {
+      {"1234\n", 1234},     {"1234", 1234},        {"77\nabc\n", 77},       {"abc\n", 0},
+      {"", 0},              {"\n", 0},             {"-5\n", 0},             {"0\n", 0},
+      {"1\n", 0},           {"4294967295\n", 0},   {"2147483648\n", 0},     {"99999999999\n", 0},
+      {"12abc\n", 0},       {"abc\n1234\n", 0},    {"2147483647\n", 2147483647},
+  };
+  for (const PidText& c : cases) {
+    WriteFile("/run/test.pid", c.text);
+    bool noFile = true;
+    EXPECT_EQ(PLRExtractPidFromFile("/run/test.pid", &noFile), c.pid) << '"' << c.text << '"';
+    EXPECT_FALSE(noFile) << c.text;
+  }
+}
+
+TEST_F(ServiceTableTest, AnOverlongFirstLineIsNoPid) {
+  Load("");
+  WriteFile("/run/long.pid", std::string(300, '1') + "\n");
+  bool noFile = true;
+  EXPECT_EQ(PLRExtractPidFromFile("/run/long.pid", &noFile), 0);
+  EXPECT_FALSE(noFile);
+}
+
+TEST_F(ServiceTableTest, MissingFileIsToldApartFromUnreadableOne) {
+  Load("");
+  bool noFile = false;
+  EXPECT_EQ(PLRExtractPidFromFile("/run/none.pid", &noFile), 0);
+  EXPECT_TRUE(noFile);
+  EXPECT_TRUE(LogHas("PLRExtractPidFromFile - Could not open the PID file: /run/none.pid, error: "
+                     "No such file or directory"));
+
+  // A directory opens but cannot be read: the file exists, it holds no PID.
+  ASSERT_EQ(mkdir("/run/dir.pid", 0755), 0);
+  noFile = true;
+  EXPECT_EQ(PLRExtractPidFromFile("/run/dir.pid", &noFile), 0);
+  EXPECT_FALSE(noFile);
+}
+
+TEST_F(ServiceTableTest, ReadingPidsLeaksNoDescriptor) {
+  Load("");
+  WriteFile("/run/a.pid", "4321\n");
+  WriteFile("/run/b.pid", "garbage\n");
+  std::set<int> before = OpenFds();
+  bool noFile;
+  for (int i = 0; i < 50; ++i) {
+    PLRExtractPidFromFile("/run/a.pid", &noFile);
+    PLRExtractPidFromFile("/run/b.pid", &noFile);
+    PLRExtractPidFromFile("/run/missing.pid", &noFile);
+  }
+  EXPECT_EQ(OpenFds(), before);
+}
+
+}  // namespace
+}  // namespace plr::test

@@ -1,0 +1,186 @@
+// Bridge mappings of host adapters and the sets of adapters bridged to a vnet.
+// The mappings live in the default database (netcfg owns the table); the
+// default bridge vnet is cached by the vnet settings layer.
+#include <string.h>
+#include <strings.h>
+
+#include "core/log.h"
+#include "pelorus/bridge.h"
+#include "pelorus/netcfg.h"
+#include "pelorus/services.h"
+#include "pelorus/vnet.h"
+#include "vnet/bridge-util.h"
+
+namespace plr {
+
+// Names beginning with "kavix" (any case) are the library's own adapters.
+bool IsKavixAdapterName(const char* name) { return strncasecmp(name, "kavix", 5) == 0; }
+
+// Pushes `element` in front of `*head`.
+void PushFront(PLR_HostAdapter** head, PLR_HostAdapter* element) {
+  element->next = *head;
+  *head = element;
+}
+
+namespace {
+
+// True when `list` already holds an element named `name` (any case).
+bool ContainsAdapter(const PLR_HostAdapter* list, const char* name) {
+  for (; list != nullptr; list = list->next)
+    if (strncasecmp(list->name, name, sizeof list->name) == 0) return true;
+  return false;
+}
+
+// Moves the host adapters that `vnet` gets from the default bridge into
+// `*result`, freeing the others. `hostList` is consumed in every case.
+// False when an adapter's mapping cannot be read; `*result` is then freed too.
+bool MergeHostAdapters(uint32_t vnet, PLR_HostAdapter* hostList, PLR_HostAdapter** result,
+                       uint32_t* count) {
+  const char* fn = "PLRGetVnetBridge";
+  while (hostList != nullptr) {
+    PLR_HostAdapter* element = hostList;
+    hostList = hostList->next;
+    element->next = nullptr;
+    PLOG_AS(fn, LOG_INFO2, "Iterating adapter: %s", element->name);
+    if (IsKavixAdapterName(element->name)) {
+      PLOG_AS(fn, LOG_INFO2, "Skipping kavix virtual adapter: %s", element->name);
+      PLRFreeHostAdapList(&element);
+      continue;
+    }
+    uint32_t mapped = PLR_VNET_NONE;
+    if (!PLRGetBridgeMappingForAdapter(element->name, &mapped)) {
+      PLOG_AS(fn, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s",
+              element->name);
+      PLRFreeHostAdapList(&element);
+      PLRFreeHostAdapList(&hostList);
+      PLRFreeHostAdapList(result);
+      return false;
+    }
+    if (vnet != PLR_VNET_ALL && mapped != vnet) {
+      PLOG_AS(fn, LOG_INFO2, "Removing adapter: %s not bridged to DefaultBridge", element->name);
+      PLRFreeHostAdapList(&element);
+      continue;
+    }
+    if (ContainsAdapter(*result, element->name)) {
+      PLOG_AS(fn, LOG_INFO2, "Removing duplicate adapter: %s", element->name);
+      PLRFreeHostAdapList(&element);
+      continue;
+    }
+    element->netId = PLR_NetworkID{PLR_NETID_VERSION, PLR_NETID_TYPE_VNET, mapped};
+    PushFront(result, element);
+    ++*count;
+  }
+  return true;
+}
+
+}  // namespace
+}  // namespace plr
+
+extern "C" {
+
+// The adapter's explicit mapping, else the default bridge vnet: where the
+// adapter's traffic goes.
+bool PLRGetBridgeMappingForAdapter(const char* name, uint32_t* vnet) {
+  int32_t mapped = 0;
+  if (PLRNetCfgLookupVnetForHostAdapter(nullptr, name, &mapped)) {
+    *vnet = static_cast<uint32_t>(mapped);
+    return true;
+  }
+  return PLRGetDefaultBridgeVnet(vnet);
+}
+
+// One explicit mapping in the default database (written through at once).
+bool PLRSetBridgeMappingForAdapter(const char* name, uint32_t vnet) {
+  return PLRNetCfgAddHostAdapterMapping(nullptr, name, static_cast<int32_t>(vnet), false);
+}
+
+// Maps every listed adapter; a failure does not stop the others, so the
+// database ends as close to the request as it can.
+bool PLRSetBridgeMappingForMultipleAdapters(uint32_t vnet, PLR_HostAdapter* list) {
+  bool ok = true;
+  for (PLR_HostAdapter* element = list; element != nullptr; element = element->next) {
+    PLOG(LOG_INFO2, "Iterating adapter: %s", element->name);
+    if (!PLRSetBridgeMappingForAdapter(element->name, vnet)) {
+      PLOG(LOG_ERR, "Failed to set bridge mapping, vnet: %d, host adapter: %s",
+           static_cast<int>(vnet), element->name);
+      ok = false;
+    }
+  }
+  return ok;
+}
+
+// The adapters bridged to `vnet` (or every adapter with PLR_VNET_ALL): the
+// explicit mappings, plus the unmapped host adapters when the default bridge
+// vnet is asked for.
+bool PLRGetVnetBridge(uint32_t vnet, uint32_t* count, PLR_HostAdapter** list) {
+  using namespace plr;
+  uint32_t n = 0;
+  PLR_HostAdapter* result = nullptr;
+  if (!PLRNetCfgLookupHostAdaptersForVnet(nullptr, vnet, &n, &result, false)) {
+    PLOG(LOG_ERR, "Cannot get list of bridge mappings for vnet: %d", static_cast<int>(vnet));
+    return false;
+  }
+  PLOG(LOG_INFO2, "Obtained list of %u adapters with bridge mapping configured for vnet: %d", n,
+       static_cast<int>(vnet));
+  uint32_t defaultBridge = PLR_VNET_NONE;
+  if (!PLRGetDefaultBridgeVnet(&defaultBridge)) {
+    PLOG(LOG_ERR, "Failed to get the value of default bridge");
+    PLRFreeHostAdapList(&result);
+    return false;
+  }
+  if (vnet == PLR_VNET_ALL || vnet == defaultBridge) {
+    uint32_t hostCount = 0;
+    PLR_HostAdapter* hostList = nullptr;
+    if (!PLRCreateHostAdapList(&hostCount, &hostList)) {
+      PLOG(LOG_ERR, "Error creating list of adapters on host");
+      PLRFreeHostAdapList(&result);
+      return false;
+    }
+    PLOG(LOG_INFO2, "Obtained list of %u host adapters from the system", hostCount);
+    if (!MergeHostAdapters(vnet, hostList, &result, &n)) return false;
+  }
+  if (count != nullptr) *count = n;
+  *list = result;
+  return true;
+}
+
+// Hands the adapters of `vnet` to the default bridge vnet. Used when a vnet
+// stops bridging; every step is tried, the result tells whether all worked.
+bool PLRRemoveBridgeMappingsForVnet(uint32_t vnet) {
+  bool ok = true;
+  uint32_t defaultBridge = PLR_VNET_NONE;
+  if (!PLRGetDefaultBridgeVnet(&defaultBridge)) {
+    PLOG(LOG_ERR, "Failed to get value of default bridge");
+    ok = false;
+    defaultBridge = PLR_VNET_NONE;
+  }
+  PLR_HostAdapter* list = nullptr;
+  if (!PLRGetVnetBridge(vnet, nullptr, &list)) {
+    PLOG(LOG_ERR, "Failed to get list of adapters bridged to vnet: %d", static_cast<int>(vnet));
+    ok = false;
+    list = nullptr;
+  }
+  if (vnet == defaultBridge) {
+    defaultBridge = PLR_VNET_NONE;
+    if (!PLRSetDefaultBridgeVnet(PLR_VNET_NONE)) {
+      PLOG(LOG_ERR, "Failed to set value of default bridge");
+      ok = false;
+    }
+  }
+  if (!PLRSetBridgeMappingForMultipleAdapters(defaultBridge, list)) {
+    PLOG(LOG_ERR, "Failed to set the bridge mapping for vnet: %d, host adapter: %s",
+         static_cast<int>(defaultBridge), list->name);
+    ok = false;
+  }
+  PLRFreeHostAdapList(&list);
+  if (defaultBridge < PLR_MAX_VNETS) {
+    if (!PLRRestartService(defaultBridge, PLR_SERVICE_BRIDGE, nullptr, nullptr, false)) {
+      PLOG(LOG_ERR, "Failed to restart bridge service on default bridge: %d",
+           static_cast<int>(defaultBridge));
+      return false;
+    }
+  }
+  return ok;
+}
+
+}  // extern "C"
