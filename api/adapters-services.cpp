@@ -95,8 +95,8 @@ bool ServiceStartable(const char* function, uint32_t vnet, uint32_t service) {
 bool StartUnderLock(const char* function, uint32_t vnet, const char* vnetName, uint32_t service) {
   const char* desc = PLRLookupDescStringForServiceID(service);
   if (!PLRCreateFile(vnet, PLR_FILE_KAVIX_DEVICE, nullptr)) {
-    PLOG_AS(function, LOG_ERR, "Failed to create required vnet device before starting \"%s\" service",
-            desc);
+    PLOG_AS(function, LOG_ERR,
+            "Failed to create required vnet device before starting \"%s\" service", desc);
     return false;
   }
   PLOG_AS(function, LOG_INFO2,
@@ -202,8 +202,7 @@ bool DisableUnderLock(const char* function, uint32_t vnet, const char* vnetName,
 bool RefreshConfiguredAdapter(const char* function, uint32_t vnet, const char* vnetName) {
   char adapter[PLR_IP_ADDR_MIN_LEN];
   if (!AdapterName(vnet, adapter)) {
-    PLOG_AS(function, LOG_ERR, "Failed to get the name of hostonly adapter for vnet: %s",
-            vnetName);
+    PLOG_AS(function, LOG_ERR, "Failed to get the name of hostonly adapter for vnet: %s", vnetName);
     return false;
   }
   const uint32_t status = PLRAdapterStatus(adapter);
@@ -268,8 +267,7 @@ extern "C" {
 bool PLR_SetVnetUseAdapter(const char* vnetName, bool use, bool removeConfig) {
   ApiFrame frame(__func__, __LINE__);
   if (!frame.Loaded()) return false;
-  frame.Args("Arguments - v: %p,%s, uA: %u, c: %u", vnetName, PLR_STR(vnetName), use,
-             removeConfig);
+  frame.Args("Arguments - v: %p,%s, uA: %u, c: %u", vnetName, PLR_STR(vnetName), use, removeConfig);
   if (vnetName == nullptr) {
     PLOG(LOG_ERR, "Invalid argument - vnet: %p", vnetName);
     PLR_RETURN(frame, false);
@@ -318,8 +316,7 @@ bool PLR_SetVnetAdapterAddr(const char* vnetName, const char* adapterIP) {
 bool PLR_GetVnetAdapterStatus(const char* vnetName, bool* installed, bool* enabled) {
   ApiFrame frame(__func__, __LINE__);
   if (!frame.Loaded()) return false;
-  frame.Args("Arguments - v: %p,%s, i: %p, e: %p", vnetName, PLR_STR(vnetName), installed,
-             enabled);
+  frame.Args("Arguments - v: %p,%s, i: %p, e: %p", vnetName, PLR_STR(vnetName), installed, enabled);
   if (vnetName == nullptr || installed == nullptr || enabled == nullptr) {
     PLOG(LOG_ERR, "Invalid argument - vnet: %p, installed: %p, e: %p", vnetName, installed,
          enabled);

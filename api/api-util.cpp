@@ -22,8 +22,7 @@ OwnedText CopyBytes(const char* bytes, uint32_t length) {
   return copy;
 }
 
-bool TakeDescription(const char* function, const char* bytes, uint32_t length,
-                     OwnedText* out) {
+bool TakeDescription(const char* function, const char* bytes, uint32_t length, OwnedText* out) {
   out->reset();
   if (bytes == nullptr) return true;
   if (length > PLR_DESCRIPTION_MAX_LEN) {

@@ -96,8 +96,9 @@ bool OverwriteDatabase(const char* function, const char* path) {
   }
   PLOG_AS(function, LOG_ERR, "Failed to create/initialize database file: %s", path);
   if (sys::rename(backup.c_str(), path) != 0)
-    PLOG_AS(function, LOG_ERR, "Failed to restore database file during error handling from: %s to %s",
-            backup.c_str(), path);
+    PLOG_AS(function, LOG_ERR,
+            "Failed to restore database file during error handling from: %s to %s", backup.c_str(),
+            path);
   else
     PLOG_AS(function, LOG_INFO, "Restored database file during error handling");
   return false;
@@ -249,7 +250,8 @@ bool PLR_CreateNetworkingDB(bool overwrite) {
     else
       PLOG(LOG_ERR, "Failed to create/initialize database file: %s", path);
   } else if (!overwrite) {
-    PLOG(LOG_ERR, "Existing networking configuration database must be deleted before creating new one");
+    PLOG(LOG_ERR,
+         "Existing networking configuration database must be deleted before creating new one");
     PLR_RETURN(frame, false);
   } else {
     ok = OverwriteDatabase(__func__, path);

@@ -213,8 +213,8 @@ bool PLR_SetVnetUseDHCP(const char* vnetName, bool use, bool removeConfig) {
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
   PLR_RETURN(frame, Locked(__func__, [&] {
-               return plr::api::SwitchOption(frame.function(), plr::api::kDhcpSwitch, vnet, vnetName,
-                                             use, removeConfig);
+               return plr::api::SwitchOption(frame.function(), plr::api::kDhcpSwitch, vnet,
+                                             vnetName, use, removeConfig);
              }));
 }
 
@@ -242,8 +242,8 @@ bool PLR_GetDHCPParam(const char* vnetName, uint32_t paramID, bool useDefault, c
   ApiFrame frame(__func__, __LINE__);
   if (!frame.Loaded()) return false;
   const uint32_t size = valueLen != nullptr ? *valueLen : 0;
-  frame.Args("Arguments - v: %p,%s, pID: %u, uD: %u, p: %p, pL: %p,%u", vnetName,
-             PLR_STR(vnetName), paramID, useDefault, value, valueLen, size);
+  frame.Args("Arguments - v: %p,%s, pID: %u, uD: %u, p: %p, pL: %p,%u", vnetName, PLR_STR(vnetName),
+             paramID, useDefault, value, valueLen, size);
   if (!plr::api::ParamBufferGiven(vnetName, value, valueLen)) {
     PLOG(LOG_ERR, "Invalid argument - v: %p p: %p, pL: %p,%u", vnetName, value, valueLen, size);
     PLR_RETURN(frame, false);
@@ -261,7 +261,8 @@ bool PLR_GetDHCPParam(const char* vnetName, uint32_t paramID, bool useDefault, c
     PLR_RETURN(frame, false);
   }
   *valueLen = TextLen(value, size) + 1;
-  PLOG(LOG_INFO2, "Success in getting value of DHCP parameter,vnet: %s, paramID: %u, value: %s, len: %u",
+  PLOG(LOG_INFO2,
+       "Success in getting value of DHCP parameter,vnet: %s, paramID: %u, value: %s, len: %u",
        vnetName, paramID, value, *valueLen);
   PLR_RETURN(frame, true);
 }
@@ -282,8 +283,7 @@ bool PLR_GetNATParam(const char* vnetName, uint32_t paramID, bool useDefault, ch
     PLOG(LOG_ERR, "Unsupported NAT parameter ID: %u", paramID);
     PLR_RETURN(frame, false);
   }
-  PLOG(LOG_INFO2, "Mapped external NAT param ID: %u to internal param ID: %u", paramID,
-       internalID);
+  PLOG(LOG_INFO2, "Mapped external NAT param ID: %u to internal param ID: %u", paramID, internalID);
   const uint32_t size = *valueLen;
   if (!PLRNATGetParameter(vnet, internalID, useDefault, value, size)) {
     PLOG(LOG_ERR, "Getting value of NAT Parameter: %u failed for vnet: %s", paramID, vnetName);
@@ -316,16 +316,15 @@ bool PLR_SetDHCPParam(const char* vnetName, uint32_t paramID, const char* value,
   }
   PLOG(LOG_INFO2, "Mapped external param ID: %u to internal paramID: %u", paramID, internalID);
   PLR_RETURN(frame, Locked(__func__, [&] {
-               return plr::api::StoreDhcpParam(frame.function(), vnet, vnetName, paramID, internalID,
-                                               value, valueLen);
+               return plr::api::StoreDhcpParam(frame.function(), vnet, vnetName, paramID,
+                                               internalID, value, valueLen);
              }));
 }
 
 // Sets a NAT parameter, or deletes it when `value` is NULL. The NAT layer
 // receives the caller's own text, so it must be NUL-terminated; the copy of
 // `valueLen` bytes serves the log line only.
-bool PLR_SetNATParam(const char* vnetName, uint32_t paramID, const char* value,
-                     uint32_t valueLen) {
+bool PLR_SetNATParam(const char* vnetName, uint32_t paramID, const char* value, uint32_t valueLen) {
   ApiFrame frame(__func__, __LINE__);
   if (!frame.Loaded()) return false;
   frame.Args("Arguments - v: %p,%s, pID: %u, p: %p,%.*s, pL: %u", vnetName, PLR_STR(vnetName),
@@ -430,8 +429,7 @@ bool PLR_EnumDHCPIPToMAC(const char* vnetName, uint32_t* enumOffset, char* ip, u
     PLOG(LOG_ERR,
          "Invalid argument: vnet: %p,%s enumOffset: %p,%u ip: %p, ipLen: %p,%u, mac: %p, "
          "macLen: %p,%u",
-         vnetName, PLR_STR(vnetName), enumOffset, offset, ip, ipLen, ipSize, mac, macLen,
-         macSize);
+         vnetName, PLR_STR(vnetName), enumOffset, offset, ip, ipLen, ipSize, mac, macLen, macSize);
     PLR_RETURN(frame, false);
   }
   uint32_t vnet;
@@ -497,9 +495,10 @@ bool PLR_GetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort, ch
   if (!frame.Loaded()) return false;
   const uint32_t ipSize = vmIPLen != nullptr ? *vmIPLen : 0;
   const uint32_t descSize = descriptionLen != nullptr ? *descriptionLen : 0;
-  frame.Args("Arguments - v: %p,%s, tcp: %u, hP: %u, vIP: %p, vIPL: %p, %u, vP: %p, d: %p, dL: %p,%u",
-             vnetName, PLR_STR(vnetName), tcp, hostPort, vmIP, vmIPLen, ipSize, vmPort,
-             description, descriptionLen, descSize);
+  frame.Args(
+      "Arguments - v: %p,%s, tcp: %u, hP: %u, vIP: %p, vIPL: %p, %u, vP: %p, d: %p, dL: %p,%u",
+      vnetName, PLR_STR(vnetName), tcp, hostPort, vmIP, vmIPLen, ipSize, vmPort, description,
+      descriptionLen, descSize);
   if (vnetName == nullptr || vmIP == nullptr || vmIPLen == nullptr || vmPort == nullptr ||
       ipSize < PLR_IP_ADDR_MIN_LEN || (description != nullptr && descriptionLen == nullptr)) {
     PLOG(LOG_ERR,
@@ -510,9 +509,10 @@ bool PLR_GetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort, ch
   }
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) return false;  // this refusal writes no exit line
+  // The record layer is asked for a description only when there is a buffer for it.
   uint32_t descLength = description != nullptr ? descSize : 0;
   if (!PLRNATGetPortForward(vnet, tcp, hostPort, vmIP, ipSize, vmPort, description,
-                            &descLength)) {
+                            description != nullptr ? &descLength : nullptr)) {
     PLOG(LOG_ERR, "Getting NAT Port Forward failed on vnet: %s", vnetName);
     PLR_RETURN(frame, false);
   }
@@ -539,8 +539,8 @@ bool PLR_EnumNATPortForward(const char* vnetName, bool tcp, uint32_t* enumOffset
   frame.Args(
       "Arguments - v: %p,%s, tcp: %u, eO: %p,%u, hP: %p, vIP: %p, vIPL: %p,%u, vP: %p, d: %p, "
       "dL: %p,%u",
-      vnetName, PLR_STR(vnetName), tcp, enumOffset, offset, hostPort, vmIP, vmIPLen, ipSize,
-      vmPort, description, descriptionLen, descSize);
+      vnetName, PLR_STR(vnetName), tcp, enumOffset, offset, hostPort, vmIP, vmIPLen, ipSize, vmPort,
+      description, descriptionLen, descSize);
   if (enumOffset == nullptr || vnetName == nullptr || vmIP == nullptr || vmIPLen == nullptr ||
       ipSize < PLR_IP_ADDR_MIN_LEN || vmPort == nullptr ||
       (description != nullptr && descriptionLen == nullptr)) {
@@ -554,7 +554,7 @@ bool PLR_EnumNATPortForward(const char* vnetName, bool tcp, uint32_t* enumOffset
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
   uint32_t descLength = description != nullptr ? descSize : 0;
   if (!PLRNATEnumPortForward(vnet, tcp, enumOffset, hostPort, vmIP, ipSize, vmPort, description,
-                             &descLength)) {
+                             description != nullptr ? &descLength : nullptr)) {
     PLOG(LOG_ERR, "No ports to enumerate for vnet: %s", vnetName);
     PLR_RETURN(frame, false);
   }
@@ -604,7 +604,8 @@ bool PLR_UpdateNATFromConfig(const char* vnetName) {
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
   PLOG(LOG_INFO2, "Checking to see if NAT service is running");
   if (PLRServiceStatus(vnet, PLR_SERVICE_NAT) != PLR_SERVICE_STOPPED) {
-    PLOG(LOG_ERR, "NAT service is not in stopped state on this vnet,Cannot update config information");
+    PLOG(LOG_ERR,
+         "NAT service is not in stopped state on this vnet,Cannot update config information");
     PLR_RETURN(frame, false);
   }
   PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {

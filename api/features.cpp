@@ -137,7 +137,9 @@ void WriteAnswer(uint32_t vnet, const VnetFeatureValues& v, PLR_VnetFeatures* ft
 
 extern "C" {
 
-uint32_t PLR_GetNumberOfVnets(void) { return PLR_MAX_VNETS; }
+uint32_t PLR_GetNumberOfVnets(void) {
+  return PLR_MAX_VNETS;
+}
 
 // Describes the record's vnet: configured features and what runs for it.
 bool PLR_GetVnetFeatures(PLR_VnetFeatures* ft) {

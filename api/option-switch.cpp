@@ -38,8 +38,8 @@ bool SwitchOff(const char* function, const OptionSwitch& option, uint32_t vnet,
 // Switching on. The one undo step, removing the subnet this call assigned,
 // is armed before the assignment is tried and dismissed only when the
 // setter succeeded or the vnet had its subnet before.
-bool SwitchOn(const char* function, const OptionSwitch& option, uint32_t vnet,
-              const char* vnetName, bool removeConfig) {
+bool SwitchOn(const char* function, const OptionSwitch& option, uint32_t vnet, const char* vnetName,
+              bool removeConfig) {
   const SwitchTexts& t = option.texts;
   if (t.beforeOn != nullptr) PLOG_AS(function, LOG_INFO2, t.beforeOn, vnetName);
   const bool hadSubnet = PLRVnetIsOptionConfigured(vnet, PLR_VNET_OPTION_SUBNET);

@@ -10,20 +10,20 @@ namespace plr::api {
 // argument (texts without a placeholder ignore it), except `changing`, which
 // receives the current and the requested status (%u, %u).
 struct SwitchTexts {
-  const char* same;           // LOG_INFO: current status equals the request
-  const char* cleanedUp;      // LOG_INFO / LOG_ERR: clean-up of the current configuration
+  const char* same;       // LOG_INFO: current status equals the request
+  const char* cleanedUp;  // LOG_INFO / LOG_ERR: clean-up of the current configuration
   const char* cleanupFailed;
-  const char* changing;       // LOG_INFO2
-  const char* beforeOn;       // LOG_INFO2 on the way to switching on, or nullptr
-  const char* subnetAttempt;  // LOG_INFO2
-  const char* subnetFailed;   // LOG_ERR
-  const char* subnetAssigned; // at `subnetAssignedLevel`
+  const char* changing;        // LOG_INFO2
+  const char* beforeOn;        // LOG_INFO2 on the way to switching on, or nullptr
+  const char* subnetAttempt;   // LOG_INFO2
+  const char* subnetFailed;    // LOG_ERR
+  const char* subnetAssigned;  // at `subnetAssignedLevel`
   unsigned subnetAssignedLevel;
-  const char* on;             // LOG_OK / LOG_ERR
+  const char* on;  // LOG_OK / LOG_ERR
   const char* onFailed;
-  const char* off;            // LOG_OK / LOG_ERR
+  const char* off;  // LOG_OK / LOG_ERR
   const char* offFailed;
-  const char* rollback;       // LOG_ERR before an assigned subnet is removed, or nullptr
+  const char* rollback;  // LOG_ERR before an assigned subnet is removed, or nullptr
 };
 
 struct OptionSwitch {

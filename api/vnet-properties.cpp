@@ -44,8 +44,8 @@ constexpr GetterShape kAdapterAddr = {
 // a valid name, then `fetch` into the caller's buffer. The caller's length
 // changes only on success.
 template <class Fetch>
-bool RunGetter(const char* function, const GetterShape& shape, const char* vnetName,
-               char* buffer, uint32_t* length, Fetch fetch) {
+bool RunGetter(const char* function, const GetterShape& shape, const char* vnetName, char* buffer,
+               uint32_t* length, Fetch fetch) {
   uint32_t size = length != nullptr ? *length : 0;
   if (vnetName == nullptr || buffer == nullptr || length == nullptr || size < shape.minimum) {
     PLOG_AS(function, LOG_ERR, shape.invalid, vnetName, buffer, length, size);
@@ -87,8 +87,8 @@ bool PLR_GetVnetDisplayName(const char* vnetName, char* name, uint32_t* nameLen)
   if (!frame.Loaded()) return false;
   frame.Args("Arguments - v: %p,%s, name: %p, nameLen:%p,%u", vnetName, PLR_STR(vnetName), name,
              nameLen, nameLen != nullptr ? *nameLen : 0);
-  PLR_RETURN(frame, plr::api::RunGetter(__func__, plr::api::kDisplayName, vnetName, name,
-                                        nameLen, PLRGetVnetDisplayName));
+  PLR_RETURN(frame, plr::api::RunGetter(__func__, plr::api::kDisplayName, vnetName, name, nameLen,
+                                        PLRGetVnetDisplayName));
 }
 
 // Copies the vnet's subnet address; the length comes back with the NUL.
@@ -318,8 +318,7 @@ bool PLR_CheckSubnetAvailability(const char* vnetName, bool broadcast, uint32_t 
     PLR_RETURN(frame, false);
   }
   *available = PLRPingAndCheckSubnet(subnet, broadcast, timeout, interval);
-  PLOG(LOG_OK, "Subnet: %s on vnet: %s is %savailable", subnet, vnetName,
-       *available ? "" : "not ");
+  PLOG(LOG_OK, "Subnet: %s on vnet: %s is %savailable", subnet, vnetName, *available ? "" : "not ");
   PLR_RETURN(frame, true);
 }
 
@@ -342,8 +341,8 @@ bool PLR_SetNATPrefix(const char* vnetName, const char* prefix, const char* desc
   plr::api::OwnedText copy;
   if (!plr::api::TakeDescription(__func__, description, descriptionLen, &copy))
     PLR_RETURN(frame, false);
-  bool ok = Locked(__func__,
-                   [&] { return PLRNATSetPrefix(vnet, prefix, copy.get(), descriptionLen); });
+  bool ok =
+      Locked(__func__, [&] { return PLRNATSetPrefix(vnet, prefix, copy.get(), descriptionLen); });
   if (ok) {
     PLOG(LOG_OK, "Setting NAT prefix succeeded for vnet: %s, prefix: %s ", vnetName, prefix);
   } else {

@@ -115,7 +115,7 @@ bool PLR_Load(int readOnly) {
     PLOG(LOG_OK, "Successfully initialized Pelorus");
     PLR_RETURN(frame, true);
   }
-  // Undo of a partial load, in reverse order of the steps above.
+  // Undo of a partial load: the cache without compaction, then the bookkeeping.
   PLRNetCfgUnload(nullptr, false);
   PLRFileDirBookkeepingDBUnload();
   PLR_RETURN(frame, false);
@@ -138,10 +138,14 @@ void PLR_Unload2(int compact) {
 }
 
 // The usual unload: compacts the database file on the last unload.
-void PLR_Unload(void) { PLR_Unload2(1); }
+void PLR_Unload(void) {
+  PLR_Unload2(1);
+}
 
 // The interface version; callable at any time, logs nothing.
-uint32_t PLR_Version(void) { return 0x10000u; }
+uint32_t PLR_Version(void) {
+  return 0x10000u;
+}
 
 // Adds or replaces an answer of the default cache, written through to the file.
 bool PLR_VnetCfgAddAnswer(const char* key, const char* value) {
@@ -183,11 +187,23 @@ bool PLRValidateNetIDStruct(const PLR_NetworkID* netId) {
 
 // The file bookkeeping hooks are kept for interface stability only: callers
 // reach them at every create and remove, and they always succeed.
-bool PLRFileDirBookkeepingDBLoad(void) { return true; }
-bool PLRFileDirBookkeepingDBUnload(void) { return true; }
-bool PLRRecordFileCreation(const char* /*path*/, const char* /*mtime*/) { return true; }
-bool PLRRecordDirectoryCreation(const char* /*path*/) { return true; }
-bool PLRRecordFileDeletion(const char* /*path*/) { return true; }
-bool PLRRecordDirectoryDeletion(const char* /*path*/) { return true; }
+bool PLRFileDirBookkeepingDBLoad(void) {
+  return true;
+}
+bool PLRFileDirBookkeepingDBUnload(void) {
+  return true;
+}
+bool PLRRecordFileCreation(const char* /*path*/, const char* /*mtime*/) {
+  return true;
+}
+bool PLRRecordDirectoryCreation(const char* /*path*/) {
+  return true;
+}
+bool PLRRecordFileDeletion(const char* /*path*/) {
+  return true;
+}
+bool PLRRecordDirectoryDeletion(const char* /*path*/) {
+  return true;
+}
 
 }  // extern "C"

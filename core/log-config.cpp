@@ -60,9 +60,13 @@ bool PLR_SetDefaultLogLevel(unsigned level) {
     PLOG(LOG_ERR, "Invalid log level: %x, max log level: %x", level, PLR_LOG_MAX_LEVEL);
     PLR_RETURN(frame, false);
   }
-  plr::WriteBracket bracket(__func__);
-  if (!bracket.Ok()) PLR_RETURN(frame, false);
-  bool ok = PLRSetVnetCfgLogLevel(static_cast<int>(level));
+  bool ok = false;
+  {
+    // The lock is released before the outcome and exit lines are written.
+    plr::WriteBracket bracket(__func__);
+    if (!bracket.Ok()) PLR_RETURN(frame, false);
+    ok = PLRSetVnetCfgLogLevel(static_cast<int>(level));
+  }
   if (ok) {
     PLOG(LOG_OK, "Default log level set to: 0x%x", level);
   } else {
@@ -86,6 +90,8 @@ bool PLR_SetCurrentLogLevel(unsigned level) {
 }
 
 // The mask in force.
-uint32_t PLR_GetCurrentLogLevel(void) { return plrContext.currentLevel; }
+uint32_t PLR_GetCurrentLogLevel(void) {
+  return plrContext.currentLevel;
+}
 
 }  // extern "C"

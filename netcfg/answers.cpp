@@ -146,12 +146,12 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   if (!cache->answers || key == nullptr) return true;
-  return plr::NetCfgGuarded(__func__, [&] {
+  return plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
     auto it = cache->answers->find(std::string_view(key));
     if (it == cache->answers->end()) return true;
     std::string oldValue = it->second.value;
     if (!plr::NetCfgHashRemoveAnswer(cache, key)) {
-      PLOG(LOG_ERR, "Failed to remove \"%s\" from hash table", key);
+      PLOG_AS(fnName, LOG_ERR, "Failed to remove \"%s\" from hash table", key);
       return false;
     }
     if (cache->readOnly) {
@@ -160,9 +160,9 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
     }
     bool mayHaveLanded = false;
     if (plr::NetCfgAppendRecord(cache, plr::RemoveAnswerRecord(key), &mayHaveLanded)) return true;
-    PLOG(LOG_ERR, "Failed to remove \"%s\" in database file", key);
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove \"%s\" in database file", key);
     if (!plr::NetCfgHashAddAnswer(cache, key, oldValue))
-      PLOG(LOG_ERR, "Restoring %s:%s failed in hash table", key, oldValue.c_str());
+      PLOG_AS(fnName, LOG_ERR, "Restoring %s:%s failed in hash table", key, oldValue.c_str());
     if (mayHaveLanded)
       plr::NetCfgAppendRecord(cache, plr::AnswerRecord(key, oldValue), &mayHaveLanded);
     return false;

@@ -98,7 +98,7 @@ bool PLRNetCfgAddHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* a
          adapter ? adapter : "(null)", vnet);
     return false;
   }
-  return NetCfgGuarded(__func__, [&] { return AddBridge(cache, adapter, vnet, restoring); });
+  return NetCfgGuarded(__func__, [&, fnName = __func__] { return AddBridge(cache, adapter, vnet, restoring); });
 }
 
 // Removes the mapping of `adapter`; absent is a failure.
@@ -116,7 +116,7 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
     return false;
   }
   int32_t oldVnet = *found;
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     NetCfgHashRemoveBridge(cache, adapter);
     if (cache->readOnly) {
       cache->modified = true;
@@ -125,13 +125,13 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
       return true;
-    PLOG(LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file", adapter);
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file", adapter);
     if (!NetCfgHashAddBridge(cache, adapter, oldVnet))
-      PLOG(LOG_ERR, "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d",
+      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d",
            adapter, oldVnet);
     if (mayHaveLanded)
       NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
-    PLOG(LOG_ERR, "Removing Bridge mapping failed");
+    PLOG_AS(fnName, LOG_ERR, "Removing Bridge mapping failed");
     return false;
   });
 }
@@ -171,7 +171,7 @@ bool PLRNetCfgLookupHostAdaptersForVnet(PLRNetworkConfigurationDB* db, uint32_t 
     return true;
   }
   std::vector<const std::pair<const std::string, int32_t>*> array;
-  if (!NetCfgGuarded(__func__, [&] {
+  if (!NetCfgGuarded(__func__, [&, fnName = __func__] {
         array.reserve(cache->bridges->size());
         for (const auto& node : *cache->bridges) array.push_back(&node);
         return true;

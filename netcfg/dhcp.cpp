@@ -84,7 +84,7 @@ bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const
          mac ? mac : "(null)", ip ? ip : "(null)");
     return false;
   }
-  return NetCfgGuarded(__func__, [&] { return AddDhcp(cache, vnet, standard, ip, restoring); });
+  return NetCfgGuarded(__func__, [&, fnName = __func__] { return AddDhcp(cache, vnet, standard, ip, restoring); });
 }
 
 // Removes the mapping of `mac` on `vnet`; absent is a failure.
@@ -99,7 +99,7 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
     PLOG(LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", mac ? mac : "(null)");
     return false;
   }
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     std::string oldIp = *found;
     NetCfgHashRemoveDhcp(cache, vnet, standard);
     if (cache->readOnly) {
@@ -109,9 +109,9 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, false), &mayHaveLanded))
       return true;
-    PLOG(LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
     if (!NetCfgHashAddDhcp(cache, vnet, standard, oldIp))
-      PLOG(LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s", standard,
+      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s", standard,
            oldIp.c_str());
     if (mayHaveLanded)
       NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
@@ -157,7 +157,7 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
   }
   DhcpVnetTable& table = *cache->dhcp[vnet];
   if (!table.arrayValid) {
-    bool built = NetCfgGuarded(__func__, [&] {
+    bool built = NetCfgGuarded(__func__, [&, fnName = __func__] {
       table.array.clear();
       table.array.reserve(table.table.size());
       for (const auto& node : table.table) table.array.push_back(&node);
@@ -194,7 +194,7 @@ bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_
   PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
   if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) return true;
   if (writeRecords && !cache->readOnly) {
-    bool allWritten = NetCfgGuarded(__func__, [&] {
+    bool allWritten = NetCfgGuarded(__func__, [&, fnName = __func__] {
       std::vector<const std::pair<const std::string, std::string>*> nodes;
       for (const auto& node : cache->dhcp[vnet]->table) nodes.push_back(&node);
       std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });

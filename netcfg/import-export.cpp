@@ -38,9 +38,9 @@ namespace plr {
 namespace {
 
 // Global answers that survive an import.
-constexpr std::string_view kKnownGlobalKeys[] = {
-    "PLR_DEFAULT_HOSTONLY_VNET", "PLR_DEFAULT_NAT_VNET", "PLR_LOG_FILE", "PLR_LOGLEVEL",
-    "PLR_DEFAULT_BRIDGE_VNET"};
+constexpr std::string_view kKnownGlobalKeys[] = {"PLR_DEFAULT_HOSTONLY_VNET",
+                                                 "PLR_DEFAULT_NAT_VNET", "PLR_LOG_FILE",
+                                                 "PLR_LOGLEVEL", "PLR_DEFAULT_BRIDGE_VNET"};
 
 // Per-vnet fields that survive an import, in the order the merge compares
 // them. The last two are legacy fields that the upgrade converts.
@@ -333,8 +333,7 @@ bool ReplaceDatabase(PLRNetworkConfigurationDB* db, ImportState& s) {
       return false;
     }
     s.backupCopy = std::move(copy);
-    PLOG_AS(fn, LOG_INFO, "Renamed database file: %s to: %s", s.databasePath,
-            s.backupCopy.c_str());
+    PLOG_AS(fn, LOG_INFO, "Renamed database file: %s to: %s", s.databasePath, s.backupCopy.c_str());
   }
   if (sys::rename(s.tempPath.c_str(), s.databasePath) != 0) {
     PLOG_AS(fn, LOG_ERR, "Failed to write to database file: %s", s.databasePath);
@@ -561,10 +560,9 @@ bool PLRNetCfgCreateDB(const char* path, bool backup) {
     PLRRemoveFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, path);
     return false;
   }
-  const bool written =
-      fprintf(file.get(), "%s=%u,%u\n", backup ? "BACKUP_VERSION" : "VERSION", kNetCfgMajorVersion,
-              kNetCfgMinorVersion) > 0 &&
-      fflush(file.get()) == 0 && sys::fsync(fileno(file.get())) == 0;
+  const bool written = fprintf(file.get(), "%s=%u,%u\n", backup ? "BACKUP_VERSION" : "VERSION",
+                               kNetCfgMajorVersion, kNetCfgMinorVersion) > 0 &&
+                       fflush(file.get()) == 0 && sys::fsync(fileno(file.get())) == 0;
   const int err = errno;
   if (file.reset() != 0 || !written) {
     PLOG(LOG_ERR, "Failed to write initialization data into file: %serror: %s", path,
@@ -705,8 +703,7 @@ bool PLRNetCfgMergeConfig(const char* path) {
   }
   PrivateCache merged;
   if (path == nullptr || !PLRNetCfgLoad(path, merged.out(), true, true)) {
-    PLOG(LOG_ERR, "Failed to parse and load configuration data frombackup file: %s",
-         PLR_STR(path));
+    PLOG(LOG_ERR, "Failed to parse and load configuration data frombackup file: %s", PLR_STR(path));
     return false;
   }
   MergeState state;

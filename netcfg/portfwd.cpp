@@ -114,16 +114,16 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
                             const char* description, bool restoring) {
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     std::string_view desc = description != nullptr ? description : "";
     if (vnet >= PLR_MAX_VNETS || hostPort == 0 || vmPort == 0 || vmIP == nullptr ||
         !NetCfgIsValidIP(vmIP) || !NetCfgIsLineText(desc)) {
-      PLOG(LOG_ERR, "Failed to add port forward record for %s port %u", NetCfgProtoName(isTCP),
+      PLOG_AS(fnName, LOG_ERR, "Failed to add port forward record for %s port %u", NetCfgProtoName(isTCP),
            hostPort);
       return false;
     }
     if (desc.size() > kNetCfgMaxDescription) {
-      PLOG(LOG_ERR, "Discarding description since it is too long");
+      PLOG_AS(fnName, LOG_ERR, "Discarding description since it is too long");
       desc = {};
     }
     NATPortFwdEntry entry;
@@ -142,13 +142,13 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
                                uint16_t hostPort) {
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     const char* proto = NetCfgProtoName(isTCP);
     const NATPortFwdEntry* found = NetCfgFindPortFwd(cache, vnet, isTCP, hostPort);
     std::optional<NATPortFwdEntry> old;
     if (found != nullptr) old = *found;
     if (!old || !NetCfgHashRemovePortFwd(cache, vnet, isTCP, hostPort)) {
-      PLOG(LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table", proto,
+      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table", proto,
            hostPort);
       return false;
     }
@@ -158,10 +158,10 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
     }
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
-    PLOG(LOG_ERR, "Failed to remove NAT port forward for %s port %u from database file, error: %s",
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from database file, error: %s",
          proto, hostPort, strerror(errno));
     if (!NetCfgHashAddPortFwd(cache, *old))
-      PLOG(LOG_ERR,
+      PLOG_AS(fnName, LOG_ERR,
            "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
            "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
            vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
@@ -204,7 +204,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
     return false;
   }
   NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
-  if (!NetCfgGuarded(__func__, [&] { return EnsureArray(group); })) {
+  if (!NetCfgGuarded(__func__, [&, fnName = __func__] { return EnsureArray(group); })) {
     PLOG(LOG_ERR, "Failed to create array of forwarded ports");
     return false;
   }
@@ -239,7 +239,7 @@ bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, 
     NATPortFwdGroup& group = holder.group(isTCP);
     if (!group.table) continue;
     if (writeRecords && !cache->readOnly) {
-      bool allWritten = NetCfgGuarded(__func__, [&] {
+      bool allWritten = NetCfgGuarded(__func__, [&, fnName = __func__] {
         std::vector<uint16_t> ports;
         ports.reserve(group.table->size());
         for (const auto& [port, entry] : *group.table) ports.push_back(port);

@@ -37,9 +37,9 @@ bool PLRNetCfgAddNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const c
     return false;
   }
   if (NetCfgFindPrefix(cache, vnet, prefix)) return true;
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     if (!NetCfgHashAddPrefix(cache, vnet, prefix)) {
-      PLOG(LOG_ERR, "Failed to add prefix: %s to record", prefix);
+      PLOG_AS(fnName, LOG_ERR, "Failed to add prefix: %s to record", prefix);
       return false;
     }
     if (cache->readOnly) {
@@ -48,7 +48,7 @@ bool PLRNetCfgAddNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const c
     }
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded)) return true;
-    PLOG(LOG_ERR, "Failed to add prefix record");
+    PLOG_AS(fnName, LOG_ERR, "Failed to add prefix record");
     NetCfgHashRemovePrefix(cache, vnet, prefix);
     if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded);
     return false;
@@ -59,9 +59,9 @@ bool PLRNetCfgAddNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const c
 bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* prefix) {
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr || !PLRNetCfgLookupNATPrefix(cache, vnet, prefix)) return false;
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     if (!NetCfgHashRemovePrefix(cache, vnet, prefix)) {
-      PLOG(LOG_ERR, "Failed to remove NAT prefix for %s from hash table", prefix);
+      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from hash table", prefix);
       return false;
     }
     if (cache->readOnly) {
@@ -71,10 +71,10 @@ bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, cons
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded)) return true;
     int err = errno;
-    PLOG(LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s", prefix,
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s", prefix,
          strerror(err));
     if (!NetCfgHashAddPrefix(cache, vnet, prefix))
-      PLOG(LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s", prefix,
+      PLOG_AS(fnName, LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s", prefix,
            strerror(err));
     if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
     return false;

@@ -231,10 +231,10 @@ void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
 }
 
 bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bool backup) {
-  return NetCfgGuarded(__func__, [&] {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
     UniqueFd fd(sys::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (!fd) {
-      PLOG(LOG_ERR, "Failed to open file: %s, error: %s", path, strerror(errno));
+      PLOG_AS(fnName, LOG_ERR, "Failed to open file: %s, error: %s", path, strerror(errno));
       return false;
     }
     // Undo: a half-written file is never left behind.
@@ -246,7 +246,7 @@ bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bo
     std::string buffer = backup ? "BACKUP_VERSION=" : "VERSION=";
     buffer += std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
     if (!sys::WriteAll(fd.get(), buffer.data(), buffer.size())) {
-      PLOG(LOG_ERR, "Failed to write initialization data into file: %serror: %s", path,
+      PLOG_AS(fnName, LOG_ERR, "Failed to write initialization data into file: %serror: %s", path,
            strerror(errno));
       return false;
     }
@@ -258,7 +258,7 @@ bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bo
       try {
         NetCfgCollectRecords(db, type, &records);
       } catch (const std::bad_alloc&) {
-        PLOG(LOG_ERR, "Failed to create array of records of type: %u", type);
+        PLOG_AS(fnName, LOG_ERR, "Failed to create array of records of type: %u", type);
         return false;
       }
       size_t count = 0;
@@ -268,24 +268,24 @@ bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bo
           const NetCfgRecord& record = records[i];
           if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) continue;
           if (!NetCfgFormatRecord(record, &buffer)) {
-            PLOG(LOG_ERR, "Failed to write record of type: %u to  database file", type);
+            PLOG_AS(fnName, LOG_ERR, "Failed to write record of type: %u to  database file", type);
             return false;
           }
           ++count;
         }
         if ((last || buffer.size() >= kWriteChunk) && !buffer.empty()) {
           if (!sys::WriteAll(fd.get(), buffer.data(), buffer.size())) {
-            PLOG(LOG_ERR, "Failed to write record of type: %u to  database file", type);
+            PLOG_AS(fnName, LOG_ERR, "Failed to write record of type: %u to  database file", type);
             return false;
           }
           buffer.clear();
         }
       }
-      PLOG(LOG_INFO, "Records of type: %u, count %zu written to database file", type, count);
+      PLOG_AS(fnName, LOG_INFO, "Records of type: %u, count %zu written to database file", type, count);
     }
     // The file must be on disk before anyone renames it over a database.
     if (sys::fsync(fd.get()) != 0) {
-      PLOG(LOG_ERR, "Failed to flush database file: %s, error: %s", path, strerror(errno));
+      PLOG_AS(fnName, LOG_ERR, "Failed to flush database file: %s, error: %s", path, strerror(errno));
       return false;
     }
     removeFile.dismiss();

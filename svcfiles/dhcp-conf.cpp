@@ -149,8 +149,8 @@ bool ReadSubnetValues(uint32_t vnet, SubnetValues* v) {
 
 // The NAT gateway's lines, given to the subnet and to every static mapping.
 void AppendNatOptions(std::string& out, const SubnetValues& v) {
-  out += StrPrintf("\toption netbios-name-servers %s;\n", v.netbios);
-  out += StrPrintf("\toption routers %s;\n", v.routers);
+  out += StrPrintf("\toption netbios-name-servers %s;\n\toption routers %s;\n", v.netbios,
+                   v.routers);
 }
 
 void AppendSubnet(std::string& out, const SubnetValues& v) {
@@ -169,11 +169,13 @@ void AppendSubnet(std::string& out, const SubnetValues& v) {
 
 void AppendHostLines(std::string& out, const char* name, const char* mac, const char* ip,
                      const char* dns, const char* domain) {
-  out += StrPrintf("host %s {\n", name);
-  out += StrPrintf("\thardware ethernet %s;\n", mac);
-  out += StrPrintf("\tfixed-address %s;\n", ip);
-  out += StrPrintf("\toption domain-name-servers %s;\n", dns);
-  out += StrPrintf("\toption domain-name %s;\n", domain);
+  out += StrPrintf(
+      "host %s {\n"
+      "\thardware ethernet %s;\n"
+      "\tfixed-address %s;\n"
+      "\toption domain-name-servers %s;\n"
+      "\toption domain-name %s;\n",
+      name, mac, ip, dns, domain);
 }
 
 // The host's own virtual adapter: a fixed address and a MAC derived from the

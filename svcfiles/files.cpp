@@ -1,6 +1,8 @@
 // File names by file-type code, and the create, remove and exists operations
 // on the files, directories and kavix device nodes the library touches. The
 // code decides the path and the kind; see the PLR_FILE_* codes in types.h.
+#include "pelorus/files.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
@@ -12,7 +14,6 @@
 #include "base/sys-util.h"
 #include "core/log.h"
 #include "pelorus/core.h"
-#include "pelorus/files.h"
 #include "pelorus/netcfg.h"
 #include "pelorus/vnet.h"
 
@@ -47,7 +48,8 @@ constexpr TypeRule kRules[] = {
     /* 3 nat dir        */ {"%s/kavix%d/nat", Kind::kDirectory, true, Kind::kDirectory},
     /* 4 custom         */ {nullptr, Kind::kRegular, true, Kind::kAny},
     /* 5 dhcpd.conf     */ {"%s/kavix%d/dhcpd/dhcpd.conf", Kind::kRegular, true, Kind::kRegular},
-    /* 6 dhcpd.conf.bak */ {"%s/kavix%d/dhcpd/dhcpd.conf.bak", Kind::kRegular, true, Kind::kRegular},
+    /* 6 dhcpd.conf.bak */
+    {"%s/kavix%d/dhcpd/dhcpd.conf.bak", Kind::kRegular, true, Kind::kRegular},
     /* 7 leases         */ {"%s/kavix%d/dhcpd/dhcpd.leases", Kind::kRegular, true, Kind::kRegular},
     /* 8 old leases     */ {"%s/kavix%d/dhcpd/dhcpd.leases~", Kind::kRegular, true, Kind::kRegular},
     /* 9 nat.mac        */ {"%s/kavix%d/nat.mac", Kind::kNone, true, Kind::kNone},
@@ -58,7 +60,9 @@ constexpr TypeRule kRules[] = {
 };
 constexpr uint32_t kTypeCount = sizeof kRules / sizeof kRules[0];
 
-const TypeRule* RuleFor(uint32_t type) { return type < kTypeCount ? &kRules[type] : nullptr; }
+const TypeRule* RuleFor(uint32_t type) {
+  return type < kTypeCount ? &kRules[type] : nullptr;
+}
 
 // A global answer, or `fallback` when the database has none.
 const char* AnswerOr(const char* key, const char* fallback) {
@@ -68,7 +72,9 @@ const char* AnswerOr(const char* key, const char* fallback) {
 }
 
 // True when snprintf's result shows the whole text fitted.
-bool Fits(int written, size_t size) { return written >= 0 && static_cast<size_t>(written) < size; }
+bool Fits(int written, size_t size) {
+  return written >= 0 && static_cast<size_t>(written) < size;
+}
 
 // "/dev/kavix<n>" for a vnet number 0..255.
 bool FormatDevicePath(uint32_t vnet, char* buf, size_t size) {
@@ -227,11 +233,11 @@ bool PLRGetFileName(uint32_t vnet, uint32_t type, char* buf, size_t size) {
   // same answers in the same order as the daemons' code does.
   (void)plr::AnswerOr("RUNDIR", plr::kDefaultRunDir);
 
-  bool fits = type == PLR_FILE_KAVIX_DEVICE
-                  ? plr::FormatDevicePath(vnet, buf, size)
-                  : plr::Fits(snprintf(buf, size, rule->pathFormat, configDir,
-                                       static_cast<int>(vnet)),
-                              size);
+  bool fits =
+      type == PLR_FILE_KAVIX_DEVICE
+          ? plr::FormatDevicePath(vnet, buf, size)
+          : plr::Fits(snprintf(buf, size, rule->pathFormat, configDir, static_cast<int>(vnet)),
+                      size);
   if (!fits) {
     PLOG(LOG_ERR, "Error formatting the file name for file type: %ufrom cD: %s, vnet: %d", type,
          configDir, static_cast<int>(vnet));
@@ -273,7 +279,7 @@ bool PLRRemoveFile(uint32_t vnet, uint32_t type, const char* customName) {
   char path[PLR_PATH_SIZE];
   if (!plr::BuildPath(__func__, vnet, type, customName, path, sizeof path)) return false;
   return rule->exists == plr::Kind::kDirectory ? plr::RemoveDirectory(path)
-                                                : plr::RemovePlainFile(path);
+                                               : plr::RemovePlainFile(path);
 }
 
 // True when the thing of a code exists and is of the code's kind; absence is

@@ -158,7 +158,7 @@ bool MatchItem(const char* line, const char* key, std::string* value) {
   size_t length = strlen(key);
   if (strncasecmp(p, key, length) != 0) return false;
   p += length;
-  while (*p == ' ' || *p == '\t') ++p;
+  while (*p != '\0' && IsSpace(*p)) ++p;
   if (*p != '=' && *p != ':') return false;
   ParseValue(SkipSpace(p + 1), false, value);
   return true;

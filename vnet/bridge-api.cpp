@@ -281,8 +281,7 @@ bool PLR_SetBridgeDefaultNetwork(const PLR_NetworkID* in) {
   change.requested = in->vnet;
   // Only vnet 0 or none can be the default bridge.
   if (change.requested != 0 && change.requested != PLR_VNET_NONE) {
-    PLOG(LOG_ERR, "Invalid vnet number for default bridge: %d",
-         static_cast<int>(change.requested));
+    PLOG(LOG_ERR, "Invalid vnet number for default bridge: %d", static_cast<int>(change.requested));
     PLR_RETURN(frame, false);
   }
   if (!PLRGetDefaultBridgeVnet(&change.current)) {
@@ -334,9 +333,8 @@ bool PLR_GetHostAdapterList(uint32_t version, PLR_HostAdapterList** out) {
   }
   PLOG(LOG_INFO2, "Obtained non-contig list of %u adapters", count);
   // Logged on every exit from here on, when `source` is freed.
-  ScopeExit logFree([] {
-    PLOG_AS("PLR_GetHostAdapterList", LOG_INFO2, "Freeing non-contig list of adapters");
-  });
+  ScopeExit logFree(
+      [] { PLOG_AS("PLR_GetHostAdapterList", LOG_INFO2, "Freeing non-contig list of adapters"); });
   auto* header = static_cast<PLR_HostAdapterList*>(
       calloc(1, sizeof(PLR_HostAdapterList) + size_t{count} * sizeof(PLR_HostAdapter)));
   if (header == nullptr) {
@@ -402,8 +400,7 @@ bool PLR_BridgeMoveAdapter(const PLR_HostAdapter* adapter, const PLR_NetworkID* 
   }
   if (move.destination != move.defaultBridge && move.destination != PLR_VNET_NONE &&
       !PLRGetVnetBridge(move.destination, nullptr, move.displaced.out())) {
-    PLOG(LOG_ERR, "Failed to get adapter bridged to vnet: %d",
-         static_cast<int>(move.destination));
+    PLOG(LOG_ERR, "Failed to get adapter bridged to vnet: %d", static_cast<int>(move.destination));
     PLR_RETURN(frame, false);
   }
   bool ok = false;

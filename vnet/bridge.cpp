@@ -1,11 +1,12 @@
 // Bridge mappings of host adapters and the sets of adapters bridged to a vnet.
 // The mappings live in the default database (netcfg owns the table); the
 // default bridge vnet is cached by the vnet settings layer.
+#include "pelorus/bridge.h"
+
 #include <string.h>
 #include <strings.h>
 
 #include "core/log.h"
-#include "pelorus/bridge.h"
 #include "pelorus/netcfg.h"
 #include "pelorus/services.h"
 #include "pelorus/vnet.h"
@@ -14,7 +15,9 @@
 namespace plr {
 
 // Names beginning with "kavix" (any case) are the library's own adapters.
-bool IsKavixAdapterName(const char* name) { return strncasecmp(name, "kavix", 5) == 0; }
+bool IsKavixAdapterName(const char* name) {
+  return strncasecmp(name, "kavix", 5) == 0;
+}
 
 // Pushes `element` in front of `*head`.
 void PushFront(PLR_HostAdapter** head, PLR_HostAdapter* element) {
@@ -49,8 +52,7 @@ bool MergeHostAdapters(uint32_t vnet, PLR_HostAdapter* hostList, PLR_HostAdapter
     }
     uint32_t mapped = PLR_VNET_NONE;
     if (!PLRGetBridgeMappingForAdapter(element->name, &mapped)) {
-      PLOG_AS(fn, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s",
-              element->name);
+      PLOG_AS(fn, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s", element->name);
       PLRFreeHostAdapList(&element);
       PLRFreeHostAdapList(&hostList);
       PLRFreeHostAdapList(result);

@@ -17,9 +17,9 @@ namespace {
 // The walk speaks for the enumeration that receives the buffers.
 constexpr const char* kEnumName = "PLRCreateHostAdapList";
 
-constexpr size_t kHeaderSize = sizeof(nlmsghdr);      // 16
-constexpr size_t kIfInfoSize = sizeof(ifinfomsg);     // 16
-constexpr size_t kAttrHeaderSize = sizeof(rtattr);    // 4
+constexpr size_t kHeaderSize = sizeof(nlmsghdr);    // 16
+constexpr size_t kIfInfoSize = sizeof(ifinfomsg);   // 16
+constexpr size_t kAttrHeaderSize = sizeof(rtattr);  // 4
 constexpr size_t kLinkMessageMin = kHeaderSize + kIfInfoSize;
 // The attribute area is taken as the message length minus this, which is
 // 8 bytes more than the attributes can occupy; the per-attribute checks end
@@ -28,7 +28,9 @@ constexpr size_t kAttrAreaDeduction = 24;
 
 static_assert(kHeaderSize == 16 && kIfInfoSize == 16 && kAttrHeaderSize == 4);
 
-constexpr size_t Align4(size_t n) { return (n + 3) & ~static_cast<size_t>(3); }
+constexpr size_t Align4(size_t n) {
+  return (n + 3) & ~static_cast<size_t>(3);
+}
 
 // Reads a record of type T at `p`, which may be unaligned.
 template <class T>
@@ -84,12 +86,10 @@ void ReadLinkMessage(const uint8_t* message, size_t length, size_t available,
           info.ifi_family, info.ifi_type, static_cast<unsigned>(info.ifi_index),
           running ? "running" : "not running", info.ifi_change);
   if (info.ifi_type != ARPHRD_ETHER) {
-    PLOG_AS(kEnumName, LOG_INFO2, "Skipping non-ethernet interface: ifi_type: %u",
-            info.ifi_type);
+    PLOG_AS(kEnumName, LOG_INFO2, "Skipping non-ethernet interface: ifi_type: %u", info.ifi_type);
     return;
   }
-  const size_t area =
-      std::min(length - kAttrAreaDeduction, available - kLinkMessageMin);
+  const size_t area = std::min(length - kAttrAreaDeduction, available - kLinkMessageMin);
   std::string name = FindInterfaceName(message + kLinkMessageMin, area);
   if (name.empty()) {
     PLOG_AS(kEnumName, LOG_ERR, "Skipping adapter without name");

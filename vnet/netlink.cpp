@@ -84,8 +84,7 @@ void QueryDriverName(PLR_HostAdapter* element) {
   const char* fn = "PLRCreateHostAdapList";
   UniqueFd fd(sys::socket(AF_INET, SOCK_DGRAM, 0));
   if (!fd) {
-    PLOG_AS(fn, LOG_ERR,
-            "Error opening socket for querying driver name for adapter: %s, error: %s",
+    PLOG_AS(fn, LOG_ERR, "Error opening socket for querying driver name for adapter: %s, error: %s",
             element->name, strerror(errno));
     return;
   }
@@ -97,7 +96,8 @@ void QueryDriverName(PLR_HostAdapter* element) {
   memcpy(request.ifr_name, element->name, strnlen(element->name, IFNAMSIZ - 1));
   request.ifr_data = reinterpret_cast<char*>(&info);
   if (sys::ioctl(fd.get(), SIOCETHTOOL, &request) != 0) {
-    PLOG_AS(fn, LOG_ERR, "Ioctl on socket for querying driver name for adapter: %s failed, error: %s",
+    PLOG_AS(fn, LOG_ERR,
+            "Ioctl on socket for querying driver name for adapter: %s failed, error: %s",
             element->name, strerror(errno));
     return;
   }

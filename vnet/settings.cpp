@@ -64,8 +64,8 @@ bool PLRGetVnetCfgCpy(uint32_t vnet, const char* key, char* buf, size_t* size) {
   if (size == nullptr) return false;
   const char* value = PLRGetVnetCfg(vnet, key);
   if (value == nullptr) {
-    PLOG(LOG_INFO2, "Unable to find host configuration entry : \"%s\" for Vnet: %d",
-         PLR_STR(key), static_cast<int>(vnet));
+    PLOG(LOG_INFO2, "Unable to find host configuration entry : \"%s\" for Vnet: %d", PLR_STR(key),
+         static_cast<int>(vnet));
     return false;
   }
   size_t needed = strlen(value) + 1;
@@ -133,12 +133,18 @@ bool PLRGetVnetSubnetMask(uint32_t vnet, char* buf, size_t size) {
 bool PLRSetVnetSubnetMask(uint32_t vnet, const char* text) {
   return PLRSetVnetCfg(vnet, "HOSTONLY_NETMASK", text);
 }
-bool PLRRemoveVnetSubnetMask(uint32_t vnet) { return PLRRemoveVnetCfg(vnet, "HOSTONLY_NETMASK"); }
+bool PLRRemoveVnetSubnetMask(uint32_t vnet) {
+  return PLRRemoveVnetCfg(vnet, "HOSTONLY_NETMASK");
+}
 bool PLRGetVnetMTU(uint32_t vnet, char* buf, size_t size) {
   return plr::CopySetting(vnet, "MTU", buf, size);
 }
-bool PLRSetVnetMTU(uint32_t vnet, const char* text) { return PLRSetVnetCfg(vnet, "MTU", text); }
-bool PLRRemoveVnetMTU(uint32_t vnet) { return PLRRemoveVnetCfg(vnet, "MTU"); }
+bool PLRSetVnetMTU(uint32_t vnet, const char* text) {
+  return PLRSetVnetCfg(vnet, "MTU", text);
+}
+bool PLRRemoveVnetMTU(uint32_t vnet) {
+  return PLRRemoveVnetCfg(vnet, "MTU");
+}
 bool PLRSetVnetVirtAdapterAddr(uint32_t vnet, const char* text) {
   return PLRSetVnetCfg(vnet, "VIRTUAL_ADAPTER_ADDR", text);
 }
@@ -148,8 +154,12 @@ bool PLRRemoveVnetVirtAdapterAddr(uint32_t vnet) {
 bool PLRSetVnetVirtAdapter(uint32_t vnet, const char* name) {
   return PLRSetVnetCfg(vnet, "VIRTUAL_ADAPTER_NAME", name);
 }
-bool PLRGetVnetUseDHCP(uint32_t vnet) { return PLRGetVnetCfgBool(vnet, "DHCP"); }
-bool PLRGetVnetUseNAT(uint32_t vnet) { return PLRGetVnetCfgBool(vnet, "NAT"); }
+bool PLRGetVnetUseDHCP(uint32_t vnet) {
+  return PLRGetVnetCfgBool(vnet, "DHCP");
+}
+bool PLRGetVnetUseNAT(uint32_t vnet) {
+  return PLRGetVnetCfgBool(vnet, "NAT");
+}
 
 // The host-only adapter's interface name: the stored one when it fits,
 // otherwise (absent) the default "kavix<n>", truncated to the buffer.
@@ -193,8 +203,7 @@ bool PLRSetVnetUseNAT(uint32_t vnet, bool use, bool removeConfig) {
 // stored address and then its name are removed, stopping at the first failure.
 bool PLRSetVnetUseAdapter(uint32_t vnet, bool use, bool removeConfig) {
   if (!PLRSetVnetCfgBool(vnet, "VIRTUAL_ADAPTER", use)) {
-    PLOG(LOG_ERR, "Error setting VIRTUAL_ADAPTER to %u in vnet config",
-         static_cast<unsigned>(use));
+    PLOG(LOG_ERR, "Error setting VIRTUAL_ADAPTER to %u in vnet config", static_cast<unsigned>(use));
     return false;
   }
   PLOG(LOG_INFO2, "VIRTUAL_ADAPTER set to %u in vnet config for vnet: %u",

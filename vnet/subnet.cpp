@@ -67,7 +67,9 @@ int RunPingTool(const char* binDir, const char* address, uint32_t timeout, uint3
 
 // Exit codes of the ping tool that mean "no reply": 1 (nothing answered)
 // and 2 (could not ping, e.g. no route), both judged free.
-bool PingSaysFree(int code) { return code == 1 || code == 2; }
+bool PingSaysFree(int code) {
+  return code == 1 || code == 2;
+}
 
 }  // namespace
 

@@ -39,15 +39,13 @@ PLR_EXPORT bool PLR_GetVnetAdapterAddr(const char* vnetName, char* addr, uint32_
 PLR_EXPORT bool PLR_SetVnetMTU(const char* vnetName, uint32_t mtu);
 PLR_EXPORT bool PLR_GetVnetMTU(const char* vnetName, uint32_t* mtu);
 PLR_EXPORT bool PLR_RemoveMTU(const char* vnetName);
-PLR_EXPORT bool PLR_SetNATPrefix(const char* vnetName, const char* prefix,
-                                 const char* description, uint32_t descriptionLen);
+PLR_EXPORT bool PLR_SetNATPrefix(const char* vnetName, const char* prefix, const char* description,
+                                 uint32_t descriptionLen);
 PLR_EXPORT bool PLR_GetNATPrefix(const char* vnetName, const char* prefix, char* description,
                                  uint32_t* descriptionLen);
-PLR_EXPORT bool PLR_GetUnusedSubnet(char* subnet, uint32_t subnetLen, char* mask,
-                                    uint32_t maskLen);
-PLR_EXPORT bool PLR_CheckSubnetAvailability(const char* vnetName, bool broadcast,
-                                            uint32_t timeout, uint32_t interval,
-                                            bool* available);
+PLR_EXPORT bool PLR_GetUnusedSubnet(char* subnet, uint32_t subnetLen, char* mask, uint32_t maskLen);
+PLR_EXPORT bool PLR_CheckSubnetAvailability(const char* vnetName, bool broadcast, uint32_t timeout,
+                                            uint32_t interval, bool* available);
 
 /* DHCP and NAT. Parameter IDs are the external IDs of the svcfiles family. */
 PLR_EXPORT bool PLR_GetVnetUseDHCP(const char* vnetName);
@@ -69,11 +67,11 @@ PLR_EXPORT bool PLR_GetDHCPIPToMAC(const char* vnetName, char* ip, uint32_t* ipL
 PLR_EXPORT bool PLR_EnumDHCPIPToMAC(const char* vnetName, uint32_t* enumOffset, char* ip,
                                     uint32_t* ipLen, char* mac, uint32_t* macLen);
 PLR_EXPORT bool PLR_SetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort,
-                                      const char* vmIP, uint16_t vmPort,
-                                      const char* description, uint32_t descriptionLen);
-PLR_EXPORT bool PLR_GetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort,
-                                      char* vmIP, uint32_t* vmIPLen, uint16_t* vmPort,
-                                      char* description, uint32_t* descriptionLen);
+                                      const char* vmIP, uint16_t vmPort, const char* description,
+                                      uint32_t descriptionLen);
+PLR_EXPORT bool PLR_GetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort, char* vmIP,
+                                      uint32_t* vmIPLen, uint16_t* vmPort, char* description,
+                                      uint32_t* descriptionLen);
 PLR_EXPORT bool PLR_EnumNATPortForward(const char* vnetName, bool tcp, uint32_t* enumOffset,
                                        uint16_t* hostPort, char* vmIP, uint32_t* vmIPLen,
                                        uint16_t* vmPort, char* description,

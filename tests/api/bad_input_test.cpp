@@ -2,6 +2,7 @@
 // turn, lengths at and around each minimum, invalid vnet names, bad values.
 // Every refused call returns its failure value, logs its own refusal line,
 // leaves the database file byte for byte as it was and never takes the lock.
+#include <gtest/gtest.h>
 #include <stdarg.h>
 #include <stdio.h>
 
@@ -9,10 +10,8 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include "pelorus.h"
 #include "core/frame.h"
+#include "pelorus.h"
 #include "tests/support/api_util.h"
 #include "tests/support/sandbox.h"
 
@@ -47,10 +46,18 @@ struct BadCall {
   uint32_t expected = 0;           // the failure value
 };
 
+// Keeps gtest from dumping the case's bytes into test names.
+[[maybe_unused]] void PrintTo(const BadCall& bad, std::ostream* os) {
+  *os << bad.label;
+}
+
 constexpr const char* V = "kavix1";
 const std::string kLongName = "kavix" + std::string(295, '1');
 
-#define CASE(label, expr, line) BadCall{label, [] { return static_cast<uint32_t>(expr); }, line}
+#define CASE(label, expr, line)                             \
+  BadCall {                                                 \
+    label, [] { return static_cast<uint32_t>(expr); }, line \
+  }
 
 std::vector<BadCall> PointerAndLengthCases() {
   const void* o = gOut;
@@ -64,14 +71,14 @@ std::vector<BadCall> PointerAndLengthCases() {
            F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V,
              nullptr, l, 128)),
       CASE("DisplayName_NullLength", PLR_GetVnetDisplayName(V, gOut, nullptr),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V,
-             o, nullptr, 0)),
+           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
+             nullptr, 0)),
       CASE("DisplayName_Length0", (gLen = 0, PLR_GetVnetDisplayName(V, gOut, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V,
-             o, l, 0)),
+           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
+             l, 0)),
       CASE("DisplayName_Length127", (gLen = 127, PLR_GetVnetDisplayName(V, gOut, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V,
-             o, l, 127)),
+           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
+             l, 127)),
       CASE("SubnetAddr_NullVnet", (gLen = 16, PLR_GetVnetSubnetAddr(nullptr, gOut, &gLen)),
            F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u",
              nullptr, o, l, 16)),
@@ -106,11 +113,11 @@ std::vector<BadCall> PointerAndLengthCases() {
            F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V,
              nullptr, l, 16)),
       CASE("AdapterAddr_NullLength", PLR_GetVnetAdapterAddr(V, gOut, nullptr, true),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V,
-             o, nullptr, 0)),
+           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
+             nullptr, 0)),
       CASE("AdapterAddr_Length15", (gLen = 15, PLR_GetVnetAdapterAddr(V, gOut, &gLen, false)),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V,
-             o, l, 15)),
+           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
+             l, 15)),
       // Vnet properties: setters and the rest.
       CASE("SetDisplayName_NullVnet", PLR_SetVnetDisplayName(nullptr, "x"),
            F("PLR_SetVnetDisplayName - Invalid argument - vnet: %p", nullptr)),
@@ -222,17 +229,17 @@ std::vector<BadCall> PointerAndLengthCases() {
            F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p",
              nullptr, o, l, 16, static_cast<const void*>(gMac))),
       CASE("GetIPToMAC_NullIP", (gLen = 16, PLR_GetDHCPIPToMAC(V, nullptr, &gLen, gMac)),
-           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p",
-             V, nullptr, l, 16, static_cast<const void*>(gMac))),
+           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p", V,
+             nullptr, l, 16, static_cast<const void*>(gMac))),
       CASE("GetIPToMAC_NullLength", PLR_GetDHCPIPToMAC(V, gOut, nullptr, gMac),
-           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p",
-             V, o, nullptr, 0, static_cast<const void*>(gMac))),
+           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p", V,
+             o, nullptr, 0, static_cast<const void*>(gMac))),
       CASE("GetIPToMAC_NullMac", (gLen = 16, PLR_GetDHCPIPToMAC(V, gOut, &gLen, nullptr)),
-           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p",
-             V, o, l, 16, nullptr)),
+           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p", V,
+             o, l, 16, nullptr)),
       CASE("GetIPToMAC_Length15", (gLen = 15, PLR_GetDHCPIPToMAC(V, gOut, &gLen, gMac)),
-           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p",
-             V, o, l, 15, static_cast<const void*>(gMac))),
+           F("PLR_GetDHCPIPToMAC - Invalid argument - kavix: %p, ip: %p, ipLen: %p,%u, mac: %p", V,
+             o, l, 15, static_cast<const void*>(gMac))),
       // The refusal of a bad MAC shows the IP output buffer (here empty).
       CASE("GetIPToMAC_BadMac",
            (gLen = 16, gOut[0] = '\0', PLR_GetDHCPIPToMAC(V, gOut, &gLen, "zz:50:56:01:02:03")),
@@ -244,7 +251,8 @@ std::vector<BadCall> PointerAndLengthCases() {
            F("PLR_SetNATPortForward - Invalid argument - kavix: %p, hostPort: %u", V, 0)),
       CASE("SetPortFwd_BadVmIP", PLR_SetNATPortForward(V, true, 8080, "192.168.1", 80, nullptr, 0),
            "PLR_SetNATPortForward - Invalid VM IP: 192.168.1 or port: 80"),
-      CASE("SetPortFwd_VmPort0", PLR_SetNATPortForward(V, false, 8080, "192.168.1.9", 0, nullptr, 0),
+      CASE("SetPortFwd_VmPort0",
+           PLR_SetNATPortForward(V, false, 8080, "192.168.1.9", 0, nullptr, 0),
            "PLR_SetNATPortForward - Invalid VM IP: 192.168.1.9 or port: 0"),
       CASE("SetPortFwd_Description128",
            PLR_SetNATPortForward(V, true, 8080, "192.168.1.9", 80, gOut, 128),
@@ -283,8 +291,8 @@ std::vector<BadCall> PointerAndLengthCases() {
 
   // Enumerations: each pointer missing in turn, lengths just below the minimum.
   auto enumDhcp = [](const char* label, const char* vnet, uint32_t* offset, char* ip,
-                      uint32_t* ipLen, uint32_t ipSize, char* macBuf, uint32_t* macLen,
-                      uint32_t macSize) {
+                     uint32_t* ipLen, uint32_t ipSize, char* macBuf, uint32_t* macLen,
+                     uint32_t macSize) {
     return BadCall{
         label,
         [=] {
@@ -296,8 +304,8 @@ std::vector<BadCall> PointerAndLengthCases() {
         },
         F("PLR_EnumDHCPIPToMAC - Invalid argument: vnet: %p,%s enumOffset: %p,%u ip: %p, ipLen: "
           "%p,%u, mac: %p, macLen: %p,%u",
-          vnet, PLR_STR(vnet), static_cast<const void*>(offset), 0u, ip, ipLen, ipLen ? ipSize : 0u, macBuf,
-          macLen, macLen ? macSize : 0u)};
+          vnet, PLR_STR(vnet), static_cast<const void*>(offset), 0u, ip, ipLen, ipLen ? ipSize : 0u,
+          macBuf, macLen, macLen ? macSize : 0u)};
   };
   c.push_back(enumDhcp("EnumDHCP_NullVnet", nullptr, &gOffset, gOut, &gLen, 16, gMac, &gLen2, 18));
   c.push_back(enumDhcp("EnumDHCP_NullOffset", V, nullptr, gOut, &gLen, 16, gMac, &gLen2, 18));
@@ -309,8 +317,8 @@ std::vector<BadCall> PointerAndLengthCases() {
   c.push_back(enumDhcp("EnumDHCP_MacLength17", V, &gOffset, gOut, &gLen, 16, gMac, &gLen2, 17));
   c.push_back(enumDhcp("EnumDHCP_Lengths0", V, &gOffset, gOut, &gLen, 0, gMac, &gLen2, 0));
 
-  auto getFwd = [](const char* label, const char* vnet, char* ip, uint32_t* ipLen,
-                   uint32_t ipSize, uint16_t* port, char* desc, uint32_t* descLen) {
+  auto getFwd = [](const char* label, const char* vnet, char* ip, uint32_t* ipLen, uint32_t ipSize,
+                   uint16_t* port, char* desc, uint32_t* descLen) {
     return BadCall{
         label,
         [=] {
@@ -340,8 +348,8 @@ std::vector<BadCall> PointerAndLengthCases() {
           gLen = ipSize;
           gLen2 = 128;
           gOffset = 0;
-          return static_cast<uint32_t>(PLR_EnumNATPortForward(vnet, false, offset, &gPort2, ip,
-                                                              ipLen, port, desc, descLen));
+          return static_cast<uint32_t>(
+              PLR_EnumNATPortForward(vnet, false, offset, &gPort2, ip, ipLen, port, desc, descLen));
         },
         F("PLR_EnumNATPortForward - Invalid argument, kavix: %p, enumOffset: %p, vmIP: %p "
           "vmIPLen: %p, %u, vmPort: %p, description: %p, descLen: %p",
@@ -349,29 +357,31 @@ std::vector<BadCall> PointerAndLengthCases() {
           ipLen ? ipSize : 0u, static_cast<const void*>(port), desc,
           static_cast<const void*>(descLen))};
   };
-  c.push_back(enumFwd("EnumFwd_NullVnet", nullptr, &gOffset, gOut, &gLen, 16, &gPort, gMac,
-                      &gLen2));
+  c.push_back(
+      enumFwd("EnumFwd_NullVnet", nullptr, &gOffset, gOut, &gLen, 16, &gPort, gMac, &gLen2));
   c.push_back(enumFwd("EnumFwd_NullOffset", V, nullptr, gOut, &gLen, 16, &gPort, gMac, &gLen2));
   c.push_back(enumFwd("EnumFwd_NullIP", V, &gOffset, nullptr, &gLen, 16, &gPort, gMac, &gLen2));
-  c.push_back(enumFwd("EnumFwd_NullIPLength", V, &gOffset, gOut, nullptr, 16, &gPort, gMac,
-                      &gLen2));
+  c.push_back(
+      enumFwd("EnumFwd_NullIPLength", V, &gOffset, gOut, nullptr, 16, &gPort, gMac, &gLen2));
   c.push_back(enumFwd("EnumFwd_NullPort", V, &gOffset, gOut, &gLen, 16, nullptr, gMac, &gLen2));
-  c.push_back(enumFwd("EnumFwd_DescWithoutLength", V, &gOffset, gOut, &gLen, 16, &gPort, gMac,
-                      nullptr));
-  c.push_back(enumFwd("EnumFwd_IPLength15", V, &gOffset, gOut, &gLen, 15, &gPort, nullptr,
-                      nullptr));
+  c.push_back(
+      enumFwd("EnumFwd_DescWithoutLength", V, &gOffset, gOut, &gLen, 16, &gPort, gMac, nullptr));
+  c.push_back(
+      enumFwd("EnumFwd_IPLength15", V, &gOffset, gOut, &gLen, 15, &gPort, nullptr, nullptr));
 
   // Service types outside 0x8801..0x8804, and a missing name.
   for (uint32_t type : {0x8800u, 0x8805u, 0u}) {
     const std::string t = F("%x", type);
-    c.push_back(BadCall{"Start_Type" + t, [type] { return uint32_t{PLR_StartService(V, type)}; },
-                        F("PLR_StartService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
-    c.push_back(BadCall{"Stop_Type" + t, [type] { return uint32_t{PLR_StopService(V, type)}; },
-                        F("PLR_StopService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
-    c.push_back(BadCall{"Status_Type" + t, [type] { return PLR_GetServiceStatus(V, type); },
-                        F("PLR_GetServiceStatus - Invalid argument - vnet: %p, serviceType: %u", V,
-                          type),
-                        PLR_SERVICE_STATUS_UNKNOWN});
+    c.push_back(
+        BadCall{"Start_Type" + t, [type] { return uint32_t{PLR_StartService(V, type)}; },
+                F("PLR_StartService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
+    c.push_back(
+        BadCall{"Stop_Type" + t, [type] { return uint32_t{PLR_StopService(V, type)}; },
+                F("PLR_StopService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
+    c.push_back(
+        BadCall{"Status_Type" + t, [type] { return PLR_GetServiceStatus(V, type); },
+                F("PLR_GetServiceStatus - Invalid argument - vnet: %p, serviceType: %u", V, type),
+                PLR_SERVICE_STATUS_UNKNOWN});
   }
   c.push_back(BadCall{"Start_NullVnet",
                       [] { return uint32_t{PLR_StartService(nullptr, PLR_SERVICE_TYPE_DHCP)}; },
@@ -400,45 +410,111 @@ struct NamedCall {
 std::vector<NamedCall> NamedCalls() {
   auto b = [](bool r) { return static_cast<uint32_t>(r); };
   return {
-      {"PLR_GetVnetDisplayName", [=](const char* n) { gLen = 128; return b(PLR_GetVnetDisplayName(n, gOut, &gLen)); }},
+      {"PLR_GetVnetDisplayName",
+       [=](const char* n) {
+         gLen = 128;
+         return b(PLR_GetVnetDisplayName(n, gOut, &gLen));
+       }},
       {"PLR_SetVnetDisplayName", [=](const char* n) { return b(PLR_SetVnetDisplayName(n, "x")); }},
-      {"PLR_AssignSubnetAddressToVnet", [=](const char* n) { return b(PLR_AssignSubnetAddressToVnet(n, true)); }},
-      {"PLR_GetVnetSubnetAddr", [=](const char* n) { gLen = 16; return b(PLR_GetVnetSubnetAddr(n, gOut, &gLen)); }},
-      {"PLR_SetVnetSubnetAddr", [=](const char* n) { return b(PLR_SetVnetSubnetAddr(n, "10.1.2.0")); }},
-      {"PLR_GetVnetSubnetMask", [=](const char* n) { gLen = 16; return b(PLR_GetVnetSubnetMask(n, gOut, &gLen)); }},
-      {"PLR_SetVnetSubnetMask", [=](const char* n) { return b(PLR_SetVnetSubnetMask(n, "255.255.0.0")); }},
-      {"PLR_GetVnetAdapterAddr", [=](const char* n) { gLen = 16; return b(PLR_GetVnetAdapterAddr(n, gOut, &gLen, true)); }},
+      {"PLR_AssignSubnetAddressToVnet",
+       [=](const char* n) { return b(PLR_AssignSubnetAddressToVnet(n, true)); }},
+      {"PLR_GetVnetSubnetAddr",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetVnetSubnetAddr(n, gOut, &gLen));
+       }},
+      {"PLR_SetVnetSubnetAddr",
+       [=](const char* n) { return b(PLR_SetVnetSubnetAddr(n, "10.1.2.0")); }},
+      {"PLR_GetVnetSubnetMask",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetVnetSubnetMask(n, gOut, &gLen));
+       }},
+      {"PLR_SetVnetSubnetMask",
+       [=](const char* n) { return b(PLR_SetVnetSubnetMask(n, "255.255.0.0")); }},
+      {"PLR_GetVnetAdapterAddr",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetVnetAdapterAddr(n, gOut, &gLen, true));
+       }},
       {"PLR_SetVnetMTU", [=](const char* n) { return b(PLR_SetVnetMTU(n, 9000)); }},
       {"PLR_GetVnetMTU", [=](const char* n) { return b(PLR_GetVnetMTU(n, &gLen)); }},
       {"PLR_RemoveMTU", [=](const char* n) { return b(PLR_RemoveMTU(n)); }},
-      {"PLR_SetNATPrefix", [=](const char* n) { return b(PLR_SetNATPrefix(n, "fd00::/64", "d", 1)); }},
-      {"PLR_GetNATPrefix", [=](const char* n) { return b(PLR_GetNATPrefix(n, "fd00::/64", nullptr, nullptr)); }},
-      {"PLR_CheckSubnetAvailability", [=](const char* n) { return b(PLR_CheckSubnetAvailability(n, true, 1, 1, &gFlag1)); }},
+      {"PLR_SetNATPrefix",
+       [=](const char* n) { return b(PLR_SetNATPrefix(n, "fd00::/64", "d", 1)); }},
+      {"PLR_GetNATPrefix",
+       [=](const char* n) { return b(PLR_GetNATPrefix(n, "fd00::/64", nullptr, nullptr)); }},
+      {"PLR_CheckSubnetAvailability",
+       [=](const char* n) { return b(PLR_CheckSubnetAvailability(n, true, 1, 1, &gFlag1)); }},
       {"PLR_GetVnetUseDHCP", [=](const char* n) { return b(PLR_GetVnetUseDHCP(n)); }},
       {"PLR_SetVnetUseDHCP", [=](const char* n) { return b(PLR_SetVnetUseDHCP(n, false, true)); }},
       {"PLR_GetVnetUseNAT", [=](const char* n) { return b(PLR_GetVnetUseNAT(n)); }},
       {"PLR_SetVnetUseNAT", [=](const char* n) { return b(PLR_SetVnetUseNAT(n, false, true)); }},
-      {"PLR_GetDHCPParam", [=](const char* n) { gLen = 16; return b(PLR_GetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen)); }},
-      {"PLR_SetDHCPParam", [=](const char* n) { return b(PLR_SetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, "10.0.0.2", 8)); }},
-      {"PLR_GetNATParam", [=](const char* n) { gLen = 16; return b(PLR_GetNATParam(n, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen)); }},
-      {"PLR_SetNATParam", [=](const char* n) { return b(PLR_SetNATParam(n, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "0", 1)); }},
-      {"PLR_SetDHCPIPToMAC", [=](const char* n) { return b(PLR_SetDHCPIPToMAC(n, "192.168.1.9", "00:50:56:01:02:03")); }},
-      {"PLR_GetDHCPIPToMAC", [=](const char* n) { gLen = 16; return b(PLR_GetDHCPIPToMAC(n, gOut, &gLen, "00:50:56:01:02:03")); }},
-      {"PLR_EnumDHCPIPToMAC", [=](const char* n) { gOffset = 0; gLen = 16; gLen2 = 18; return b(PLR_EnumDHCPIPToMAC(n, &gOffset, gOut, &gLen, gMac, &gLen2)); }},
-      {"PLR_SetNATPortForward", [=](const char* n) { return b(PLR_SetNATPortForward(n, true, 8080, "192.168.1.9", 80, "web", 3)); }},
-      {"PLR_GetNATPortForward", [=](const char* n) { gLen = 16; return b(PLR_GetNATPortForward(n, true, 8080, gOut, &gLen, &gPort, nullptr, nullptr)); }},
-      {"PLR_EnumNATPortForward", [=](const char* n) { gOffset = 0; gLen = 16; return b(PLR_EnumNATPortForward(n, true, &gOffset, &gPort2, gOut, &gLen, &gPort, nullptr, nullptr)); }},
+      {"PLR_GetDHCPParam",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen));
+       }},
+      {"PLR_SetDHCPParam",
+       [=](const char* n) {
+         return b(PLR_SetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, "10.0.0.2", 8));
+       }},
+      {"PLR_GetNATParam",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetNATParam(n, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen));
+       }},
+      {"PLR_SetNATParam",
+       [=](const char* n) { return b(PLR_SetNATParam(n, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "0", 1)); }},
+      {"PLR_SetDHCPIPToMAC",
+       [=](const char* n) { return b(PLR_SetDHCPIPToMAC(n, "192.168.1.9", "00:50:56:01:02:03")); }},
+      {"PLR_GetDHCPIPToMAC",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetDHCPIPToMAC(n, gOut, &gLen, "00:50:56:01:02:03"));
+       }},
+      {"PLR_EnumDHCPIPToMAC",
+       [=](const char* n) {
+         gOffset = 0;
+         gLen = 16;
+         gLen2 = 18;
+         return b(PLR_EnumDHCPIPToMAC(n, &gOffset, gOut, &gLen, gMac, &gLen2));
+       }},
+      {"PLR_SetNATPortForward",
+       [=](const char* n) {
+         return b(PLR_SetNATPortForward(n, true, 8080, "192.168.1.9", 80, "web", 3));
+       }},
+      {"PLR_GetNATPortForward",
+       [=](const char* n) {
+         gLen = 16;
+         return b(PLR_GetNATPortForward(n, true, 8080, gOut, &gLen, &gPort, nullptr, nullptr));
+       }},
+      {"PLR_EnumNATPortForward",
+       [=](const char* n) {
+         gOffset = 0;
+         gLen = 16;
+         return b(PLR_EnumNATPortForward(n, true, &gOffset, &gPort2, gOut, &gLen, &gPort, nullptr,
+                                         nullptr));
+       }},
       {"PLR_UpdateDHCPFromConfig", [=](const char* n) { return b(PLR_UpdateDHCPFromConfig(n)); }},
       {"PLR_UpdateNATFromConfig", [=](const char* n) { return b(PLR_UpdateNATFromConfig(n)); }},
-      {"PLR_SetVnetUseAdapter", [=](const char* n) { return b(PLR_SetVnetUseAdapter(n, false, true)); }},
-      {"PLR_SetVnetAdapterAddr", [=](const char* n) { return b(PLR_SetVnetAdapterAddr(n, "192.168.1.1")); }},
-      {"PLR_GetVnetAdapterStatus", [=](const char* n) { return b(PLR_GetVnetAdapterStatus(n, &gFlag1, &gFlag2)); }},
-      {"PLR_UpdateAdapterFromConfig", [=](const char* n) { return b(PLR_UpdateAdapterFromConfig(n)); }},
+      {"PLR_SetVnetUseAdapter",
+       [=](const char* n) { return b(PLR_SetVnetUseAdapter(n, false, true)); }},
+      {"PLR_SetVnetAdapterAddr",
+       [=](const char* n) { return b(PLR_SetVnetAdapterAddr(n, "192.168.1.1")); }},
+      {"PLR_GetVnetAdapterStatus",
+       [=](const char* n) { return b(PLR_GetVnetAdapterStatus(n, &gFlag1, &gFlag2)); }},
+      {"PLR_UpdateAdapterFromConfig",
+       [=](const char* n) { return b(PLR_UpdateAdapterFromConfig(n)); }},
       {"PLR_DisableNetworkAdapter", [=](const char* n) { return b(PLR_DisableNetworkAdapter(n)); }},
       {"PLR_EnableNetworkAdapter", [=](const char* n) { return b(PLR_EnableNetworkAdapter(n)); }},
-      {"PLR_StartService", [=](const char* n) { return b(PLR_StartService(n, PLR_SERVICE_TYPE_DHCP)); }},
-      {"PLR_StopService", [=](const char* n) { return b(PLR_StopService(n, PLR_SERVICE_TYPE_NAT)); }},
-      {"PLR_GetServiceStatus", [=](const char* n) { return PLR_GetServiceStatus(n, PLR_SERVICE_TYPE_NETIFUP); }, PLR_SERVICE_STATUS_UNKNOWN},
+      {"PLR_StartService",
+       [=](const char* n) { return b(PLR_StartService(n, PLR_SERVICE_TYPE_DHCP)); }},
+      {"PLR_StopService",
+       [=](const char* n) { return b(PLR_StopService(n, PLR_SERVICE_TYPE_NAT)); }},
+      {"PLR_GetServiceStatus",
+       [=](const char* n) { return PLR_GetServiceStatus(n, PLR_SERVICE_TYPE_NETIFUP); },
+       PLR_SERVICE_STATUS_UNKNOWN},
       // The device call logs the bad name and still asks the file layer, which refuses it.
       {"PLRCreateDeleteKavixDevice", [=](const char* n) { return b(PLR_CreateKavixDevice(n)); }},
       {"PLRCreateDeleteKavixDevice", [=](const char* n) { return b(PLR_DeleteKavixDevice(n)); }},
@@ -447,7 +523,7 @@ std::vector<NamedCall> NamedCalls() {
 
 std::vector<BadCall> BadNameCases() {
   const std::vector<std::pair<std::string, std::string>> names = {
-      {"kavix256", "kavix256"}, {"kavix", "kavix"},   {"kavix1a", "kavix1a"},
+      {"kavix256", "kavix256"}, {"kavix", "kavix"},  {"kavix1a", "kavix1a"},
       {"kavix_1", "kavix-1"},   {"long", kLongName}, {"empty", ""}};
   std::vector<BadCall> cases;
   int index = 0;
@@ -479,7 +555,9 @@ TEST_P(BadInputTest, IsRefusedWithItsMessageWithoutLockOrChange) {
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 }
 
-std::string CaseName(const ::testing::TestParamInfo<BadCall>& info) { return info.param.label; }
+std::string CaseName(const ::testing::TestParamInfo<BadCall>& info) {
+  return info.param.label;
+}
 
 INSTANTIATE_TEST_SUITE_P(Pointers, BadInputTest, ::testing::ValuesIn(PointerAndLengthCases()),
                          CaseName);

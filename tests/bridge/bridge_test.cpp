@@ -1,6 +1,7 @@
 // Bridge mappings, the default bridge vnet and adapter moves, with the
 // fixture bridge daemons running in the sandbox.
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
 
@@ -8,8 +9,6 @@
 #include <map>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -63,7 +62,9 @@ PLR_HostAdapter AdapterNamed(const char* name) {
   return adapter;
 }
 
-PLR_NetworkID Net(uint32_t vnet) { return PLR_NetworkID{1, 1, vnet}; }
+PLR_NetworkID Net(uint32_t vnet) {
+  return PLR_NetworkID{1, 1, vnet};
+}
 
 class Bridge : public test::LoadedLibraryTest {
  protected:
@@ -367,7 +368,7 @@ TEST_F(Bridge, MoveToNothingAndBackToDefault) {
 }
 
 TEST_F(Bridge, ReadOnlyDatabaseMovesInCacheOnlyAndTouchesNoDaemon) {
-  WriteProductConfig();
+  test::WriteProductConfig();
   test::WriteDatabase("add_bridge_mapping eth1 2\n");
   ASSERT_TRUE(PLR_Load(false));
   StartBridge(2);

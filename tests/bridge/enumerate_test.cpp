@@ -1,11 +1,10 @@
 // Host adapter enumeration against the kernel of the sandbox's network
 // namespace: veth pairs and tap devices created by the test.
 #include <errno.h>
+#include <gtest/gtest.h>
 
 #include <map>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -87,8 +86,8 @@ TEST(HostEnumeration, NoEthernetAdapterGivesEmptyList) {
 }
 
 TEST(HostEnumeration, ReplySpreadOverSeveralReceives) {
-  for (int i = 0; i < 60; ++i) Ip("link add va" + std::to_string(i) + " type veth peer name vb" +
-                                  std::to_string(i));
+  for (int i = 0; i < 60; ++i)
+    Ip("link add va" + std::to_string(i) + " type veth peer name vb" + std::to_string(i));
   sys::ClearFaults();
   const auto found = Enumerate();
   EXPECT_EQ(found.size(), 120u);
@@ -105,30 +104,30 @@ TEST(HostEnumeration, SocketReceiveAndDriverQueryFailures) {
 
   sys::FailNth(sys::Op::kSocket, 1, EMFILE);
   EXPECT_FALSE(PLRCreateHostAdapList(&count, &head));
-  EXPECT_TRUE(log.Contains(
-      "Failure in creating netlink socket, error: Too many open files"));
+  EXPECT_TRUE(log.Contains("Failure in creating netlink socket, error: Too many open files"));
 
   sys::ClearFaults();
   sys::FailNth(sys::Op::kRead, 1, EIO);
   EXPECT_FALSE(PLRCreateHostAdapList(&count, &head));
   EXPECT_EQ(head, nullptr);
-  EXPECT_TRUE(log.Contains(
-      "Failed while reading data from netlink socket:  Input/output error"));
+  EXPECT_TRUE(log.Contains("Failed while reading data from netlink socket:  Input/output error"));
 
   // Driver queries fail: the adapter stays, without a driver name.
   sys::ClearFaults();
   sys::FailNth(sys::Op::kSocket, 2, ENFILE);
   auto found = Enumerate();
   EXPECT_EQ(found.at("tap0").driver, "");
-  EXPECT_TRUE(log.Contains("Error opening socket for querying driver name for adapter: tap0, "
-                           "error: Too many open files in system"));
+  EXPECT_TRUE(
+      log.Contains("Error opening socket for querying driver name for adapter: tap0, "
+                   "error: Too many open files in system"));
 
   sys::ClearFaults();
   sys::FailNth(sys::Op::kIoctl, 1, EOPNOTSUPP);
   found = Enumerate();
   EXPECT_EQ(found.at("tap0").driver, "");
-  EXPECT_TRUE(log.Contains("Ioctl on socket for querying driver name for adapter: tap0 failed, "
-                           "error: Operation not supported"));
+  EXPECT_TRUE(
+      log.Contains("Ioctl on socket for querying driver name for adapter: tap0 failed, "
+                   "error: Operation not supported"));
   sys::ClearFaults();
 }
 

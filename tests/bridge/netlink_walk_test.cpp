@@ -1,13 +1,11 @@
 // The walk over netlink reply buffers, fed with crafted replies: no kernel.
-#include "vnet/netlink-walk.h"
-
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <memory>
 
-#include <gtest/gtest.h>
-
 #include "tests/support/bridge_util.h"
+#include "vnet/netlink-walk.h"
 
 namespace plr {
 namespace {
@@ -26,7 +24,9 @@ NetlinkWalkResult Walk(const std::vector<uint8_t>& bytes, size_t size) {
   if (size > 0) memcpy(copy.get(), bytes.data(), size);
   return WalkLinkDump(copy.get(), size, kOurPid);
 }
-NetlinkWalkResult Walk(const NetlinkReply& reply) { return Walk(reply.bytes(), reply.size()); }
+NetlinkWalkResult Walk(const NetlinkReply& reply) {
+  return Walk(reply.bytes(), reply.size());
+}
 
 std::vector<std::string> Names(const NetlinkWalkResult& result) {
   std::vector<std::string> names;
@@ -46,7 +46,8 @@ TEST(NetlinkWalk, SeveralMessagesPerBufferKeepOrderAndRunningState) {
   EXPECT_TRUE(result.links[0].running);
   EXPECT_FALSE(result.links[1].running);
   EXPECT_TRUE(result.multipart);
-  EXPECT_TRUE(log.Contains("PLRCreateHostAdapList - Skipping non-ethernet interface: ifi_type: 772"));
+  EXPECT_TRUE(
+      log.Contains("PLRCreateHostAdapList - Skipping non-ethernet interface: ifi_type: 772"));
   EXPECT_TRUE(log.Contains(
       "Adapter: ifi_family: 0, ifi_type: 1, ifi_index: 7, ifi_flags: not running,ifi_change: 0"));
   EXPECT_TRUE(log.Contains("PLRCreateHostAdapList - Found name of adapter: eth0"));
@@ -80,7 +81,8 @@ TEST(NetlinkWalk, ErrorMessageEndsTheWalkOfTheBuffer) {
 TEST(NetlinkWalk, MessageNeedsOurPidOrOurSequence) {
   LogCapture log;
   NetlinkReply reply;
-  reply.AddLink(Link{"strange"}, Header{16, 2, 9, 77})  // neither: skipped
+  reply
+      .AddLink(Link{"strange"}, Header{16, 2, 9, 77})  // neither: skipped
       .AddLink(Link{"bypid"}, Header{16, 2, 9, kOurPid})
       .AddLink(Link{"byseq"}, Header{16, 2, 1, 77})
       .AddError(Header{2, 0, 5, 77})  // a foreign error does not end the walk
@@ -95,8 +97,7 @@ TEST(NetlinkWalk, NamesOfSixteenCharactersAreRefusedFifteenKept) {
   NetlinkReply reply;
   reply.AddLink("abcdefghijklmnop").AddLink("abcdefghijklmno");
   EXPECT_EQ(Names(Walk(reply)), std::vector<std::string>{"abcdefghijklmno"});
-  EXPECT_TRUE(log.Contains(
-      "Interface name abcdefghijklmnop is longer than allowed 16 characters"));
+  EXPECT_TRUE(log.Contains("Interface name abcdefghijklmnop is longer than allowed 16 characters"));
 }
 
 TEST(NetlinkWalk, AdapterWithoutNameIsSkipped) {
@@ -194,10 +195,9 @@ TEST(NetlinkWalk, UnalignedBufferStart) {
   NetlinkReply reply;
   reply.AddLink("eth0").AddLink("eth1");
   // An unaligned start: the walk copies every header it reads.
-  std::vector<uint8_t> shifted(1, 0xAA);
-  shifted.insert(shifted.end(), reply.bytes().begin(), reply.bytes().end());
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[shifted.size()]);
-  memcpy(copy.get(), shifted.data(), shifted.size());
+  std::unique_ptr<uint8_t[]> copy(new uint8_t[reply.size() + 1]);
+  copy[0] = 0xAA;
+  memcpy(copy.get() + 1, reply.bytes().data(), reply.size());
   const NetlinkWalkResult result = WalkLinkDump(copy.get() + 1, reply.size(), kOurPid);
   EXPECT_EQ(Names(result), (std::vector<std::string>{"eth0", "eth1"}));
 }

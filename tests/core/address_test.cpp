@@ -1,11 +1,10 @@
 // The address, mask, MAC and prefix checks: what they accept, what they
 // produce, and the one line each rejection leaves in the log.
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/core_util.h"
@@ -31,12 +30,20 @@ TEST_F(AddressTest, DottedTextToInteger) {
     uint32_t value;
   };
   const Case cases[] = {
-      {"192.168.0.1", true, 0xC0A80001u}, {"0.0.0.0", true, 0},
-      {"255.255.255.255", true, 0xFFFFFFFFu}, {"1.2.3.4", true, 0x01020304u},
+      {"192.168.0.1", true, 0xC0A80001u},
+      {"0.0.0.0", true, 0},
+      {"255.255.255.255", true, 0xFFFFFFFFu},
+      {"1.2.3.4", true, 0x01020304u},
       {"010.1.1.1", true, 0x0A010101u},  // three digits, leading zero is decimal
-      {"192.168.0.1 ", false, 0}, {"192.168.0", false, 0}, {"1.2.3.4.5", false, 0},
-      {"256.1.1.1", false, 0}, {"1.2.3.0004", false, 0}, {"", false, 0}, {"a.b.c.d", false, 0},
-      {"1.2.3.4x", false, 0}, {"1,2,3,4", false, 0},
+      {"192.168.0.1 ", false, 0},
+      {"192.168.0", false, 0},
+      {"1.2.3.4.5", false, 0},
+      {"256.1.1.1", false, 0},
+      {"1.2.3.0004", false, 0},
+      {"", false, 0},
+      {"a.b.c.d", false, 0},
+      {"1.2.3.4x", false, 0},
+      {"1,2,3,4", false, 0},
   };
   for (const Case& c : cases) {
     uint32_t out = 0xDEADBEEFu;
@@ -72,10 +79,10 @@ TEST_F(AddressTest, MasksNeedEightHostsAndOneRunOfOnes) {
     bool ok;
   };
   const Case cases[] = {
-      {"255.255.255.248", true}, {"255.255.255.0", true},   {"255.0.0.0", true},
-      {"128.0.0.0", true},       {"0.0.255.255", true},     {"0.255.255.0", true},
+      {"255.255.255.248", true}, {"255.255.255.0", true},    {"255.0.0.0", true},
+      {"128.0.0.0", true},       {"0.0.255.255", true},      {"0.255.255.0", true},
       {"0.0.0.8", true},         {"255.255.255.252", false}, {"255.255.255.255", false},
-      {"0.0.0.0", false},        {"255.0.255.0", false},    {"255.255.254.255", false},
+      {"0.0.0.0", false},        {"255.0.255.0", false},     {"255.255.254.255", false},
       {"255.255.255", false},
   };
   for (const Case& c : cases) EXPECT_EQ(PLRIsValidSubnetMask(c.text), c.ok) << c.text;
@@ -136,10 +143,15 @@ TEST_F(AddressTest, PrefixesNeedASlashAndLength32To96) {
     bool ok;
   };
   const Case cases[] = {
-      {"fd00::/64", true},  {"fd00::/32", true},     {"fd00::/96", true},
-      {"fd00::/31", false}, {"fd00::/97", false},    {"fd00::/", false},
-      {"fd00::/-1", false}, {"fd00::/64abc", true},  // text after the length is ignored
-      {"not-an-address/48", true},                   // the address part is not checked here
+      {"fd00::/64", true},
+      {"fd00::/32", true},
+      {"fd00::/96", true},
+      {"fd00::/31", false},
+      {"fd00::/97", false},
+      {"fd00::/", false},
+      {"fd00::/-1", false},
+      {"fd00::/64abc", true},       // text after the length is ignored
+      {"not-an-address/48", true},  // the address part is not checked here
       {"fd00::/99999999999999999999", false},
   };
   for (const Case& c : cases) EXPECT_EQ(PLRIsValidPrefix(c.text), c.ok) << c.text;

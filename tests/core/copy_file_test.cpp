@@ -2,12 +2,11 @@
 // destination, and every failure leaving its one line.
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -30,7 +29,8 @@ class CopyFileTest : public testing::Test {
 // Text of `size` bytes that differs from chunk to chunk, so misplaced chunks show.
 std::string Pattern(size_t size) {
   std::string text;
-  for (size_t i = 0; i < size; ++i) text.push_back(static_cast<char>('a' + (i * 7 + i / 1024) % 26));
+  for (size_t i = 0; i < size; ++i)
+    text.push_back(static_cast<char>('a' + (i * 7 + i / 1024) % 26));
   return text;
 }
 

@@ -1,10 +1,11 @@
 // Load and unload counting, the lines a load writes, the API frame around
 // exported functions, the raw answer functions and the network-ID check.
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
+#include "base/file-lock.h"
 #include "pelorus.h"
 #include "tests/support/core_util.h"
 #include "tests/support/sandbox.h"
@@ -54,8 +55,8 @@ TEST(LoadCount, SecondLoadOnlyCountsAndLastUnloadReleases) {
   EXPECT_EQ(CountLine(lines, "PLR_Load - pelorus is already loaded"), 0)
       << "written before the mask allowed LOG_INFO";
   EXPECT_EQ(CountLine(lines, "PLR_Unload2 - Pelorus unloaded."), 1);
-  EXPECT_TRUE(ContainsInOrder(lines, {"PLR_Unload2 - Pelorus unloaded.",
-                                      "PLR_Unload2 - pelorus is not loaded"}));
+  EXPECT_TRUE(ContainsInOrder(
+      lines, {"PLR_Unload2 - Pelorus unloaded.", "PLR_Unload2 - pelorus is not loaded"}));
 }
 
 TEST(LoadCount, RepeatedLoadOnlyCountsAndLogs) {
@@ -76,12 +77,12 @@ TEST(LoadLog, DefaultMaskWritesOnlyErrorWarningAndOkLines) {
   ASSERT_TRUE(PLR_Load(0));
   EXPECT_EQ(PLR_GetCurrentLogLevel(), PLR_LOG_DEFAULT_LEVEL);
   Lines lines = LogLines(kLogPath);
-  EXPECT_TRUE(ContainsInOrder(lines, {"PLR_Load - LOG_ERR logged", "PLR_Load - LOG_WRN logged",
-                                      "PLR_Load - LOG_OK logged",
-                                      "PLR_Load - Successfully initialized Pelorus"}));
-  for (const char* masked : {"PLR_Load - LOG_ERRCMN logged", "PLR_Load - LOG_INFO logged",
-                             "PLR_Load - LOG_INFO2 logged", "PLR_Load - LOG_ARGS logged",
-                             "PLR_Load - Config file used: /etc/tarsis/networking"}) {
+  EXPECT_TRUE(ContainsInOrder(
+      lines, {"PLR_Load - LOG_ERR logged", "PLR_Load - LOG_WRN logged", "PLR_Load - LOG_OK logged",
+              "PLR_Load - Successfully initialized Pelorus"}));
+  for (const char* masked :
+       {"PLR_Load - LOG_ERRCMN logged", "PLR_Load - LOG_INFO logged", "PLR_Load - LOG_INFO2 logged",
+        "PLR_Load - LOG_ARGS logged", "PLR_Load - Config file used: /etc/tarsis/networking"}) {
     EXPECT_EQ(CountLine(lines, masked), 0) << masked;
   }
   EXPECT_EQ(CountLine(lines, kEntryBar), 0) << "entry lines are LOG_INFO2";
@@ -98,16 +99,17 @@ TEST(LoadLog, FullMaskShowsEveryStepInOrderWithRealLineNumbers) {
   // The entry line is written while the default mask is still in force, so
   // it is not there; everything after the database load is.
   EXPECT_TRUE(ContainsInOrder(
-      lines, {"PLR_Load - LOG_ERR logged", "PLR_Load - LOG_ERRCMN logged",
-              "PLR_Load - LOG_WRN logged", "PLR_Load - LOG_OK logged",
-              "PLR_Load - LOG_INFO logged", "PLR_Load - LOG_INFO2 logged",
-              "PLR_Load - LOG_ARGS logged", "PLR_Load - Config file used: /etc/tarsis/networking",
-              "PLR_Load - Successfully initialized Pelorus", "", "Exiting API Function, PLR_Load:" +
-              std::to_string(SourceLineOf("core/lifecycle.cpp", "PLR_RETURN(frame, true)")),
-              "-----------", "", kEntryBar,
-              "Entering API Function, PLR_Unload2:" +
-                  std::to_string(SourceLineOf("core/lifecycle.cpp", "void PLR_Unload2(int") + 1),
-              "PLR_Unload2 - Pelorus unloaded."}));
+      lines,
+      {"PLR_Load - LOG_ERR logged", "PLR_Load - LOG_ERRCMN logged", "PLR_Load - LOG_WRN logged",
+       "PLR_Load - LOG_OK logged", "PLR_Load - LOG_INFO logged", "PLR_Load - LOG_INFO2 logged",
+       "PLR_Load - LOG_ARGS logged", "PLR_Load - Config file used: /etc/tarsis/networking",
+       "PLR_Load - Successfully initialized Pelorus", "",
+       "Exiting API Function, PLR_Load:" +
+           std::to_string(SourceLineOf("core/lifecycle.cpp", "PLR_RETURN(frame, true)")),
+       "-----------", "", kEntryBar,
+       "Entering API Function, PLR_Unload2:" +
+           std::to_string(SourceLineOf("core/lifecycle.cpp", "void PLR_Unload2(int") + 1),
+       "PLR_Unload2 - Pelorus unloaded."}));
   EXPECT_EQ(LoggedLine(lines, "Entering API Function, ", "PLR_Load"), 0)
       << "the load's own entry line is written under the default mask";
   EXPECT_EQ(LoggedLine(lines, "Exiting API Function, ", "PLR_Unload2"), 0)
@@ -120,8 +122,9 @@ TEST(LoadFailure, BadVersionLeavesLibraryUnloadedWithLogOpen) {
   EXPECT_EQ(plrContext.loadCount, 0);
   ASSERT_NE(plrContext.logStream, nullptr) << "the failed load's stream stays the log stream";
   Lines lines = LogLines(kLogPath);
-  EXPECT_EQ(CountLine(lines, "PLR_Load - Error loading the vnet configuration, file used: "
-                             "/etc/tarsis/networking"),
+  EXPECT_EQ(CountLine(lines,
+                      "PLR_Load - Error loading the vnet configuration, file used: "
+                      "/etc/tarsis/networking"),
             1);
   EXPECT_EQ(CountLine(lines, "PLR_Load - Successfully initialized Pelorus"), 0);
 
@@ -144,29 +147,52 @@ TEST(ApiFrame, UnloadedCallWritesEntryAndAbortButNoExit) {
   Lines lines = LogLines(kLogPath);
   int entry = SourceLineOf("core/log-config.cpp", "uint32_t PLR_GetDefaultLogLevel(void) {") + 1;
   EXPECT_TRUE(ContainsInOrder(
-      lines, {"", kEntryBar, "Entering API Function, PLR_GetDefaultLogLevel:" +
-                                 std::to_string(entry),
-              "",
-              "PLR_GetDefaultLogLevel - Pelorus Un-Initialized. Aborting API Function: "
-              "PLR_GetDefaultLogLevel",
-              "PLR_SetDefaultLogLevel - Pelorus Un-Initialized. Aborting API Function: "
-              "PLR_SetDefaultLogLevel"}));
+      lines,
+      {"", kEntryBar, "Entering API Function, PLR_GetDefaultLogLevel:" + std::to_string(entry), "",
+       "PLR_GetDefaultLogLevel - Pelorus Un-Initialized. Aborting API Function: "
+       "PLR_GetDefaultLogLevel",
+       "PLR_SetDefaultLogLevel - Pelorus Un-Initialized. Aborting API Function: "
+       "PLR_SetDefaultLogLevel"}));
   EXPECT_EQ(LoggedLine(lines, "Exiting API Function, ", "PLR_GetDefaultLogLevel"), 0);
   EXPECT_EQ(LoggedLine(lines, "Exiting API Function, ", "PLR_SetDefaultLogLevel"), 0);
   EXPECT_EQ(CountLine(lines, "PLR_SetDefaultLogLevel - Arguments - level: 0x19"), 0)
       << "no argument line before the loaded check";
 }
 
-TEST(ApiFrame, LoadedCallWritesArgumentsAndExitLine) {
+TEST(ApiFrame, LoadedCallWritesArgumentsLocksAndExitsInOrder) {
   LoadWithRecords();
   EXPECT_TRUE(PLR_SetDefaultLogLevel(0x1b));
   Lines lines = LogLines(kLogPath);
+  int entryLine = LoggedLine(lines, "Entering API Function, ", "PLR_SetDefaultLogLevel");
   int exitLine = LoggedLine(lines, "Exiting API Function, ", "PLR_SetDefaultLogLevel");
-  EXPECT_GT(exitLine, LoggedLine(lines, "Entering API Function, ", "PLR_SetDefaultLogLevel"));
-  EXPECT_TRUE(ContainsInOrder(lines, {"PLR_SetDefaultLogLevel - Arguments - level: 0x1b",
-                                      "Exiting API Function, PLR_SetDefaultLogLevel:" +
-                                          std::to_string(exitLine),
-                                      "-----------"}));
+  EXPECT_EQ(entryLine,
+            SourceLineOf("core/log-config.cpp", "bool PLR_SetDefaultLogLevel(unsigned") + 1);
+  EXPECT_GT(exitLine, entryLine);
+  EXPECT_TRUE(ContainsInOrder(
+      lines,
+      {kEntryBar, "Entering API Function, PLR_SetDefaultLogLevel:" + std::to_string(entryLine),
+       "PLR_SetDefaultLogLevel - Arguments - level: 0x1b",
+       "PLRNetCfgLockConfig - Database file locking success",
+       "PLRNetCfgUnlockConfig - Config file unlocking success",
+       "PLR_SetDefaultLogLevel - Default log level set to: 0x1b",
+       "Exiting API Function, PLR_SetDefaultLogLevel:" + std::to_string(exitLine), "-----------"}));
+  PLR_Unload();
+}
+
+TEST(ApiFrame, LockHeldElsewhereFailsTheChangeWithExitLine) {
+  LoadWithRecords();
+  FileLock other;  // another owner of the database lock
+  ASSERT_TRUE(other.Lock(kDatabasePath, 0));
+  EXPECT_FALSE(PLR_SetDefaultLogLevel(0x1b));
+  other.Unlock();
+  Lines lines = LogLines(kLogPath);
+  EXPECT_TRUE(ContainsInOrder(
+      lines,
+      {"PLR_SetDefaultLogLevel - Failed to obtain lock on vnet config",
+       "Exiting API Function, PLR_SetDefaultLogLevel:" +
+           std::to_string(LoggedLine(lines, "Exiting API Function, ", "PLR_SetDefaultLogLevel"))}));
+  EXPECT_EQ(CountLine(lines, "PLR_SetDefaultLogLevel - Failed to set default log level: 0x1b"), 0);
+  EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\n");
   PLR_Unload();
 }
 
@@ -180,10 +206,10 @@ TEST(Answers, UnloadedCallsAbortWithTheirOwnMessage) {
   EXPECT_FALSE(PLR_VnetCfgGetAnswer("KEY", &value));
   Lines lines = LogLines(kLogPath);
   // The message carries its own newline, so each abort is followed by an empty line.
-  EXPECT_TRUE(ContainsInOrder(lines, {"PLR_VnetCfgAddAnswer - Pelorus Un-Initialized, Aborting", "",
-                                      "PLR_VnetCfgRemoveAnswer - Pelorus Un-Initialized, Aborting",
-                                      "", "PLR_VnetCfgGetAnswer - Pelorus Un-Initialized, Aborting",
-                                      ""}));
+  EXPECT_TRUE(
+      ContainsInOrder(lines, {"PLR_VnetCfgAddAnswer - Pelorus Un-Initialized, Aborting", "",
+                              "PLR_VnetCfgRemoveAnswer - Pelorus Un-Initialized, Aborting", "",
+                              "PLR_VnetCfgGetAnswer - Pelorus Un-Initialized, Aborting", ""}));
   EXPECT_EQ(CountLine(lines, kEntryBar), 0) << "the answer functions have no API frame";
 }
 
@@ -226,7 +252,8 @@ TEST(Answers, LastUnloadCompactsTheChangedFile) {
   ASSERT_TRUE(PLR_Load(0));
   EXPECT_TRUE(PLR_VnetCfgAddAnswer("OLD", "two"));
   PLR_Unload();
-  EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer OLD one\nremove_answer OLD\nanswer OLD two\n")
+  EXPECT_EQ(ReadFile(kDatabasePath),
+            "VERSION=1,0\nanswer OLD one\nremove_answer OLD\nanswer OLD two\n")
       << "only the last unload releases the cache";
   PLR_Unload();
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer OLD two\n");
@@ -242,7 +269,9 @@ TEST(Answers, ReadOnlyLoadStillAnswers) {
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer KEY v\n");
 }
 
-TEST(Version, IsTheInterfaceConstant) { EXPECT_EQ(PLR_Version(), 0x10000u); }
+TEST(Version, IsTheInterfaceConstant) {
+  EXPECT_EQ(PLR_Version(), 0x10000u);
+}
 
 TEST(NetworkId, AcceptsVnetsAndNoVnetOnly) {
   WriteDatabase();

@@ -1,14 +1,13 @@
 // The log mask in force, the stored default mask, and which file the log
 // goes to: the default file, a configured one, or none.
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/core_util.h"
@@ -115,9 +114,9 @@ TEST(StoredLevel, LevelAboveMaximumIsRefused) {
   Lines lines = LogLines(kLogPath);
   EXPECT_EQ(CountLine(lines, "PLR_SetDefaultLogLevel - Invalid log level: 80, max log level: 7f"),
             1);
-  EXPECT_EQ(CountLine(lines,
-                      "PLR_SetDefaultLogLevel - Invalid log level: ffffffff, max log level: 7f"),
-            1);
+  EXPECT_EQ(
+      CountLine(lines, "PLR_SetDefaultLogLevel - Invalid log level: ffffffff, max log level: 7f"),
+      1);
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer PLR_LOGLEVEL 0x19\n");
   PLR_Unload();
 }
@@ -206,9 +205,9 @@ TEST(LogFile, UnopenableDefaultLogsOnceTheConfiguredFileOpens) {
   ASSERT_NE(plrContext.logStream, nullptr);
   PLR_Unload();
   Lines lines = LogLines("/tmp/alt.log");
-  EXPECT_TRUE(ContainsInOrder(lines, {"PLR_Load - LOG_ERR logged",
-                                      "PLR_Load - Successfully initialized Pelorus",
-                                      "PLR_Unload2 - Pelorus unloaded."}));
+  EXPECT_TRUE(ContainsInOrder(
+      lines, {"PLR_Load - LOG_ERR logged", "PLR_Load - Successfully initialized Pelorus",
+              "PLR_Unload2 - Pelorus unloaded."}));
 }
 
 TEST(LogFile, FailedLoadThenLoadLeavesOneStream) {
@@ -221,8 +220,9 @@ TEST(LogFile, FailedLoadThenLoadLeavesOneStream) {
   EXPECT_EQ(OpenDescriptorsOn(kLogPath), 1);
   PLR_Unload();
   EXPECT_EQ(OpenDescriptorsOn(kLogPath), 0);
-  EXPECT_EQ(CountLine(LogLines(kLogPath), "PLR_Load - Error loading the vnet configuration, "
-                                          "file used: /etc/tarsis/networking"),
+  EXPECT_EQ(CountLine(LogLines(kLogPath),
+                      "PLR_Load - Error loading the vnet configuration, "
+                      "file used: /etc/tarsis/networking"),
             2);
 }
 

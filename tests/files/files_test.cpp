@@ -1,14 +1,13 @@
 // File names by type code, and creating, removing and checking the files,
 // directories and kavix device nodes they name.
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -109,9 +108,9 @@ TEST_F(FilesTest, CreateExistsRemoveForEveryCreatableCode) {
     EXPECT_EQ(ModeOf(Name(4, type)), S_IFDIR | 0755u) << type;
     EXPECT_TRUE(PLRFileExists(4, type, nullptr)) << type;
   }
-  const uint32_t files[] = {PLR_FILE_DHCP_CONF,       PLR_FILE_DHCP_CONF_BAK,
-                            PLR_FILE_DHCP_LEASES,     PLR_FILE_DHCP_LEASES_OLD,
-                            PLR_FILE_NAT_CONF,        PLR_FILE_NAT_CONF_BAK};
+  const uint32_t files[] = {PLR_FILE_DHCP_CONF,   PLR_FILE_DHCP_CONF_BAK,
+                            PLR_FILE_DHCP_LEASES, PLR_FILE_DHCP_LEASES_OLD,
+                            PLR_FILE_NAT_CONF,    PLR_FILE_NAT_CONF_BAK};
   for (uint32_t type : files) {
     ASSERT_TRUE(PLRCreateFile(4, type, nullptr)) << type;
     EXPECT_EQ(ModeOf(Name(4, type)), S_IFREG | 0644u) << type;

@@ -19,6 +19,8 @@
 namespace plr::test {
 namespace {
 
+using namespace svc;  // NOLINT: the services test vocabulary
+
 using ::testing::ElementsAre;
 
 struct InetAddress {
@@ -63,7 +65,7 @@ class AdapterTest : public ServiceTest {
  protected:
   // A veth pair: `name` plays the host-only adapter.
   void AddInterface(const std::string& name) {
-    ASSERT_EQ(Run("ip link add " + name + " type veth peer name p" + name), 0);
+    ASSERT_EQ(plr::test::Run("ip link add " + name + " type veth peer name p" + name), 0);
   }
 };
 
@@ -76,7 +78,7 @@ TEST_F(AdapterTest, StatusTellsAbsentDownAndUpAndComparesNamesExactly) {
   EXPECT_TRUE(LogHas("PLRAdapterStatus - 'kavix1' not in /proc/net/dev"));
   AddInterface("kavix1");
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_DOWN);
-  ASSERT_EQ(Run("ip link set kavix1 up"), 0);
+  ASSERT_EQ(plr::test::Run("ip link set kavix1 up"), 0);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_UP);
   EXPECT_TRUE(LogHas("PLRAdapterStatus - SIOCGIFFLAGS: 0x"));
   EXPECT_TRUE(LogHas(" for kavix1"));
@@ -110,7 +112,7 @@ TEST_F(AdapterTest, StatusFailuresReadAsError) {
 TEST_F(AdapterTest, EnableSetsExactlyAddressMaskBroadcastUpAndMulticast) {
   Load(kVnet1);
   AddInterface("kavix1");
-  ASSERT_EQ(Run("ip link set kavix1 multicast off"), 0);
+  ASSERT_EQ(plr::test::Run("ip link set kavix1 multicast off"), 0);
   ASSERT_TRUE(PLRVirtAdapterEnable(1));
   Interface i = Inspect("kavix1");
   ASSERT_TRUE(i.found);
@@ -170,7 +172,7 @@ TEST_F(AdapterTest, SubnetWithHostBitsGivesTheNextAddress) {
 TEST_F(AdapterTest, EnablingAnAdapterThatIsUpChangesNothing) {
   Load(kVnet1);
   AddInterface("kavix1");
-  ASSERT_EQ(Run("ip addr add 10.9.9.9/8 dev kavix1 && ip link set kavix1 up"), 0);
+  ASSERT_EQ(plr::test::Run("ip addr add 10.9.9.9/8 brd + dev kavix1 && ip link set kavix1 up"), 0);
   sys::ClearFaults();
   EXPECT_TRUE(PLRVirtAdapterEnable(1));
   EXPECT_TRUE(LogHas("PLRVirtAdapterEnable - Virtual adapter is already enabled"));
@@ -224,7 +226,7 @@ TEST_F(AdapterTest, EachIoctlFailureEndsEnableWithItsOwnMessage) {
   };
   for (const IoctlFailure& c : cases) {
     SCOPED_TRACE(c.message);
-    ASSERT_EQ(Run("ip addr flush dev kavix1 && ip link set kavix1 down"), 0);
+    ASSERT_EQ(plr::test::Run("ip addr flush dev kavix1 && ip link set kavix1 down"), 0);
     sys::FailNth(sys::Op::kIoctl, c.nth, EPERM);
     EXPECT_FALSE(PLRVirtAdapterEnable(1));
     sys::ClearFaults();
@@ -265,7 +267,7 @@ TEST_F(AdapterTest, DisableClearsUpAndKeepsTheAddresses) {
 TEST_F(AdapterTest, DisableFailuresAreReported) {
   Load(kVnet1);
   AddInterface("kavix1");
-  ASSERT_EQ(Run("ip link set kavix1 up"), 0);
+  ASSERT_EQ(plr::test::Run("ip link set kavix1 up"), 0);
   sys::FailNth(sys::Op::kSocket, 2, EMFILE);
   EXPECT_FALSE(PLRVirtAdapterDisable(1));
   sys::ClearFaults();

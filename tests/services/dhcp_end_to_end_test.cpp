@@ -17,6 +17,8 @@
 namespace plr::test {
 namespace {
 
+using namespace svc;  // NOLINT: the services test vocabulary
+
 class DhcpEndToEndTest : public ServiceTest {};
 
 constexpr const char* kPeerMac = "02:11:22:33:44:55";
@@ -29,7 +31,7 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
        "answer VNET_1_VIRTUAL_ADAPTER yes\n"
        "add_dhcp_mac_to_ip 1 02:11:22:33:44:55 192.168.77.50\n");
   Watchdog guard(90);
-  ASSERT_EQ(Run(std::string("ip link add kavix1 type veth peer name dhcpeer1 && "
+  ASSERT_EQ(plr::test::Run(std::string("ip link add kavix1 type veth peer name dhcpeer1 && "
                             "ip link set dhcpeer1 address ") +
                 kPeerMac + " && ip link set dhcpeer1 up"),
             0);
@@ -48,7 +50,7 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
   pid_t daemon = PidInFile(kPidFile);
   ASSERT_TRUE(ProcessAlive(daemon));
 
-  int rc = Run("timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases "
+  int rc = plr::test::Run("timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases "
                "-pf /tmp/dhclient.pid -1 dhcpeer1 >/tmp/dhclient.out 2>&1");
   pid_t client = PidInFile("/tmp/dhclient.pid");
   if (client > 1) {

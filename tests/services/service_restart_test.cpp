@@ -11,6 +11,8 @@
 namespace plr::test {
 namespace {
 
+using namespace svc;  // NOLINT: the services test vocabulary
+
 class ServiceRestartTest : public ServiceTest {};
 
 constexpr const char* kNatPid = "/var/run/kavix-natd-2.pid";

@@ -17,6 +17,8 @@
 namespace plr::test {
 namespace {
 
+using namespace svc;  // NOLINT: the services test vocabulary
+
 volatile sig_atomic_t gTermsReceived = 0;
 void CountTerm(int) { gTermsReceived = gTermsReceived + 1; }
 

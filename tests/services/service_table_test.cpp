@@ -13,6 +13,8 @@
 namespace plr::test {
 namespace {
 
+using namespace svc;  // NOLINT: the services test vocabulary
+
 class ServiceTableTest : public ServiceTest {};
 
 TEST_F(ServiceTableTest, OptionCodesAndDescriptionsFollowTheServiceIds) {

@@ -1,9 +1,8 @@
 #include "tests/support/bridge_util.h"
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
-
-#include <gtest/gtest.h>
 
 #include "pelorus/core.h"
 #include "tests/support/sandbox.h"

@@ -15,18 +15,18 @@ namespace plr::test {
 class NetlinkReply {
  public:
   struct Header {
-    uint16_t type = 16;            // RTM_NEWLINK
-    uint16_t flags = 2;            // NLM_F_MULTI
-    uint32_t seq = 1;              // the enumeration's request sequence
-    uint32_t pid = 0;              // the kernel's replies carry our port id; 0 is "not ours"
+    uint16_t type = 16;  // RTM_NEWLINK
+    uint16_t flags = 2;  // NLM_F_MULTI
+    uint32_t seq = 1;    // the enumeration's request sequence
+    uint32_t pid = 0;    // the kernel's replies carry our port id; 0 is "not ours"
   };
   struct Link {
-    std::string name;              // the IFLA_IFNAME payload (NUL added unless raw)
-    uint16_t ifiType = 1;          // ARPHRD_ETHER
-    uint32_t ifiFlags = 0x40;      // IFF_RUNNING
-    bool nameWithoutNul = false;   // the name payload carries no terminator
-    bool omitName = false;         // no IFLA_IFNAME at all
-    bool mtuBefore = true;         // an IFLA_MTU attribute before the name
+    std::string name;             // the IFLA_IFNAME payload (NUL added unless raw)
+    uint16_t ifiType = 1;         // ARPHRD_ETHER
+    uint32_t ifiFlags = 0x40;     // IFF_RUNNING
+    bool nameWithoutNul = false;  // the name payload carries no terminator
+    bool omitName = false;        // no IFLA_IFNAME at all
+    bool mtuBefore = true;        // an IFLA_MTU attribute before the name
   };
 
   // Appends a link message.

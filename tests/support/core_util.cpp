@@ -1,10 +1,10 @@
 #include "tests/support/core_util.h"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <regex>
 #include <sstream>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"

@@ -17,7 +17,7 @@
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
 
-namespace plr::test {
+namespace plr::test::svc {
 namespace {
 
 const char* const kDaemons[] = {"kavix-bridge", "kavix-netifup", "kavix-dhcpd", "kavix-natd"};
@@ -69,7 +69,7 @@ void OnWatchdog(int) {
 void ServiceTest::SetUp() {
   // Detached daemons are re-parented to us, so TearDown can reap them.
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0) << strerror(errno);
-  ASSERT_EQ(Run(std::string("mkdir -p ") + kFixtureDir), 0);
+  ASSERT_EQ(plr::test::Run(std::string("mkdir -p ") + kFixtureDir), 0);
 }
 
 void ServiceTest::TearDown() {
@@ -187,4 +187,4 @@ Watchdog::Watchdog(unsigned seconds) {
 
 Watchdog::~Watchdog() { alarm(0); }
 
-}  // namespace plr::test
+}  // namespace plr::test::svc

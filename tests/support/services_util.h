@@ -1,6 +1,7 @@
 // Test support for the service daemons and host-only adapters: a library
 // loaded on a given database, switches and records of the fixture daemons,
-// process cleanup, descriptor snapshots and log inspection.
+// process cleanup, descriptor snapshots and log inspection. Kept in their
+// own namespace: other folders' helpers use the same short names.
 #pragma once
 
 #include <stdint.h>
@@ -12,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-namespace plr::test {
+namespace plr::test::svc {
 
 // Where the fixture daemons record their start and read their switches
 // (kept equal to kavix_fixture::kFixtureDir).
@@ -90,4 +91,4 @@ bool WaitFor(Pred pred, unsigned timeoutMs) {
   }
 }
 
-}  // namespace plr::test
+}  // namespace plr::test::svc

@@ -5,7 +5,9 @@
 
 namespace plr::test {
 
-void SetPingRules(const std::string& rules) { WriteFile(kPingRulesPath, rules); }
+void SetPingRules(const std::string& rules) {
+  WriteFile(kPingRulesPath, rules);
+}
 
 std::vector<std::string> PingCalls() {
   std::vector<std::string> calls;
@@ -39,8 +41,12 @@ void LoadedLibraryTest::TearDown() {
   while (plrContext.loadCount != 0) PLR_Unload();
 }
 
-std::string LoadedLibraryTest::Log() const { return ReadFile(kLogPath); }
+std::string LoadedLibraryTest::Log() const {
+  return ReadFile(kLogPath);
+}
 
-std::string LoadedLibraryTest::Database() const { return ReadFile(kDatabasePath); }
+std::string LoadedLibraryTest::Database() const {
+  return ReadFile(kDatabasePath);
+}
 
 }  // namespace plr::test

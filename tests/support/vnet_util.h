@@ -2,10 +2,10 @@
 // database in the sandbox, the log, and the scripted ping tool fixture.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace plr::test {
 

@@ -169,7 +169,7 @@ TEST_F(DhcpConf, UserTextOfAnyBytesSurvivesAroundAnUntouchedBlock) {
   LoadNatVnet();
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   const std::string block = test::DhcpBlockOf(Conf());
-  const std::string before = std::string("\0\x01\xff binary\r\n\n", 14) + std::string(5000, 'b');
+  const std::string before = std::string("\0\x01\xff binary\r\n\n", 14) + std::string(5000, 'b') + "\n";
   const std::string after = std::string("\n\0tail", 6) + std::string(700, '\n');
   WriteFile(DhcpConfPath(8), before + block + after);
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));

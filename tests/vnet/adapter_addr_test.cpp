@@ -1,9 +1,8 @@
 // The host-only adapter address: stored, or computed from the subnet.
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"

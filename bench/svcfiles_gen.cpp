@@ -1,0 +1,116 @@
+// What generating the service files costs: dhcpd.conf for a vnet with 1k and
+// 10k static mappings (the cost must grow linearly with the mappings) and
+// nat.conf with 1k port forwards, each beside a baseline that writes the
+// same number of bytes with one fopen/fwrite/fclose. A generator run also
+// reads the old file, copies it to the backup, hashes the block, replaces
+// the file atomically and appends the new hash to the database.
+#include <benchmark/benchmark.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "pelorus.h"
+#include "tests/support/sandbox.h"
+
+namespace {
+
+constexpr const char* kBaselinePath = "/tmp/bench-baseline.conf";
+
+void LoadDatabase(const std::string& records) {
+  plr::test::WriteProductConfig();
+  plr::test::WriteDatabase(records);
+  if (!PLR_Load(false)) abort();
+}
+
+// Vnet 8 on a /16 so that 10k mappings get distinct addresses.
+void LoadDhcpVnet(int mappings) {
+  std::string records =
+      "answer VNET_8_HOSTONLY_SUBNET 10.8.0.0\n"
+      "answer VNET_8_HOSTONLY_NETMASK 255.255.0.0\n"
+      "answer VNET_8_DHCP yes\n"
+      "answer VNET_8_NAT yes\n";
+  char line[96];
+  for (int i = 0; i < mappings; ++i) {
+    snprintf(line, sizeof line, "add_dhcp_mac_to_ip 8 00:50:56:%02X:%02X:%02X 10.8.%d.%d\n",
+             (i >> 16) & 0xFF, (i >> 8) & 0xFF, i & 0xFF, 1 + i / 250, 1 + i % 250);
+    records += line;
+  }
+  LoadDatabase(records);
+}
+
+void LoadNatVnet(int forwards) {
+  std::string records =
+      "answer VNET_8_HOSTONLY_SUBNET 192.168.8.0\n"
+      "answer VNET_8_HOSTONLY_NETMASK 255.255.255.0\n"
+      "answer VNET_8_NAT yes\n";
+  for (int port = 1; port <= forwards; ++port) {
+    records += "add_nat_portfwd 8 tcp " + std::to_string(port) + " 192.168.8." +
+               std::to_string(128 + port % 120) + " " + std::to_string(port) + " fwd\n";
+  }
+  LoadDatabase(records);
+}
+
+size_t FileSize(const std::string& path) { return plr::test::ReadFile(path).size(); }
+
+// One fopen/fwrite/fclose of `size` bytes: what writing the file costs at least.
+void FwriteBaseline(benchmark::State& state, size_t size) {
+  std::string data(size, 'x');
+  for (auto _ : state) {
+    FILE* f = fopen(kBaselinePath, "w");
+    if (f == nullptr || fwrite(data.data(), 1, data.size(), f) != data.size()) abort();
+    if (fclose(f) != 0) abort();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+  state.counters["file_bytes"] = static_cast<double>(size);
+}
+
+void BM_DhcpConf(benchmark::State& state) {
+  int mappings = static_cast<int>(state.range(0));
+  LoadDhcpVnet(mappings);
+  if (!PLRDHCPWriteDHCPCfg(8)) abort();  // the steady state: an existing, intact file
+  size_t size = FileSize("/etc/tarsis/kavix8/dhcpd/dhcpd.conf");
+  for (auto _ : state) {
+    if (!PLRDHCPWriteDHCPCfg(8)) abort();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+  state.counters["file_bytes"] = static_cast<double>(size);
+  state.counters["ns_per_mapping"] = benchmark::Counter(
+      static_cast<double>(mappings), benchmark::Counter::kIsIterationInvariantRate |
+                                         benchmark::Counter::kInvert);
+  PLR_Unload2(0);
+}
+BENCHMARK(BM_DhcpConf)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_DhcpConfFwriteBaseline(benchmark::State& state) {
+  LoadDhcpVnet(static_cast<int>(state.range(0)));
+  if (!PLRDHCPWriteDHCPCfg(8)) abort();
+  size_t size = FileSize("/etc/tarsis/kavix8/dhcpd/dhcpd.conf");
+  PLR_Unload2(0);
+  FwriteBaseline(state, size);
+}
+BENCHMARK(BM_DhcpConfFwriteBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+
+void BM_NatConf(benchmark::State& state) {
+  LoadNatVnet(static_cast<int>(state.range(0)));
+  if (!PLRNATUpdateFromConfig(8)) abort();
+  size_t size = FileSize("/etc/tarsis/kavix8/nat/nat.conf");
+  for (auto _ : state) {
+    if (!PLRNATUpdateFromConfig(8)) abort();
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
+  state.counters["file_bytes"] = static_cast<double>(size);
+  PLR_Unload2(0);
+}
+BENCHMARK(BM_NatConf)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
+void BM_NatConfFwriteBaseline(benchmark::State& state) {
+  LoadNatVnet(static_cast<int>(state.range(0)));
+  if (!PLRNATUpdateFromConfig(8)) abort();
+  size_t size = FileSize("/etc/tarsis/kavix8/nat/nat.conf");
+  PLR_Unload2(0);
+  FwriteBaseline(state, size);
+}
+BENCHMARK(BM_NatConfFwriteBaseline)->Arg(1000)->Unit(benchmark::kMicrosecond);
+
+}  // namespace

@@ -1,0 +1,79 @@
+// Feeds arbitrary bytes to the nat.conf reader as the file it reads. Every
+// listing must end, every returned text must be a proper allocation, and
+// every key listed in a section must also be found by a lookup there.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <string>
+#include <vector>
+
+#include "pelorus.h"
+#include "tests/support/sandbox.h"
+
+namespace {
+
+constexpr const char* kPath = "/tmp/fuzz-nat.conf";
+// Bounds the work per input; a listing longer than the input is a hang.
+constexpr size_t kMaxSections = 64;
+
+void WriteInput(const uint8_t* data, size_t size) {
+  FILE* f = fopen(kPath, "wb");
+  if (f == nullptr) abort();
+  if (size != 0 && fwrite(data, 1, size, f) != size) abort();
+  if (fclose(f) != 0) abort();
+}
+
+std::vector<std::string> ListSections(size_t limit) {
+  std::vector<std::string> names;
+  NatCfgIterator* iter = NatCfgListSectionsInit();
+  if (iter == nullptr) abort();  // the file exists
+  while (char* name = NatCfgListSections(iter)) {
+    names.emplace_back(name);
+    free(name);
+    if (names.size() > limit) abort();
+  }
+  NatCfgListSectionsDestroy(iter);
+  return names;
+}
+
+void CheckSection(const std::string& section, size_t limit) {
+  NatCfgIterator* iter = NatCfgListItemsInit(section.c_str());
+  if (iter == nullptr) abort();  // listed sections can be opened
+  size_t count = 0;
+  char* value = nullptr;
+  char* comment = nullptr;
+  while (char* key = NatCfgListItems(iter, &value, &comment)) {
+    if (++count > limit) abort();
+    // Touch every byte so the sanitizers see a bad allocation.
+    volatile size_t total = strlen(key) + strlen(value) + strlen(comment);
+    (void)total;
+    char* found = NatCfgGetItem(section.c_str(), key);
+    if (found == nullptr) abort();
+    free(found);
+    NatCfgGetItemLong(section.c_str(), key, 7);
+    free(key);
+    free(value);
+    free(comment);
+  }
+  NatCfgListItemsDestroy(iter);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  if (!plr::test::EnterSandbox()) abort();
+  globalConfig = kPath;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  WriteInput(data, size);
+  // Lines are at least one byte, so no listing can be longer than the input.
+  std::vector<std::string> sections = ListSections(size + 1);
+  for (size_t i = 0; i < sections.size() && i < kMaxSections; ++i) {
+    CheckSection(sections[i], size + 1);
+  }
+  free(NatCfgGetItem("host", "ip"));
+  return 0;
+}
