@@ -37,6 +37,8 @@ class StandaloneSession {
   StandaloneSession(const char* function, bool withBookkeeping)
       : active_(!IsLoaded()), bookkeeping_(withBookkeeping) {
     if (!active_) return;
+    savedStream_ = plrContext.logStream;
+    savedLevel_ = plrContext.currentLevel;
     if (bookkeeping_ && !PLRFileDirBookkeepingDBLoad()) {
       PLOG_AS(function, LOG_ERR, "Failed to load the file creation database");
       failed_ = true;
@@ -51,7 +53,9 @@ class StandaloneSession {
     if (!active_ || failed_) return;
     if (bookkeeping_) PLRFileDirBookkeepingDBUnload();
     if (plrContext.logStream != nullptr) fclose(plrContext.logStream);
-    plrContext.logStream = nullptr;
+    // A stream some caller set up while the library was unloaded comes back.
+    plrContext.logStream = savedStream_;
+    plrContext.currentLevel = savedLevel_;
   }
 
   bool failed() const { return failed_; }
@@ -60,6 +64,8 @@ class StandaloneSession {
   bool active_;
   bool bookkeeping_;
   bool failed_ = false;
+  FILE* savedStream_ = nullptr;
+  uint32_t savedLevel_ = 0;
 };
 
 // The path of the networking database; logs under `function` on failure.

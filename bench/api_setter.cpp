@@ -47,15 +47,22 @@ void BM_EnumNATPortForward10k(benchmark::State& state) {
     records += "add_nat_portfwd 1 tcp " + std::to_string(port) + " 192.168.1.9 80 fwd\n";
   LoadDatabase("answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\n" + records);
   uint32_t offset = 0;
+  int64_t found = 0;
   for (auto _ : state) {
     uint16_t hostPort, vmPort;
     char ip[16], desc[128];
     uint32_t ipLen = sizeof ip, descLen = sizeof desc;
-    if (!PLR_EnumNATPortForward("kavix1", true, &offset, &hostPort, ip, &ipLen, &vmPort, desc,
-                                &descLen))
-      offset = 0;  // wrapped: start the walk again
+    if (PLR_EnumNATPortForward("kavix1", true, &offset, &hostPort, ip, &ipLen, &vmPort, desc,
+                               &descLen)) {
+      ++found;
+    } else {
+      offset = 0;  // the walk reached the end: start again
+    }
   }
   state.SetItemsProcessed(state.iterations());
+  // Nearly every step must return a forward; a broken table would show here.
+  state.counters["found_per_step"] =
+      benchmark::Counter(static_cast<double>(found) / static_cast<double>(state.iterations()));
   PLR_Unload2(0);
 }
 BENCHMARK(BM_EnumNATPortForward10k);

@@ -6,12 +6,13 @@
 //     plr::ApiFrame frame(__func__, __LINE__);
 //     if (!frame.Loaded()) return false;
 //     frame.Args("Arguments - v: %p,%s, mtu: %u", vnetName, PLR_STR(vnetName), mtu);
-//     ...checks...
-//     plr::WriteBracket bracket(__func__);
-//     if (!bracket.Ok()) PLR_RETURN(frame, false);
-//     ...work...
+//     ...checks: a refused call never takes the lock...
+//     bool ok = plr::WithWriteLock(__func__, [&] { return ...work...; });
 //     PLR_RETURN(frame, ok);
 //   }
+//
+// WithWriteLock releases the lock before the exit line is written, as the
+// log order requires (work, unlock, exit line).
 #pragma once
 
 #include "core/log.h"
@@ -78,5 +79,18 @@ class WriteBracket {
  private:
   bool ok_ = false;
 };
+
+// Runs `work` inside a write bracket; false without running it when the lock
+// cannot be taken. The bracket is closed before this returns.
+template <class Work>
+bool WithWriteLock(const char* function, LockMode mode, Work&& work) {
+  WriteBracket bracket(function, mode);
+  return bracket.Ok() && work();
+}
+
+template <class Work>
+bool WithWriteLock(const char* function, Work&& work) {
+  return WithWriteLock(function, LockMode::kUnlessReadOnly, static_cast<Work&&>(work));
+}
 
 }  // namespace plr

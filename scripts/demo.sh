@@ -6,11 +6,4 @@ cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPLR_TESTS=OFF -DPLR_BENCH=OFF >/dev/null
 cmake --build build -j "$(nproc)" --target pelorus-demo
-exec unshare --mount --net --propagation private bash -c '
-  set -e
-  mount -t tmpfs tmpfs /run
-  mkdir -p /run/demo-etc/upper /run/demo-etc/work
-  mount -t overlay overlay -o lowerdir=/etc,upperdir=/run/demo-etc/upper,workdir=/run/demo-etc/work /etc
-  mkdir -p /etc/tarsis && mount -t tmpfs tmpfs /etc/tarsis
-  mount -t tmpfs tmpfs /var/log
-  ./build/pelorus-demo'
+exec bash scripts/private-ns.sh ./build/pelorus-demo

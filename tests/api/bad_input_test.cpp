@@ -7,6 +7,7 @@
 #include <stdio.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -530,11 +531,11 @@ std::vector<BadCall> BadNameCases() {
   for (const NamedCall& nc : NamedCalls()) {
     ++index;
     for (const auto& [label, name] : names) {
-      // Names live as long as the program: the table entries keep pointers to them.
-      const char* text = (new std::string(name))->c_str();
+      // The case owns its name text; the call sees exactly these bytes.
+      auto text = std::make_shared<const std::string>(name);
       auto call = nc.call;
       cases.push_back(BadCall{std::string(nc.function) + "_" + std::to_string(index) + "_" + label,
-                              [call, text] { return call(text); },
+                              [call, text] { return call(text->c_str()); },
                               std::string(nc.function) + " - Invalid vnet name: " + name,
                               nc.failure});
     }

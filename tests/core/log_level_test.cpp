@@ -65,12 +65,6 @@ TEST(LogMask, CurrentLevelZeroSilencesUntilSetAgain) {
   PLR_Unload();
 }
 
-TEST(LogMask, CurrentLevelNeedsNoLoad) {
-  EXPECT_TRUE(PLR_SetCurrentLogLevel(0x42));
-  EXPECT_EQ(PLR_GetCurrentLogLevel(), 0x42u);
-  EXPECT_EQ(plrContext.currentLevel, 0x42u);
-}
-
 TEST(StoredLevel, DamagedOrMissingValuesGiveTheDefault) {
   struct Case {
     const char* records;

@@ -123,7 +123,8 @@ TEST_P(CompactionFault, KeepsTheJournalAndRemovesTheTemporaryFile) {
 INSTANTIATE_TEST_SUITE_P(
     EveryStep, CompactionFault,
     ::testing::Values(
-        Fault{sys::Op::kOpen, 1, "Failed to write to temp database file: /etc/tarsis/.networking."},
+        Fault{sys::Op::kOpen, 1, "Failed to lock config database file, error: Input/output error"},
+        Fault{sys::Op::kOpen, 2, "Failed to write to temp database file: /etc/tarsis/.networking."},
         Fault{sys::Op::kWrite, 1, "Failed to write initialization data into file: "},
         Fault{sys::Op::kWrite, 2, "Failed to write record of type: 1 to  database file"},
         Fault{sys::Op::kWrite, 3, "Failed to write record of type: 3 to  database file"},

@@ -113,7 +113,7 @@ TEST_F(Records, PortForwardEnumerationVisitsEachOnceAndRestartsAfterAChange) {
   char ip[16];
   ASSERT_TRUE(PLRNetCfgEnumNATPortFwd(db_, 4, true, &cursor, &hostPort, ip, sizeof ip, nullptr,
                                       nullptr, nullptr));
-  ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, 500, "10.0.0.2", 500, nullptr, false));
+  ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, 500, "10.0.0.2", 500, "d", false));
   std::vector<uint16_t> third;
   walk(&third);
   EXPECT_EQ(third.size(), 51u);

@@ -3,6 +3,8 @@
 // verdict on every file written.
 #include <errno.h>
 
+#include <iterator>
+#include <random>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -123,7 +125,15 @@ TEST_F(DhcpConf, SmallestSubnetWorksAndTheNextSmallerIsRefused) {
 }
 
 TEST_F(DhcpConf, DottedDomainNamesMustBeGivenQuoted) {
-  LoadNatVnet("answer VNET_8_DHCP_PARAM_DOMAIN_NAME \"example.com\"\n");
+  // The value is written as stored: the server takes a bare word, but a
+  // dotted name only in quotes.
+  LoadNatVnet("answer VNET_8_DHCP_PARAM_DOMAIN_NAME example.com\n");
+  ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
+  std::string output;
+  EXPECT_FALSE(test::DhcpdAccepts(DhcpConfPath(8), &output));
+  EXPECT_NE(output.find("semicolon expected"), std::string::npos) << output;
+
+  ASSERT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_DOMAIN_NAME, "\"example.com\""));
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_NE(Conf().find("\toption domain-name \"example.com\";\n"), std::string::npos);
   ExpectDhcpdAccepts(DhcpConfPath(8));
@@ -276,6 +286,51 @@ TEST_F(DhcpConf, LaterStartMarkerReplacesAnEarlierOne) {
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_EQ(Conf().substr(0, before.size()), before);
   EXPECT_EQ(LogCount("DHCP config block is not modified\n"), 1);
+}
+
+TEST_F(DhcpConf, RandomHandEditsNeverLoseUserText) {
+  LoadNatVnet();
+  ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
+  std::mt19937 random(20261122);
+  const std::string pieces[] = {"\n", "\r\n", "#", "\0", "}", "{",
+                                test::DhcpBlockOf(Conf()).substr(0, 72),
+                                "####### KAVIX DHCP Configuration. End of \"DO NOT MODIFY SECTION\" "
+                                "#######\n",
+                                std::string(300, 'z')};
+  int kept = 0;
+  for (int round = 0; round < 60; ++round) {
+    SCOPED_TRACE(round);
+    std::string text = Conf();
+    // A few edits anywhere: insert a piece, or cut a range.
+    for (int edit = random() % 3; edit >= 0; --edit) {
+      size_t at = random() % (text.size() + 1);
+      if (random() % 2 == 0) {
+        text.insert(at, pieces[random() % std::size(pieces)]);
+      } else {
+        text.erase(at, random() % 64);
+      }
+    }
+    WriteFile(DhcpConfPath(8), text);
+    ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
+    EXPECT_EQ(ReadFile(DhcpBackupPath(8)), text);  // the whole edited file is saved
+    std::string conf = Conf();
+    std::string block = test::DhcpBlockOf(conf);
+    ASSERT_FALSE(block.empty());
+    size_t start = conf.find(block);
+    std::string before = conf.substr(0, start);
+    std::string after = conf.substr(start + block.size());
+    bool fresh = test::MaskWrittenAt(conf) == Expected("dhcpd-nat-kavix8.conf");
+    // A block that began the edited file gets the generated header back.
+    const std::string header = Expected("dhcpd-nat-kavix8.conf").substr(0, start);
+    if (before == header && text.compare(0, header.size(), header) != 0) before.clear();
+    bool aroundKept = text.compare(0, before.size(), before) == 0 &&
+                      text.size() >= after.size() &&
+                      text.compare(text.size() - after.size(), after.size(), after) == 0;
+    EXPECT_TRUE(fresh || aroundKept) << conf;
+    kept += !fresh;
+    ExpectHashMatchesFile();
+  }
+  EXPECT_GT(kept, 0);  // some edits outside the block keep the user's text
 }
 
 // --- Failures -----------------------------------------------------------------
