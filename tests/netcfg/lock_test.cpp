@@ -20,6 +20,8 @@ class LockHolder {
     if (pipe(ready) != 0 || pipe(stop) != 0) return;
     pid_ = fork();
     if (pid_ == 0) {
+      close(stop[1]);  // only the parent's end may keep the child waiting
+      close(ready[0]);
       FileLock lock;
       char c = lock.Lock(kDatabasePath, 1000) ? '1' : '0';
       (void)!write(ready[1], &c, 1);

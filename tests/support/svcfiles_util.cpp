@@ -5,7 +5,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <regex>
 
 #include "base/sha1.h"
 #include "base/str-util.h"
@@ -34,8 +33,15 @@ std::string VnetRecords(unsigned vnet, const std::string& subnet, const std::str
 }
 
 std::string MaskWrittenAt(const std::string& text) {
-  static const std::regex kStamp("# Written at: [0-9/]+ [0-9:]+\n");
-  return std::regex_replace(text, kStamp, "# Written at: <TIME>\n");
+  static const std::string kPrefix = "# Written at: ";
+  std::string out = text;
+  for (size_t at = out.find(kPrefix); at != std::string::npos;
+       at = out.find(kPrefix, at + kPrefix.size())) {
+    size_t end = out.find('\n', at);
+    if (end == std::string::npos) break;
+    out.replace(at + kPrefix.size(), end - at - kPrefix.size(), "<TIME>");
+  }
+  return out;
 }
 
 std::string DhcpBlockOf(const std::string& text) {
@@ -55,7 +61,7 @@ std::string Sha1Upper(const std::string& data) {
 }
 
 bool DhcpdAccepts(const std::string& path, std::string* output) {
-  std::string out = Capture("dhcpd -4 -t -q -cf '" + path + "' 2>&1; echo \"rc=$?\"");
+  std::string out = Capture("dhcpd -4 -t -cf '" + path + "' 2>&1; echo \"rc=$?\"");
   if (output != nullptr) *output = out;
   return out.size() >= 5 && out.compare(out.size() - 5, 5, "rc=0\n") == 0;
 }

@@ -1,7 +1,6 @@
 // The generated dhcpd.conf served by the real DHCP server over a veth pair in
 // the case's own network namespace, asked by the real DHCP client: a mapped
 // MAC gets exactly its address, an unknown one an address of the range.
-#include <regex>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -27,12 +26,12 @@ constexpr int kLeaseMs = 40000;
 
 // The address of the last lease in a client lease file, or "".
 std::string LeasedAddress(const std::string& leases) {
-  static const std::regex kFixed("fixed-address ([0-9.]+);");
-  std::string last;
-  for (std::sregex_iterator it(leases.begin(), leases.end(), kFixed), end; it != end; ++it) {
-    last = (*it)[1];
-  }
-  return last;
+  static const std::string kFixed = "fixed-address ";
+  size_t at = leases.rfind(kFixed);
+  if (at == std::string::npos) return "";
+  size_t end = leases.find(';', at);
+  if (end == std::string::npos) return "";
+  return leases.substr(at + kFixed.size(), end - at - kFixed.size());
 }
 
 class DhcpEndToEnd : public test::SvcFilesTest {
