@@ -257,7 +257,6 @@ bool PLRCreateDeleteKavixDevice(const char* vnetName, bool create) {
 
 using plr::ApiFrame;
 using plr::LockMode;
-using plr::api::Locked;
 using plr::api::VnetNumber;
 
 extern "C" {
@@ -274,7 +273,7 @@ bool PLR_SetVnetUseAdapter(const char* vnetName, bool use, bool removeConfig) {
   }
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  PLR_RETURN(frame, Locked(__func__, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, [&] {
                return plr::api::SwitchOption(frame.function(), plr::api::kAdapterSwitch, vnet,
                                              vnetName, use, removeConfig);
              }));
@@ -298,7 +297,7 @@ bool PLR_SetVnetAdapterAddr(const char* vnetName, const char* adapterIP) {
     PLR_RETURN(frame, false);
   }
   const bool remove = adapterIP == nullptr;
-  bool ok = Locked(__func__, [&] {
+  bool ok = plr::WithWriteLock(__func__, [&] {
     return remove ? PLRRemoveVnetVirtAdapterAddr(vnet) : PLRSetVnetVirtAdapterAddr(vnet, adapterIP);
   });
   if (ok) {
@@ -360,7 +359,7 @@ bool PLR_UpdateAdapterFromConfig(const char* vnetName) {
   }
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::AdapterConfigured(vnet)
                           ? plr::api::RefreshConfiguredAdapter(frame.function(), vnet, vnetName)
                           : plr::api::RetireUnconfiguredAdapter(frame.function(), vnet, vnetName);
@@ -388,7 +387,7 @@ bool PLR_DisableNetworkAdapter(const char* vnetName) {
     PLOG(LOG_INFO2, "Hostonly adapter: %s does not exist", vnetName);
     PLR_RETURN(frame, true);
   }
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::DisableUnderLock(frame.function(), vnet, vnetName, adapter);
              }));
 }
@@ -418,7 +417,7 @@ bool PLR_EnableNetworkAdapter(const char* vnetName) {
     PLOG(LOG_INFO2, "Adapter is already enabled");
     PLR_RETURN(frame, true);
   }
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::EnableUnderLock(frame.function(), vnet, vnetName);
              }));
 }
@@ -438,7 +437,7 @@ bool PLR_StartService(const char* vnetName, uint32_t serviceType) {
          PLRLookupDescStringForServiceID(service), vnetName);
     PLR_RETURN(frame, true);
   }
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::StartUnderLock(frame.function(), vnet, vnetName, service);
              }));
 }
@@ -452,7 +451,8 @@ bool PLR_StopService(const char* vnetName, uint32_t serviceType) {
   if (!plr::api::ServiceArgs(__func__, vnetName, serviceType, &vnet, &service))
     PLR_RETURN(frame, false);
   const char* desc = PLRLookupDescStringForServiceID(service);
-  bool ok = Locked(__func__, LockMode::kAlways, [&] { return PLRServiceStop(vnet, service); });
+  bool ok = plr::WithWriteLock(__func__, LockMode::kAlways,
+                               [&] { return PLRServiceStop(vnet, service); });
   if (ok) {
     PLOG(LOG_OK, "Stopped \"%s\" service on vnet: %s", desc, vnetName);
   } else {

@@ -1,13 +1,12 @@
-// Small steps shared by the exported per-vnet functions: the vnet name check,
-// running work inside the write bracket, and copying caller bytes that come
-// with a length and need not be NUL-terminated.
+// Small steps shared by the exported per-vnet functions: the vnet name check
+// and copying caller bytes that come with a length and need not be
+// NUL-terminated. Work under the lock goes through plr::WithWriteLock.
 #pragma once
 
 #include <stdint.h>
 #include <stdlib.h>
 
 #include <memory>
-#include <utility>
 
 #include "core/frame.h"
 
@@ -16,20 +15,6 @@ namespace plr::api {
 // Converts `name` to its vnet number. A result above 255 is logged under
 // `function` as "Invalid vnet name: %s" and refused.
 bool VnetNumber(const char* function, const char* name, uint32_t* vnet);
-
-// Runs `work` inside a write bracket and returns its result; the lock is
-// released before this returns, so the caller's exit line follows the unlock.
-// A failed lock runs nothing and returns false.
-template <class Work>
-bool Locked(const char* function, LockMode mode, Work&& work) {
-  WriteBracket bracket(function, mode);
-  if (!bracket.Ok()) return false;
-  return std::forward<Work>(work)();
-}
-template <class Work>
-bool Locked(const char* function, Work&& work) {
-  return Locked(function, LockMode::kUnlessReadOnly, std::forward<Work>(work));
-}
 
 struct FreeText {
   void operator()(char* text) const { free(text); }

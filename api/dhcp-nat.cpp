@@ -161,7 +161,6 @@ bool RewriteNatConf(const char* function, uint32_t vnet, const char* vnetName) {
 
 using plr::ApiFrame;
 using plr::LockMode;
-using plr::api::Locked;
 using plr::api::PrintLen;
 using plr::api::TextLen;
 using plr::api::VnetNumber;
@@ -212,7 +211,7 @@ bool PLR_SetVnetUseDHCP(const char* vnetName, bool use, bool removeConfig) {
   }
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  PLR_RETURN(frame, Locked(__func__, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, [&] {
                return plr::api::SwitchOption(frame.function(), plr::api::kDhcpSwitch, vnet,
                                              vnetName, use, removeConfig);
              }));
@@ -229,7 +228,7 @@ bool PLR_SetVnetUseNAT(const char* vnetName, bool use, bool removeConfig) {
   }
   uint32_t vnet;
   if (!VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  PLR_RETURN(frame, Locked(__func__, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, [&] {
                return plr::api::SwitchOption(frame.function(), plr::api::kNatSwitch, vnet, vnetName,
                                              use, removeConfig);
              }));
@@ -315,7 +314,7 @@ bool PLR_SetDHCPParam(const char* vnetName, uint32_t paramID, const char* value,
     PLR_RETURN(frame, false);
   }
   PLOG(LOG_INFO2, "Mapped external param ID: %u to internal paramID: %u", paramID, internalID);
-  PLR_RETURN(frame, Locked(__func__, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, [&] {
                return plr::api::StoreDhcpParam(frame.function(), vnet, vnetName, paramID,
                                                internalID, value, valueLen);
              }));
@@ -342,7 +341,7 @@ bool PLR_SetNATParam(const char* vnetName, uint32_t paramID, const char* value, 
   }
   PLOG(LOG_INFO2, "Mapped external parameter ID: %u to internal parameter ID: %u", paramID,
        internalID);
-  PLR_RETURN(frame, Locked(__func__, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, [&] {
                return plr::api::StoreNatParam(frame.function(), vnet, vnetName, paramID, internalID,
                                               value, valueLen);
              }));
@@ -372,7 +371,7 @@ bool PLR_SetDHCPIPToMAC(const char* vnetName, const char* ip, const char* mac) {
     PLOG(LOG_ERR, "MAC address is not valid: %s", mac);
     PLR_RETURN(frame, false);
   }
-  bool ok = Locked(__func__, [&] { return PLRDHCPSetIPToMAC(vnet, ip, standardMAC); });
+  bool ok = plr::WithWriteLock(__func__, [&] { return PLRDHCPSetIPToMAC(vnet, ip, standardMAC); });
   if (ok) {
     PLOG(LOG_OK, "Creating/Removing DHCP static mapping succeeded for vnet: %s, ip: %s, mac: %s",
          vnetName, PLR_STR(ip), mac);
@@ -468,7 +467,7 @@ bool PLR_SetNATPortForward(const char* vnetName, bool tcp, uint16_t hostPort, co
   plr::api::OwnedText copy;
   if (!plr::api::TakeDescription(__func__, description, descriptionLen, &copy))
     PLR_RETURN(frame, false);
-  bool ok = Locked(__func__, [&] {
+  bool ok = plr::WithWriteLock(__func__, [&] {
     return PLRNATSetPortForward(vnet, tcp, hostPort, vmIP, vmPort, copy.get());
   });
   if (!ok) {
@@ -585,7 +584,7 @@ bool PLR_UpdateDHCPFromConfig(const char* vnetName) {
     PLOG(LOG_ERR, "DHCP service is not in stopped state on this vnet, Cannot update config files");
     PLR_RETURN(frame, false);
   }
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::RewriteDhcpConf(frame.function(), vnet, vnetName);
              }));
 }
@@ -608,7 +607,7 @@ bool PLR_UpdateNATFromConfig(const char* vnetName) {
          "NAT service is not in stopped state on this vnet,Cannot update config information");
     PLR_RETURN(frame, false);
   }
-  PLR_RETURN(frame, Locked(__func__, LockMode::kAlways, [&] {
+  PLR_RETURN(frame, plr::WithWriteLock(__func__, LockMode::kAlways, [&] {
                return plr::api::RewriteNatConf(frame.function(), vnet, vnetName);
              }));
 }

@@ -75,7 +75,6 @@ bool SetterVnet(const char* function, const char* vnetName, uint32_t* vnet) {
 }  // namespace plr::api
 
 using plr::ApiFrame;
-using plr::api::Locked;
 using plr::api::SetterVnet;
 using plr::api::VnetNumber;
 
@@ -134,7 +133,7 @@ bool PLR_SetVnetDisplayName(const char* vnetName, const char* displayName) {
              PLR_STR(displayName));
   uint32_t vnet;
   if (!SetterVnet(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  bool ok = Locked(__func__, [&] { return PLRSetVnetDisplayName(vnet, displayName); });
+  bool ok = plr::WithWriteLock(__func__, [&] { return PLRSetVnetDisplayName(vnet, displayName); });
   if (ok) {
     PLOG(LOG_OK, "Successfully set the display name for vnet: %s", vnetName);
   } else {
@@ -156,7 +155,7 @@ bool PLR_SetVnetSubnetAddr(const char* vnetName, const char* subnetAddr) {
     PLR_RETURN(frame, false);
   }
   bool remove = subnetAddr == nullptr;
-  bool ok = Locked(__func__, [&] {
+  bool ok = plr::WithWriteLock(__func__, [&] {
     return remove ? PLRRemoveVnetSubnetAddr(vnet) : PLRSetVnetSubnetAddr(vnet, subnetAddr);
   });
   if (ok) {
@@ -181,7 +180,7 @@ bool PLR_SetVnetSubnetMask(const char* vnetName, const char* mask) {
     PLR_RETURN(frame, false);
   }
   bool remove = mask == nullptr;
-  bool ok = Locked(__func__, [&] {
+  bool ok = plr::WithWriteLock(__func__, [&] {
     return remove ? PLRRemoveVnetSubnetMask(vnet) : PLRSetVnetSubnetMask(vnet, mask);
   });
   if (ok) {
@@ -201,7 +200,7 @@ bool PLR_SetVnetMTU(const char* vnetName, uint32_t mtu) {
   uint32_t vnet;
   if (!SetterVnet(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
   bool allocated = true;
-  bool ok = Locked(__func__, [&] {
+  bool ok = plr::WithWriteLock(__func__, [&] {
     char* text = nullptr;
     allocated = asprintf(&text, "%u", mtu) >= 0;
     if (!allocated) return false;
@@ -244,7 +243,7 @@ bool PLR_RemoveMTU(const char* vnetName) {
   frame.Args("Arguments - v: %p,%s", vnetName, PLR_STR(vnetName));
   uint32_t vnet;
   if (!SetterVnet(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  bool ok = Locked(__func__, [&] { return PLRRemoveVnetMTU(vnet); });
+  bool ok = plr::WithWriteLock(__func__, [&] { return PLRRemoveVnetMTU(vnet); });
   if (ok) {
     PLOG(LOG_OK, "Removing MTU setting succeeded for vnet: %s", vnetName);
   } else {
@@ -268,7 +267,7 @@ bool PLR_AssignSubnetAddressToVnet(const char* vnetName, bool overwriteExisting)
     }
     PLOG(LOG_INFO2, "Overwriting existing subnet");
   }
-  bool ok = Locked(__func__, [&] { return PLRAssignUnusedSubnetAddressToVNet(vnet); });
+  bool ok = plr::WithWriteLock(__func__, [&] { return PLRAssignUnusedSubnetAddressToVNet(vnet); });
   if (ok) {
     PLOG(LOG_OK, "New subnet configured for vnet: %s", vnetName);
     char subnet[PLR_IP_ADDR_MIN_LEN];
@@ -341,8 +340,8 @@ bool PLR_SetNATPrefix(const char* vnetName, const char* prefix, const char* desc
   plr::api::OwnedText copy;
   if (!plr::api::TakeDescription(__func__, description, descriptionLen, &copy))
     PLR_RETURN(frame, false);
-  bool ok =
-      Locked(__func__, [&] { return PLRNATSetPrefix(vnet, prefix, copy.get(), descriptionLen); });
+  bool ok = plr::WithWriteLock(
+      __func__, [&] { return PLRNATSetPrefix(vnet, prefix, copy.get(), descriptionLen); });
   if (ok) {
     PLOG(LOG_OK, "Setting NAT prefix succeeded for vnet: %s, prefix: %s ", vnetName, prefix);
   } else {

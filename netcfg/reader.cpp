@@ -330,6 +330,8 @@ static bool NetCfgReadVersionLine(PLRNetworkConfigurationDB* db, const std::stri
 }
 
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream) {
+  // A larger stream buffer: the file is read once, front to back.
+  setvbuf(stream, nullptr, _IOFBF, 64 * 1024);
   // One byte more than a line may hold, so an overlong line is recognisable.
   LineReader reader(stream, kNetCfgMaxLine + 1);
   std::string line;

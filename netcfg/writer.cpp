@@ -186,27 +186,31 @@ void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
   switch (type) {
     case kRecAnswer: {
       if (!db->answers) return;
-      out->reserve(db->answers->size());
-      for (const auto& [key, entry] : *db->answers) out->push_back(AnswerRecord(key, entry.value));
-      std::sort(out->begin(), out->end(),
-                [](const NetCfgRecord& a, const NetCfgRecord& b) { return a.key < b.key; });
+      // Sort pointers to the entries, not the (large) records.
+      std::vector<const NetCfgAnswerTable::value_type*> nodes;
+      nodes.reserve(db->answers->size());
+      for (const auto& node : *db->answers) nodes.push_back(&node);
+      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });
+      out->reserve(nodes.size());
+      for (const auto* node : nodes) out->push_back(AnswerRecord(node->first, node->second.value));
       return;
     }
-    case kRecAddNatPortFwd:
+    case kRecAddNatPortFwd: {
+      std::vector<const NATPortFwdEntry*> group;
       for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
         if (!db->portFwds[vnet]) continue;
         for (bool isTCP : {true, false}) {
-          const NATPortFwdGroup& group = db->portFwds[vnet]->group(isTCP);
-          if (!group.table) continue;
-          size_t first = out->size();
-          for (const auto& [port, entry] : *group.table) out->push_back(PortFwdRecord(entry, true));
-          std::sort(out->begin() + static_cast<ptrdiff_t>(first), out->end(),
-                    [](const NetCfgRecord& a, const NetCfgRecord& b) {
-                      return a.hostPort < b.hostPort;
-                    });
+          const NATPortFwdGroup& fwds = db->portFwds[vnet]->group(isTCP);
+          if (!fwds.table) continue;
+          group.clear();
+          for (const auto& node : *fwds.table) group.push_back(&node.second);
+          std::sort(group.begin(), group.end(),
+                    [](auto* a, auto* b) { return a->hostPort < b->hostPort; });
+          for (const NATPortFwdEntry* entry : group) out->push_back(PortFwdRecord(*entry, true));
         }
       }
       return;
+    }
     case kRecAddDhcpMacToIp:
       for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
         if (!db->dhcp[vnet]) continue;
@@ -216,13 +220,15 @@ void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
       return;
     case kRecAddBridgeMapping: {
       if (!db->bridges) return;
-      out->reserve(db->bridges->size());
-      for (const auto& [adapter, vnet] : *db->bridges)
-        out->push_back(BridgeRecord(adapter, vnet, true));
-      std::sort(out->begin(), out->end(), [](const NetCfgRecord& a, const NetCfgRecord& b) {
-        if (a.bridgeVnet != b.bridgeVnet) return a.bridgeVnet < b.bridgeVnet;
-        return a.adapter < b.adapter;
+      std::vector<const NetCfgBridgeTable::value_type*> nodes;
+      nodes.reserve(db->bridges->size());
+      for (const auto& node : *db->bridges) nodes.push_back(&node);
+      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) {
+        if (a->second != b->second) return a->second < b->second;
+        return a->first < b->first;
       });
+      out->reserve(nodes.size());
+      for (const auto* node : nodes) out->push_back(BridgeRecord(node->first, node->second, true));
       return;
     }
     default:
