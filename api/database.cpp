@@ -318,7 +318,7 @@ bool PLR_ExportDatabaseToFile(const char* file) {
   if (!frame.Loaded()) return false;
   frame.Args("Arguments - f: %p,%s", static_cast<const void*>(file), PLR_STR(file));
   if (file == nullptr) file = kDefaultExchangeFile;
-  const bool ok = api::plr::WithWriteLock(__func__, [&] {
+  const bool ok = WithWriteLock(__func__, [&] {
     if (!PLRNetCfgExportConfig(nullptr, file, 0)) {
       PLOG_AS("PLR_ExportDatabaseToFile", LOG_ERR,
               "Failed to export configuration database to backup file:%s", file);
@@ -354,7 +354,7 @@ bool PLR_DeleteVnetFromDatabase(const char* vnetName) {
   if (!api::VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
   const bool readOnly = PLRNetCfgIsReadOnly(nullptr);
   if (!readOnly && !NothingRunsOn(__func__, vnet, vnetName)) PLR_RETURN(frame, false);
-  const bool ok = api::plr::WithWriteLock(__func__, [&] {
+  const bool ok = WithWriteLock(__func__, [&] {
     const char* fn = "PLR_DeleteVnetFromDatabase";
     const bool all = RemoveVnetConfiguration(fn, vnet, vnetName, readOnly);
     if (all)

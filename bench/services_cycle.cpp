@@ -66,9 +66,16 @@ void BM_BareForkExecWaitpid(benchmark::State& state) {
     int fds[2];
     if (pipe2(fds, O_CLOEXEC) != 0) break;
     std::string fd = std::to_string(fds[1]);
-    std::vector<const char*> argv = {path.c_str(), "-s",  fd.c_str(), "-d", kPidFile, "-m",
-                                     "/etc/tarsis/kavix2/nat.mac", "-c",
-                                     "/etc/tarsis/kavix2/nat/nat.conf", nullptr};
+    std::vector<const char*> argv = {path.c_str(),
+                                     "-s",
+                                     fd.c_str(),
+                                     "-d",
+                                     kPidFile,
+                                     "-m",
+                                     "/etc/tarsis/kavix2/nat.mac",
+                                     "-c",
+                                     "/etc/tarsis/kavix2/nat/nat.conf",
+                                     nullptr};
     pid_t child = fork();
     if (child == 0) {
       fcntl(fds[1], F_SETFD, 0);

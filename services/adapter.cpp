@@ -263,9 +263,13 @@ bool PLRVirtAdapterDisable(uint32_t vnet) {
 }
 
 // Loading the kernel driver is not this library's business.
-bool PLRLoadKavixDriver(void) { return false; }
+bool PLRLoadKavixDriver(void) {
+  return false;
+}
 
 // Unloading the kernel driver is not this library's business.
-bool PLRUnloadKavixDriver(void) { return false; }
+bool PLRUnloadKavixDriver(void) {
+  return false;
+}
 
 }  // extern "C"

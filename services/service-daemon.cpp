@@ -254,7 +254,9 @@ bool ReadDaemonStatus(int readFd) {
 }
 
 // Microseconds of the monotonic clock.
-uint64_t NowUs() { return MonotonicNs() / 1000; }
+uint64_t NowUs() {
+  return MonotonicNs() / 1000;
+}
 
 // Waits, polling every 50 ms, for a process that was sent SIGTERM to go away;
 // after 3 s it is sent SIGKILL and not waited for again.

@@ -128,8 +128,7 @@ int32_t PLRExtractPidFromFile(const char* path, bool* noFile) {
   plr::UniqueFile file(path != nullptr ? plr::sys::fopen(path, "re") : nullptr);
   if (!file) {
     int err = path != nullptr ? errno : EINVAL;
-    PLOG(LOG_INFO, "Could not open the PID file: %s, error: %s", PLR_STR(path),
-         strerror(err));
+    PLOG(LOG_INFO, "Could not open the PID file: %s, error: %s", PLR_STR(path), strerror(err));
     if (noFile != nullptr) *noFile = true;
     return 0;
   }

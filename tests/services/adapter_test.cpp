@@ -1,15 +1,14 @@
 // Host-only adapters on real interfaces of the test's network namespace:
 // status, enable with its five ioctls, disable, and their failures.
 #include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -121,12 +120,15 @@ TEST_F(AdapterTest, EnableSetsExactlyAddressMaskBroadcastUpAndMulticast) {
   EXPECT_TRUE(i.flags & IFF_MULTICAST);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_UP);
   // Network-order words as the kernel got them.
-  EXPECT_TRUE(LogHas("PLRVirtAdapterEnable - ioctl: SIOCSIFADDR set interface address to: "
-                     "0107000a for interface: kavix1"));
-  EXPECT_TRUE(LogHas("ioctl: SIOCSIFNETMASK set interface netmask address to: 00ffffff for "
-                     "interface: kavix1"));
-  EXPECT_TRUE(LogHas("ioctl: SIOCSIFBRDADDR set interface broadcast address to: ff07000a for "
-                     "interface: kavix1"));
+  EXPECT_TRUE(
+      LogHas("PLRVirtAdapterEnable - ioctl: SIOCSIFADDR set interface address to: "
+             "0107000a for interface: kavix1"));
+  EXPECT_TRUE(
+      LogHas("ioctl: SIOCSIFNETMASK set interface netmask address to: 00ffffff for "
+             "interface: kavix1"));
+  EXPECT_TRUE(
+      LogHas("ioctl: SIOCSIFBRDADDR set interface broadcast address to: ff07000a for "
+             "interface: kavix1"));
   EXPECT_TRUE(LogHas("ioctl: SIOCGIFFLAGS get interface flags: 0x"));
   EXPECT_TRUE(LogHas("ioctl: SIOCSIFFLAGS set interface flags to: 0x"));
 }
@@ -152,9 +154,10 @@ TEST_F(AdapterTest, EnableIssuesTheFiveIoctlsInOrder) {
 }
 
 TEST_F(AdapterTest, StoredAddressAndWiderMaskAreUsed) {
-  Load("answer VNET_2_HOSTONLY_SUBNET 172.16.0.0\nanswer VNET_2_HOSTONLY_NETMASK 255.255.0.0\n"
-       "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\n"
-       "answer VNET_2_VIRTUAL_ADAPTER_NAME hostonly2\n");
+  Load(
+      "answer VNET_2_HOSTONLY_SUBNET 172.16.0.0\nanswer VNET_2_HOSTONLY_NETMASK 255.255.0.0\n"
+      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\n"
+      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostonly2\n");
   AddInterface("hostonly2");
   ASSERT_TRUE(PLRVirtAdapterEnable(2));
   EXPECT_THAT(Inspect("hostonly2").inet,
@@ -275,8 +278,9 @@ TEST_F(AdapterTest, DisableFailuresAreReported) {
   sys::FailNth(sys::Op::kIoctl, 3, EPERM);  // status, get, set
   EXPECT_FALSE(PLRVirtAdapterDisable(1));
   sys::ClearFaults();
-  EXPECT_TRUE(LogHas("PLRVirtAdapterDisable - ioctl: SIOCSIFFLAGS failed, error: Operation not "
-                     "permitted"));
+  EXPECT_TRUE(
+      LogHas("PLRVirtAdapterDisable - ioctl: SIOCSIFFLAGS failed, error: Operation not "
+             "permitted"));
   EXPECT_TRUE(Inspect("kavix1").flags & IFF_UP);
 }
 

@@ -2,13 +2,12 @@
 // generated from the database, the DHCP service started through the library
 // with the fixture serving through the real dhcpd, and a real DHCP client on
 // the other end of a veth pair getting the mapped address.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 
 #include <sstream>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -25,15 +24,16 @@ constexpr const char* kPeerMac = "02:11:22:33:44:55";
 constexpr const char* kPidFile = "/var/run/kavix-dhcpd-kavix1.pid";
 
 TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
-  Load("answer VNET_1_HOSTONLY_SUBNET 192.168.77.0\n"
-       "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
-       "answer VNET_1_DHCP yes\n"
-       "answer VNET_1_VIRTUAL_ADAPTER yes\n"
-       "add_dhcp_mac_to_ip 1 02:11:22:33:44:55 192.168.77.50\n");
+  Load(
+      "answer VNET_1_HOSTONLY_SUBNET 192.168.77.0\n"
+      "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
+      "answer VNET_1_DHCP yes\n"
+      "answer VNET_1_VIRTUAL_ADAPTER yes\n"
+      "add_dhcp_mac_to_ip 1 02:11:22:33:44:55 192.168.77.50\n");
   Watchdog guard(90);
   ASSERT_EQ(plr::test::Run(std::string("ip link add kavix1 type veth peer name dhcpeer1 && "
-                            "ip link set dhcpeer1 address ") +
-                kPeerMac + " && ip link set dhcpeer1 up"),
+                                       "ip link set dhcpeer1 address ") +
+                           kPeerMac + " && ip link set dhcpeer1 up"),
             0);
   ASSERT_TRUE(PLRVirtAdapterEnable(1));
 
@@ -50,8 +50,9 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
   pid_t daemon = PidInFile(kPidFile);
   ASSERT_TRUE(ProcessAlive(daemon));
 
-  int rc = plr::test::Run("timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases "
-               "-pf /tmp/dhclient.pid -1 dhcpeer1 >/tmp/dhclient.out 2>&1");
+  int rc = plr::test::Run(
+      "timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases "
+      "-pf /tmp/dhclient.pid -1 dhcpeer1 >/tmp/dhclient.out 2>&1");
   pid_t client = PidInFile("/tmp/dhclient.pid");
   if (client > 1) {
     KillAtEnd(client);

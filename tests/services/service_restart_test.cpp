@@ -1,8 +1,8 @@
 // Restarting services: running or stopped, configured or not, with and
 // without startIfStopped, and the failures on the way.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -44,8 +44,9 @@ TEST_F(ServiceRestartTest, RunningServiceNoLongerConfiguredIsOnlyStopped) {
   EXPECT_FALSE(restarted);
   EXPECT_FALSE(ProcessAlive(pid));
   EXPECT_EQ(PLRServiceStatus(2, PLR_SERVICE_NAT), PLR_SERVICE_STOPPED);
-  EXPECT_TRUE(LogHas("PLRRestartService - Service: 4 could not be restarted since it is not "
-                     "configured for vnet: 2"));
+  EXPECT_TRUE(
+      LogHas("PLRRestartService - Service: 4 could not be restarted since it is not "
+             "configured for vnet: 2"));
 }
 
 TEST_F(ServiceRestartTest, StoppedServiceStaysStoppedWithoutStartIfStopped) {

@@ -1,6 +1,8 @@
 // Starting daemons: the command line of each service, what the daemon
 // inherits, the status handshake in all its outcomes, and bad configuration.
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -8,9 +10,6 @@
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -96,9 +95,9 @@ TEST_F(ServiceStartTest, NetifupPassesMtuOnlyWhenSetAndTheAdapterName) {
   EXPECT_THAT(ArgsAfterStatusFd("kavix-netifup"),
               ElementsAre("-d", "/var/run/kavix-netifup-kavix3.pid", "/dev/kavix3", "kavix3"));
   ASSERT_TRUE(PLRServiceStart(4, PLR_SERVICE_NETIFUP));
-  EXPECT_THAT(ArgsAfterStatusFd("kavix-netifup"),
-              ElementsAre("-m", "1400", "-d", "/var/run/kavix-netifup-kavix4.pid", "/dev/kavix4",
-                          "vmx4"));
+  EXPECT_THAT(
+      ArgsAfterStatusFd("kavix-netifup"),
+      ElementsAre("-m", "1400", "-d", "/var/run/kavix-netifup-kavix4.pid", "/dev/kavix4", "vmx4"));
 }
 
 TEST_F(ServiceStartTest, NetifupWithoutAUsableAdapterNameStartsNothing) {
@@ -229,8 +228,8 @@ TEST_F(ServiceStartTest, DaemonExitingAfterItsReportLeavesAStalePidFile) {
   ASSERT_GT(pid, 1);
   ASSERT_TRUE(WaitFor([&] { return kill(pid, 0) != 0; }, 5000));
   EXPECT_EQ(PLRServiceStatus(2, PLR_SERVICE_NAT), PLR_SERVICE_STOPPED);
-  EXPECT_TRUE(LogHas("pid: " + std::to_string(pid) +
-                     " for NAT service daemon on vnet: 2 is stale"));
+  EXPECT_TRUE(
+      LogHas("pid: " + std::to_string(pid) + " for NAT service daemon on vnet: 2 is stale"));
   EXPECT_TRUE(FileExists("/var/run/kavix-natd-2.pid")) << "status leaves a stale file alone";
 }
 
@@ -239,8 +238,9 @@ TEST_F(ServiceStartTest, MissingBinDirFailsWithTheExecError) {
   Watchdog guard(20);
   std::set<int> before = OpenFds();
   EXPECT_FALSE(PLRServiceStart(2, PLR_SERVICE_NAT));
-  EXPECT_TRUE(LogHas("PLRServiceStart - exec(): Error while starting daemon: "
-                     "/nonexistent/bin/kavix-natd, error: No such file or directory"));
+  EXPECT_TRUE(
+      LogHas("PLRServiceStart - exec(): Error while starting daemon: "
+             "/nonexistent/bin/kavix-natd, error: No such file or directory"));
   EXPECT_TRUE(LogHas("Daemon process did not report status, returning failure"));
   EXPECT_EQ(OpenFds(), before);
 }
@@ -255,14 +255,15 @@ TEST_F(ServiceStartTest, AbsentBinDirAnswerFallsBackToUsrBin) {
 
 TEST_F(ServiceStartTest, DaemonThatIsNotExecutableFails) {
   ASSERT_EQ(plr::test::Run(std::string("mkdir -p /tmp/bin && cp ") + FixtureBinDir() +
-                "/kavix-natd /tmp/bin/ && chmod 0644 /tmp/bin/kavix-natd"),
+                           "/kavix-natd /tmp/bin/ && chmod 0644 /tmp/bin/kavix-natd"),
             0);
   Load("", "/tmp/bin");
   Watchdog guard(20);
   std::set<int> before = OpenFds();
   EXPECT_FALSE(PLRServiceStart(2, PLR_SERVICE_NAT));
-  EXPECT_TRUE(LogHas("exec(): Error while starting daemon: /tmp/bin/kavix-natd, error: "
-                     "Permission denied"));
+  EXPECT_TRUE(
+      LogHas("exec(): Error while starting daemon: /tmp/bin/kavix-natd, error: "
+             "Permission denied"));
   EXPECT_EQ(StartsOf("kavix-natd"), 0u);
   EXPECT_EQ(OpenFds(), before);
 }

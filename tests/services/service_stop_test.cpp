@@ -1,5 +1,6 @@
 // Stopping daemons and asking their status from PID files: running, stale,
 // missing and unusable PID files, and a daemon that ignores SIGTERM.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -7,8 +8,6 @@
 #include <unistd.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -20,7 +19,9 @@ namespace {
 using namespace svc;  // NOLINT: the services test vocabulary
 
 volatile sig_atomic_t gTermsReceived = 0;
-void CountTerm(int) { gTermsReceived = gTermsReceived + 1; }
+void CountTerm(int) {
+  gTermsReceived = gTermsReceived + 1;
+}
 
 class ServiceStopTest : public ServiceTest {
  protected:
@@ -91,8 +92,8 @@ TEST_F(ServiceStopTest, PidFileWithoutAUsablePidIsNeverSignalled) {
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = CountTerm;
   ASSERT_EQ(sigaction(SIGTERM, &sa, &old), 0);
-  const char* const texts[] = {"abc\n", "", "-1\n", "0\n", "1\n", "-100\n",
-                               "4294967295\n", "99999999999\n", "12 34\n"};
+  const char* const texts[] = {
+      "abc\n", "", "-1\n", "0\n", "1\n", "-100\n", "4294967295\n", "99999999999\n", "12 34\n"};
   for (const char* text : texts) {
     SCOPED_TRACE(text);
     WriteFile("/var/run/kavix-natd-4.pid", text);
@@ -145,11 +146,44 @@ TEST_F(ServiceStopTest, DaemonIgnoringTermIsKilledAfterThreeSeconds) {
   uint64_t took = NowMs() - start;
   EXPECT_GT(took, 3000u);
   EXPECT_LT(took, 4500u);
-  EXPECT_TRUE(LogHas("PLRServiceStop - Timeout expired while waiting for NAT service daemon, "
-                     "pid: " + std::to_string(pid) + " to quit"));
+  EXPECT_TRUE(
+      LogHas("PLRServiceStop - Timeout expired while waiting for NAT service daemon, "
+             "pid: " +
+             std::to_string(pid) + " to quit"));
   EXPECT_FALSE(LogHas("Successfully killed NAT"));
   EXPECT_TRUE(WaitFor([&] { return !ProcessAlive(pid); }, 2000)) << "SIGKILL follows the timeout";
   EXPECT_FALSE(FileExists("/var/run/kavix-natd-5.pid"));
+}
+
+// A daemon we may not signal: status cannot tell, and stop reports the
+// refused SIGTERM, tries SIGKILL and still counts as done.
+TEST_F(ServiceStopTest, DaemonWeMayNotSignalIsUnknownAndStopReportsIt) {
+  Load("");
+  Watchdog guard(20);
+  ASSERT_TRUE(PLRServiceStart(5, PLR_SERVICE_NAT));
+  pid_t pid = PidInFile("/var/run/kavix-natd-5.pid");
+  ASSERT_TRUE(ProcessAlive(pid));
+
+  // Keep root as the saved ID so the test can return to it.
+  ASSERT_EQ(setresuid(65534, 65534, 0), 0);
+  uint32_t status = PLRServiceStatus(5, PLR_SERVICE_NAT);
+  bool stopped = PLRServiceStop(5, PLR_SERVICE_NAT);
+  ASSERT_EQ(setresuid(0, 0, 0), 0);
+
+  EXPECT_EQ(status, PLR_SERVICE_STATUS_UNKNOWN);
+  EXPECT_TRUE(LogHas("PLRServiceStatus - kill(): failed for pid: " + std::to_string(pid) +
+                     ", error: Operation not permitted"));
+  EXPECT_TRUE(stopped);
+  EXPECT_TRUE(LogHas("PLRServiceStop - Sending term failed for NAT service daemon, pid: " +
+                     std::to_string(pid) + ", error: Operation not permitted"));
+  EXPECT_TRUE(ProcessAlive(pid));
+  bool wasRunning = false;
+  EXPECT_EQ(PLRServiceStatus(5, PLR_SERVICE_NAT), PLR_SERVICE_RUNNING);
+  ASSERT_EQ(setresuid(65534, 65534, 0), 0);
+  bool restarted = PLRRestartService(5, PLR_SERVICE_NAT, &wasRunning, nullptr, true);
+  ASSERT_EQ(setresuid(0, 0, 0), 0);
+  EXPECT_FALSE(restarted);
+  EXPECT_TRUE(LogHas("PLRRestartService - Cannot determine status of service: 4 on vnet: 5"));
 }
 
 TEST_F(ServiceStopTest, UnknownServiceHasUnknownStatusAndCannotStop) {

@@ -1,10 +1,9 @@
 // The service table, PID file names and reading PIDs from PID files.
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -99,10 +98,21 @@ struct PidText {
 TEST_F(ServiceTableTest, OnlyAPlainNumberOnTheFirstLineIsAPid) {
   Load("");
   const PidText cases[] = {
-      {"1234\n", 1234},     {"1234", 1234},        {"77\nabc\n", 77},       {"abc\n", 0},
-      {"", 0},              {"\n", 0},             {"-5\n", 0},             {"0\n", 0},
-      {"1\n", 0},           {"4294967295\n", 0},   {"2147483648\n", 0},     {"99999999999\n", 0},
-      {"12abc\n", 0},       {"abc\n1234\n", 0},    {"2147483647\n", 2147483647},
+      {"1234\n", 1234},
+      {"1234", 1234},
+      {"77\nabc\n", 77},
+      {"abc\n", 0},
+      {"", 0},
+      {"\n", 0},
+      {"-5\n", 0},
+      {"0\n", 0},
+      {"1\n", 0},
+      {"4294967295\n", 0},
+      {"2147483648\n", 0},
+      {"99999999999\n", 0},
+      {"12abc\n", 0},
+      {"abc\n1234\n", 0},
+      {"2147483647\n", 2147483647},
   };
   for (const PidText& c : cases) {
     WriteFile("/run/test.pid", c.text);
@@ -125,8 +135,9 @@ TEST_F(ServiceTableTest, MissingFileIsToldApartFromUnreadableOne) {
   bool noFile = false;
   EXPECT_EQ(PLRExtractPidFromFile("/run/none.pid", &noFile), 0);
   EXPECT_TRUE(noFile);
-  EXPECT_TRUE(LogHas("PLRExtractPidFromFile - Could not open the PID file: /run/none.pid, error: "
-                     "No such file or directory"));
+  EXPECT_TRUE(
+      LogHas("PLRExtractPidFromFile - Could not open the PID file: /run/none.pid, error: "
+             "No such file or directory"));
 
   // A directory opens but cannot be read: the file exists, it holds no PID.
   ASSERT_EQ(mkdir("/run/dir.pid", 0755), 0);

@@ -75,6 +75,10 @@ void ServiceTest::SetUp() {
 void ServiceTest::TearDown() {
   if (loaded_) PLR_Unload();
   loaded_ = false;
+  // Forked children and daemons write to the log as their stderr, so any
+  // sanitizer report of theirs lands there.
+  for (const char* report : {"Sanitizer", "runtime error:"})
+    EXPECT_FALSE(LogHas(report)) << LogText();
   for (const char* daemon : kDaemons) {
     std::ifstream in(std::string(kFixtureDir) + "/" + daemon + ".pids");
     pid_t pid;
@@ -160,9 +164,13 @@ std::set<int> OpenFds() {
   return fds;
 }
 
-std::string LogText() { return Slurp(kLogPath); }
+std::string LogText() {
+  return Slurp(kLogPath);
+}
 
-bool LogHas(const std::string& text) { return LogText().find(text) != std::string::npos; }
+bool LogHas(const std::string& text) {
+  return LogText().find(text) != std::string::npos;
+}
 
 size_t LogCount(const std::string& text) {
   std::string log = LogText();
@@ -185,6 +193,8 @@ Watchdog::Watchdog(unsigned seconds) {
   alarm(seconds);
 }
 
-Watchdog::~Watchdog() { alarm(0); }
+Watchdog::~Watchdog() {
+  alarm(0);
+}
 
 }  // namespace plr::test::svc

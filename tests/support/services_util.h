@@ -4,14 +4,13 @@
 // own namespace: other folders' helpers use the same short names.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <sys/types.h>
 
 #include <set>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 namespace plr::test::svc {
 
