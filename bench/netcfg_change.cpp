@@ -1,12 +1,11 @@
 // One change as the API's write bracket makes it (lock, change, unlock)
 // beside bare write() calls of the same record bytes, and one step of a
 // port-forward enumeration at growing table sizes.
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 #include "netcfg/db-internal.h"
 #include "tests/support/sandbox.h"

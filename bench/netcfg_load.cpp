@@ -1,14 +1,13 @@
 // Loading and compacting the networking database, each beside a baseline
 // that does only the file work: reading the journal and splitting it into
 // lines, and writing the same bytes to a new file that replaces the old.
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <benchmark/benchmark.h>
 
 #include "base/line-reader.h"
 #include "netcfg/db-internal.h"
@@ -30,13 +29,13 @@ std::string MixedJournal(int n) {
         snprintf(line, sizeof line, "answer VNET_%d_FIELD_%d value number %d\n", vnet, k, i);
         break;
       case 1:
-        snprintf(line, sizeof line, "add_nat_portfwd %d tcp %d 192.168.%d.%d %d forward %d\n",
-                 vnet, 1 + k % 65000, vnet, 2 + k % 250, 1 + k % 65000, i);
+        snprintf(line, sizeof line, "add_nat_portfwd %d tcp %d 192.168.%d.%d %d forward %d\n", vnet,
+                 1 + k % 65000, vnet, 2 + k % 250, 1 + k % 65000, i);
         break;
       case 2:
         snprintf(line, sizeof line, "add_dhcp_mac_to_ip %d 02:00:%02x:%02x:%02x:%02x 10.%d.%d.%d\n",
-                 vnet, (k >> 24) & 255, (k >> 16) & 255, (k >> 8) & 255, k & 255, vnet, (k >> 8) & 255,
-                 k & 255);
+                 vnet, (k >> 24) & 255, (k >> 16) & 255, (k >> 8) & 255, k & 255, vnet,
+                 (k >> 8) & 255, k & 255);
         break;
       default:
         snprintf(line, sizeof line, "add_bridge_mapping eth%d %d\n", k, vnet);
@@ -75,7 +74,8 @@ void BM_LoadBaselineLineSplit(benchmark::State& state) {
     while ((n = read(fd, buf, sizeof buf)) > 0) {
       const char* p = buf;
       const char* end = buf + n;
-      while ((p = static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)))) != nullptr) {
+      while ((p = static_cast<const char*>(memchr(p, '\n', static_cast<size_t>(end - p)))) !=
+             nullptr) {
         ++lines;
         ++p;
       }
@@ -85,7 +85,11 @@ void BM_LoadBaselineLineSplit(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_LoadBaselineLineSplit)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadBaselineLineSplit)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 // Second baseline: the same file through the library's own line reader
 // (the reader the loader uses), so the ratio shows the cost of parsing and
@@ -104,7 +108,11 @@ void BM_LoadBaselineLineReader(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_LoadBaselineLineReader)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadBaselineLineReader)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 void BM_Compact100k(benchmark::State& state) {
   WriteJournal(100000);
@@ -138,7 +146,8 @@ void BM_CompactBaselineWriteRename(benchmark::State& state) {
   for (auto _ : state) {
     int fd = open("/etc/tarsis/.networking.base", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     for (size_t off = 0; off < bytes.size(); off += 65536)
-      benchmark::DoNotOptimize(write(fd, bytes.data() + off, std::min<size_t>(65536, bytes.size() - off)));
+      benchmark::DoNotOptimize(
+          write(fd, bytes.data() + off, std::min<size_t>(65536, bytes.size() - off)));
     fsync(fd);
     close(fd);
     rename("/etc/tarsis/.networking.base", kPath);

@@ -51,7 +51,9 @@ void LoadNatVnet(int forwards) {
   LoadDatabase(records);
 }
 
-size_t FileSize(const std::string& path) { return plr::test::ReadFile(path).size(); }
+size_t FileSize(const std::string& path) {
+  return plr::test::ReadFile(path).size();
+}
 
 // One fopen/fwrite/fclose of `size` bytes: what writing the file costs at least.
 void FwriteBaseline(benchmark::State& state, size_t size) {
@@ -76,8 +78,8 @@ void BM_DhcpConf(benchmark::State& state) {
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * size));
   state.counters["file_bytes"] = static_cast<double>(size);
   state.counters["ns_per_mapping"] = benchmark::Counter(
-      static_cast<double>(mappings), benchmark::Counter::kIsIterationInvariantRate |
-                                         benchmark::Counter::kInvert);
+      static_cast<double>(mappings),
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   PLR_Unload2(0);
 }
 BENCHMARK(BM_DhcpConf)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);

@@ -84,8 +84,7 @@ bool NetCfgAddAnswerStringInt(PLRNetworkConfigurationDB* db, const char* key, co
 extern "C" {
 
 // Points *value at the cached string; FALSE without a log line when absent.
-bool PLRNetCfgGetAnswerString(PLRNetworkConfigurationDB* db, const char* key,
-                              const char** value) {
+bool PLRNetCfgGetAnswerString(PLRNetworkConfigurationDB* db, const char* key, const char** value) {
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr || !cache->answers || key == nullptr) return false;
   auto it = cache->answers->find(std::string_view(key));

@@ -38,8 +38,9 @@ bool AddBridge(PLRNetworkConfigurationDB* db, const char* adapter, int32_t vnet,
   std::optional<int32_t> oldVnet;
   if (const int32_t* found = NetCfgFindBridge(db, adapter)) oldVnet = *found;
   if (oldVnet && *oldVnet == vnet) {
-    PLOG_AS(fn, LOG_INFO2, "New and old value vnet in the configuration are same: %d for adapter: %s",
-            vnet, adapter);
+    PLOG_AS(fn, LOG_INFO2,
+            "New and old value vnet in the configuration are same: %d for adapter: %s", vnet,
+            adapter);
     return true;
   }
   if (!NetCfgHashAddBridge(db, adapter, vnet)) {
@@ -98,7 +99,8 @@ bool PLRNetCfgAddHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* a
          adapter ? adapter : "(null)", vnet);
     return false;
   }
-  return NetCfgGuarded(__func__, [&, fnName = __func__] { return AddBridge(cache, adapter, vnet, restoring); });
+  return NetCfgGuarded(
+      __func__, [&, fnName = __func__] { return AddBridge(cache, adapter, vnet, restoring); });
 }
 
 // Removes the mapping of `adapter`; absent is a failure.
@@ -125,10 +127,12 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
       return true;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file", adapter);
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file",
+            adapter);
     if (!NetCfgHashAddBridge(cache, adapter, oldVnet))
-      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d",
-           adapter, oldVnet);
+      PLOG_AS(fnName, LOG_ERR,
+              "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d", adapter,
+              oldVnet);
     if (mayHaveLanded)
       NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
     PLOG_AS(fnName, LOG_ERR, "Removing Bridge mapping failed");
@@ -147,12 +151,12 @@ bool PLRNetCfgLookupVnetForHostAdapter(PLRNetworkConfigurationDB* db, const char
   }
   const int32_t* found = adapter != nullptr ? NetCfgFindBridge(cache, adapter) : nullptr;
   if (found == nullptr) {
-    PLOG(LOG_INFO2, "Cannot find mapping for adapter: %s in hash: %p",
-         adapter ? adapter : "(null)", static_cast<void*>(cache->bridges.get()));
+    PLOG(LOG_INFO2, "Cannot find mapping for adapter: %s in hash: %p", adapter ? adapter : "(null)",
+         static_cast<void*>(cache->bridges.get()));
     return false;
   }
-  PLOG(LOG_INFO2, "Found Bridge mapping entry: %p for adapter: %s",
-       static_cast<const void*>(found), adapter);
+  PLOG(LOG_INFO2, "Found Bridge mapping entry: %p for adapter: %s", static_cast<const void*>(found),
+       adapter);
   if (vnet != nullptr) *vnet = *found;
   return true;
 }

@@ -19,7 +19,9 @@ namespace {
 
 // errno of a failed FileLock call as text; a lock that gave up waiting
 // reports no error number.
-const char* LockErrorText(int err) { return err != 0 ? strerror(err) : "timed out"; }
+const char* LockErrorText(int err) {
+  return err != 0 ? strerror(err) : "timed out";
+}
 
 // Adds BINDIR from the product configuration; only a failed insert fails.
 bool LoadBinDir(PLRNetworkConfigurationDB* db) {
@@ -55,8 +57,8 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   // stream, so the stream keeps its buffer for the read below.
   db->stream.reset(sys::fopen(path, readOnly ? "re" : "r+e"));
   if (!db->stream) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Unable to open network configuration database file, error: %s",
-            strerror(errno));
+    PLOG_AS("PLRNetCfgLoad", LOG_ERR,
+            "Unable to open network configuration database file, error: %s", strerror(errno));
     return false;
   }
   db->readOnly = readOnly;
@@ -144,7 +146,8 @@ bool PLRNetCfgLoad(const char* path, PLRNetworkConfigurationDB** cacheOut, bool 
          strerror(ENOMEM));
     return false;
   }
-  bool ok = plr::NetCfgGuarded(__func__, [&] { return plr::FillCache(db, path, backup, readOnly); });
+  bool ok =
+      plr::NetCfgGuarded(__func__, [&] { return plr::FillCache(db, path, backup, readOnly); });
   if (!ok) {
     PLOG(LOG_ERR, "Failed to load database cache with contents of file: %s", path);
     PLRNetCfgUnload(&db, false);

@@ -55,9 +55,7 @@ enum NetCfgRecordType : uint32_t {
 // string_view, so replaying a record needs no temporary key string.
 struct NetCfgStringHash {
   using is_transparent = void;
-  size_t operator()(std::string_view s) const noexcept {
-    return std::hash<std::string_view>{}(s);
-  }
+  size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
 };
 template <class V>
 using NetCfgStringMap = std::unordered_map<std::string, V, NetCfgStringHash, std::equal_to<>>;

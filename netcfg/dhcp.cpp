@@ -80,11 +80,12 @@ bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const
   char standard[18];
   if (vnet >= PLR_MAX_VNETS || mac == nullptr || !NetCfgStandardizeMAC(mac, standard) ||
       ip == nullptr || !NetCfgIsValidIP(ip)) {
-    PLOG(LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s",
-         mac ? mac : "(null)", ip ? ip : "(null)");
+    PLOG(LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac ? mac : "(null)",
+         ip ? ip : "(null)");
     return false;
   }
-  return NetCfgGuarded(__func__, [&, fnName = __func__] { return AddDhcp(cache, vnet, standard, ip, restoring); });
+  return NetCfgGuarded(
+      __func__, [&, fnName = __func__] { return AddDhcp(cache, vnet, standard, ip, restoring); });
 }
 
 // Removes the mapping of `mac` on `vnet`; absent is a failure.
@@ -111,8 +112,8 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
       return true;
     PLOG_AS(fnName, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
     if (!NetCfgHashAddDhcp(cache, vnet, standard, oldIp))
-      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s", standard,
-           oldIp.c_str());
+      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s",
+              standard, oldIp.c_str());
     if (mayHaveLanded)
       NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
     return false;
@@ -131,7 +132,8 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   DhcpVnetTable* table = cache->dhcp[vnet].get();
   char standard[18];
   const std::string* ip = nullptr;
-  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard)) ip = NetCfgFindDhcp(cache, vnet, standard);
+  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard))
+    ip = NetCfgFindDhcp(cache, vnet, standard);
   if (ip == nullptr) {
     PLOG(LOG_INFO2, "Cannot find mapping for MAC: %s in hash: %p", mac ? mac : "(null)",
          static_cast<void*>(table));
@@ -202,7 +204,8 @@ bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_
       for (const auto* node : nodes) {
         bool mayHaveLanded = false;
         ok = NetCfgAppendRecord(cache, DhcpRecord(vnet, node->first, node->second, false),
-                                &mayHaveLanded) && ok;
+                                &mayHaveLanded) &&
+             ok;
       }
       return ok;
     });

@@ -118,8 +118,8 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
     std::string_view desc = description != nullptr ? description : "";
     if (vnet >= PLR_MAX_VNETS || hostPort == 0 || vmPort == 0 || vmIP == nullptr ||
         !NetCfgIsValidIP(vmIP) || !NetCfgIsLineText(desc)) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to add port forward record for %s port %u", NetCfgProtoName(isTCP),
-           hostPort);
+      PLOG_AS(fnName, LOG_ERR, "Failed to add port forward record for %s port %u",
+              NetCfgProtoName(isTCP), hostPort);
       return false;
     }
     if (desc.size() > kNetCfgMaxDescription) {
@@ -148,8 +148,8 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
     std::optional<NATPortFwdEntry> old;
     if (found != nullptr) old = *found;
     if (!old || !NetCfgHashRemovePortFwd(cache, vnet, isTCP, hostPort)) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table", proto,
-           hostPort);
+      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table",
+              proto, hostPort);
       return false;
     }
     if (cache->readOnly) {
@@ -158,13 +158,14 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
     }
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from database file, error: %s",
-         proto, hostPort, strerror(errno));
+    PLOG_AS(fnName, LOG_ERR,
+            "Failed to remove NAT port forward for %s port %u from database file, error: %s", proto,
+            hostPort, strerror(errno));
     if (!NetCfgHashAddPortFwd(cache, *old))
       PLOG_AS(fnName, LOG_ERR,
-           "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
-           "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
-           vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
+              "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
+              "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
+              vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
     if (mayHaveLanded) NetCfgAppendRecord(cache, PortFwdRecord(*old, true), &mayHaveLanded);
     return false;
   });
@@ -178,15 +179,16 @@ bool PLRNetCfgLookupNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
   if (cache == nullptr) return false;
   const NATPortFwdEntry* entry = NetCfgFindPortFwd(cache, vnet, isTCP, hostPort);
   if (entry == nullptr) return false;
-  PLOG(LOG_INFO2, "Port Fwd Lookup succeeded: %s:%u for %u, %s", entry->vmIP.c_str(),
-       entry->vmPort, hostPort, NetCfgProtoName(isTCP));
+  PLOG(LOG_INFO2, "Port Fwd Lookup succeeded: %s:%u for %u, %s", entry->vmIP.c_str(), entry->vmPort,
+       hostPort, NetCfgProtoName(isTCP));
   if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
          entry->vmIP.c_str());
     return false;
   }
   if (vmPort != nullptr) *vmPort = entry->vmPort;
-  if (descLength != nullptr && !CopyDescription(entry->description, descBuffer, descLength, __func__))
+  if (descLength != nullptr &&
+      !CopyDescription(entry->description, descBuffer, descLength, __func__))
     return false;
   return true;
 }
@@ -229,8 +231,8 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
 
 // Drops the selected protocols' tables of a vnet, optionally journaling a
 // remove record per entry (in host-port order). Never fails.
-bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool tcp,
-                                  bool udp, bool writeRecords) {
+bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool tcp, bool udp,
+                                  bool writeRecords) {
   PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
   if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->portFwds[vnet]) return true;
   NATVnetPortFwdConfig& holder = *cache->portFwds[vnet];
@@ -248,7 +250,8 @@ bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, 
         for (uint16_t port : ports) {
           bool mayHaveLanded = false;
           ok = NetCfgAppendRecord(cache, PortFwdRecord(group.table->at(port), false),
-                                  &mayHaveLanded) && ok;
+                                  &mayHaveLanded) &&
+               ok;
         }
         return ok;
       });

@@ -71,11 +71,11 @@ bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, cons
     bool mayHaveLanded = false;
     if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded)) return true;
     int err = errno;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s", prefix,
-         strerror(err));
+    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s",
+            prefix, strerror(err));
     if (!NetCfgHashAddPrefix(cache, vnet, prefix))
-      PLOG_AS(fnName, LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s", prefix,
-           strerror(err));
+      PLOG_AS(fnName, LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s",
+              prefix, strerror(err));
     if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
     return false;
   });

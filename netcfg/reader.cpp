@@ -1,13 +1,14 @@
 // The reading side of the file format: the version line and the replay of
 // every record into a cache. A malformed record costs only itself and its
 // log lines; only the version line and read errors fail a load.
+#include "netcfg/reader.h"
+
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
 
 #include "base/line-reader.h"
 #include "base/str-util.h"
-#include "netcfg/reader.h"
 #include "netcfg/tables.h"
 
 namespace plr {
@@ -270,8 +271,8 @@ static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_vie
   for (const Keyword& entry : kKeywords) {
     if (!KeywordMatches(keyword, entry.text)) continue;
     if (!entry.parse(db, entry.type, fields)) {
-      std::string_view rest = line.substr(std::min(line.size(), keyword.data() - line.data() +
-                                                                    keyword.size() + 1));
+      std::string_view rest =
+          line.substr(std::min(line.size(), keyword.data() - line.data() + keyword.size() + 1));
       PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to parse record at line #: %u, data: %s",
               lineNumber, std::string(rest).c_str());
     }

@@ -72,7 +72,8 @@ bool NetCfgStandardizeMAC(std::string_view text, char out[18]) {
   for (size_t i = 0; shaped && i < 17; ++i) shaped = (i % 3 == 2) ? text[i] == ':' : isHex(text[i]);
   if (shaped) {
     for (size_t i = 0; i < 17; ++i)
-      out[i] = (text[i] >= 'a' && text[i] <= 'f') ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
+      out[i] =
+          (text[i] >= 'a' && text[i] <= 'f') ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
     out[17] = '\0';
     return true;
   }
@@ -108,7 +109,9 @@ bool NetCfgIsLineText(std::string_view text) {
   return true;
 }
 
-const char* NetCfgProtoName(bool isTCP) { return isTCP ? "tcp" : "udp"; }
+const char* NetCfgProtoName(bool isTCP) {
+  return isTCP ? "tcp" : "udp";
+}
 
 // --- answers -------------------------------------------------------------
 
@@ -263,8 +266,7 @@ bool NetCfgHashRemoveBridge(PLRNetworkConfigurationDB* db, std::string_view adap
 
 // --- NAT prefixes --------------------------------------------------------
 
-bool NetCfgFindPrefix(const PLRNetworkConfigurationDB* db, uint32_t vnet,
-                      std::string_view prefix) {
+bool NetCfgFindPrefix(const PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix) {
   if (vnet >= PLR_MAX_VNETS || !db->prefixes[vnet]) return false;
   return db->prefixes[vnet]->find(prefix) != db->prefixes[vnet]->end();
 }
@@ -281,8 +283,7 @@ bool NetCfgHashAddPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, std::stri
   return true;
 }
 
-bool NetCfgHashRemovePrefix(PLRNetworkConfigurationDB* db, uint32_t vnet,
-                            std::string_view prefix) {
+bool NetCfgHashRemovePrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix) {
   if (vnet >= PLR_MAX_VNETS || !db->prefixes[vnet]) return false;
   auto it = db->prefixes[vnet]->find(prefix);
   if (it == db->prefixes[vnet]->end()) return false;

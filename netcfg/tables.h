@@ -70,11 +70,9 @@ bool NetCfgHashAddBridge(PLRNetworkConfigurationDB* db, std::string_view adapter
 bool NetCfgHashRemoveBridge(PLRNetworkConfigurationDB* db, std::string_view adapter);
 
 // NAT prefixes.
-bool NetCfgFindPrefix(const PLRNetworkConfigurationDB* db, uint32_t vnet,
-                      std::string_view prefix);
+bool NetCfgFindPrefix(const PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix);
 bool NetCfgHashAddPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix);
-bool NetCfgHashRemovePrefix(PLRNetworkConfigurationDB* db, uint32_t vnet,
-                            std::string_view prefix);
+bool NetCfgHashRemovePrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view prefix);
 
 // Record builders.
 inline NetCfgRecord AnswerRecord(std::string_view key, std::string_view value) {

@@ -250,10 +250,11 @@ bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bo
     });
 
     std::string buffer = backup ? "BACKUP_VERSION=" : "VERSION=";
-    buffer += std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
+    buffer +=
+        std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
     if (!sys::WriteAll(fd.get(), buffer.data(), buffer.size())) {
       PLOG_AS(fnName, LOG_ERR, "Failed to write initialization data into file: %serror: %s", path,
-           strerror(errno));
+              strerror(errno));
       return false;
     }
     buffer.clear();
@@ -287,11 +288,13 @@ bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bo
           buffer.clear();
         }
       }
-      PLOG_AS(fnName, LOG_INFO, "Records of type: %u, count %zu written to database file", type, count);
+      PLOG_AS(fnName, LOG_INFO, "Records of type: %u, count %zu written to database file", type,
+              count);
     }
     // The file must be on disk before anyone renames it over a database.
     if (sys::fsync(fd.get()) != 0) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to flush database file: %s, error: %s", path, strerror(errno));
+      PLOG_AS(fnName, LOG_ERR, "Failed to flush database file: %s, error: %s", path,
+              strerror(errno));
       return false;
     }
     removeFile.dismiss();

@@ -124,6 +124,7 @@ bool GetFlags(int sock, struct ifreq* ifr, const char* fn) {
   return true;
 }
 
+// Writes the flags held in ifr; logged alike for enable and disable.
 bool SetFlags(int sock, struct ifreq* ifr, const char* fn) {
   if (sys::ioctl(sock, SIOCSIFFLAGS, ifr) != 0) {
     PLOG_AS(fn, LOG_ERR, "ioctl: SIOCSIFFLAGS failed, error: %s", strerror(errno));

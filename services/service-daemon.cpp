@@ -4,7 +4,8 @@
 // two-byte status on a pipe whose write end the daemon inherits (its number
 // is passed with -s). The daemon detaches: the forked process exits once the
 // real daemon runs, and the real daemon writes its PID file in RUNDIR. Stop
-// and status work only from that PID file; PIDs below 1 are never signalled.
+// and status work only from that PID file; a PID file naming 0, 1 or a
+// negative number is never acted on (see PLRExtractPidFromFile).
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -64,6 +65,7 @@ struct CommandLine {
   std::vector<char*> argv;
 
   void Add(std::string arg) { args.push_back(std::move(arg)); }
+  // Points argv at the final strings; nothing may be added afterwards.
   void Seal() {
     argv.clear();
     for (std::string& arg : args) argv.push_back(arg.data());
@@ -184,8 +186,8 @@ bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int s
 }
 
 // Runs in the forked child until exec: the daemon's stdout and stderr go to
-// the library's log file, it inherits the status pipe's write end (and no
-// other descriptor of ours: everything the library opens is close-on-exec)
+// the library's log file, it inherits the status pipe's write end but not
+// the log descriptor itself (the library opens everything else close-on-exec)
 // and starts with no signal blocked. The child never returns.
 [[noreturn]] void ExecDaemon(const CommandLine& cmd, int readFd, int writeFd) {
   const char* fn = "PLRServiceStart";

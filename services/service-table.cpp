@@ -21,6 +21,8 @@
 namespace plr {
 namespace {
 
+// One service: its texts, the answer naming its PID file, its fixed
+// executable name and the option that says whether a vnet wants it.
 struct ServiceRow {
   const char* desc;
   const char* programKey;
@@ -37,6 +39,7 @@ constexpr ServiceRow kServices[] = {
     {"NAT", "NAT_PROGRAM", "kavix-natd", 3, false},
 };
 
+// The row of a service ID, or nullptr outside 1..4.
 const ServiceRow* FindService(uint32_t service) {
   if (service < PLR_SERVICE_BRIDGE || service > PLR_SERVICE_NAT) return nullptr;
   return &kServices[service - 1];
@@ -53,17 +56,21 @@ const char* PidProgramName(const ServiceRow& row) {
 
 }  // namespace
 
+// Declared in service-internal.h.
 const char* DefaultProgramForService(uint32_t service) {
   const ServiceRow* row = FindService(service);
   return row != nullptr ? row->defaultProgram : nullptr;
 }
 
+// Declared in service-internal.h.
 const char* GlobalAnswerOr(const char* key, const char* fallback) {
   const char* value = nullptr;
   if (PLRNetCfgGetAnswerString(nullptr, key, &value) && value != nullptr) return value;
   return fallback;
 }
 
+// Declared in service-internal.h; formatted here rather than through the
+// vnet name converter so that no vnet number can make it fail.
 std::string VnetNameOf(uint32_t vnet) {
   return StrPrintf("kavix%d", static_cast<int>(vnet));
 }

@@ -149,8 +149,8 @@ bool ReadSubnetValues(uint32_t vnet, SubnetValues* v) {
 
 // The NAT gateway's lines, given to the subnet and to every static mapping.
 void AppendNatOptions(std::string& out, const SubnetValues& v) {
-  out += StrPrintf("\toption netbios-name-servers %s;\n\toption routers %s;\n", v.netbios,
-                   v.routers);
+  out +=
+      StrPrintf("\toption netbios-name-servers %s;\n\toption routers %s;\n", v.netbios, v.routers);
 }
 
 void AppendSubnet(std::string& out, const SubnetValues& v) {
@@ -432,8 +432,7 @@ PLR_EXPORT bool PLRDHCPUpdateFromConfig(uint32_t vnet) {
   PLRRemoveFile(vnet, PLR_FILE_DHCP_DIR, nullptr);
   PLRRemoveFile(vnet, PLR_FILE_VNET_DIR, nullptr);
   if (confRemoved && leasesRemoved) {
-    PLOG(LOG_INFO, "Removed all traces of DHCP configuration for vnet: %d",
-         static_cast<int>(vnet));
+    PLOG(LOG_INFO, "Removed all traces of DHCP configuration for vnet: %d", static_cast<int>(vnet));
     return true;
   }
   PLOG(LOG_ERR, "Removing DHCP configuration files failed");

@@ -208,18 +208,30 @@ extern "C" {
 PLR_EXPORT uint32_t PLRDHCPMapIntParamID(uint32_t externalId) {
   uint32_t internal = PLR_DHCP_PARAM_UNMAPPED;
   switch (externalId) {
-    case PLR_DHCP_EXT_PARAM_LEASE_BEGIN_IP: internal = PLR_DHCP_PARAM_LEASE_BEGIN_IP; break;
-    case PLR_DHCP_EXT_PARAM_LEASE_END_IP: internal = PLR_DHCP_PARAM_LEASE_END_IP; break;
+    case PLR_DHCP_EXT_PARAM_LEASE_BEGIN_IP:
+      internal = PLR_DHCP_PARAM_LEASE_BEGIN_IP;
+      break;
+    case PLR_DHCP_EXT_PARAM_LEASE_END_IP:
+      internal = PLR_DHCP_PARAM_LEASE_END_IP;
+      break;
     case PLR_DHCP_EXT_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC:
       internal = PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC;
       break;
     case PLR_DHCP_EXT_PARAM_SUB_MAX_LEASE_DURATION_SEC:
       internal = PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC;
       break;
-    case PLR_DHCP_EXT_PARAM_UNSUPPORTED: internal = PLR_DHCP_PARAM_UNSUPPORTED; break;
-    case PLR_DHCP_EXT_PARAM_DNS_ADDR: internal = PLR_DHCP_PARAM_DNS_ADDR; break;
-    case PLR_DHCP_EXT_PARAM_ROUTERS: internal = PLR_DHCP_PARAM_ROUTERS; break;
-    case PLR_DHCP_EXT_PARAM_NETBIOS: internal = PLR_DHCP_PARAM_NETBIOS; break;
+    case PLR_DHCP_EXT_PARAM_UNSUPPORTED:
+      internal = PLR_DHCP_PARAM_UNSUPPORTED;
+      break;
+    case PLR_DHCP_EXT_PARAM_DNS_ADDR:
+      internal = PLR_DHCP_PARAM_DNS_ADDR;
+      break;
+    case PLR_DHCP_EXT_PARAM_ROUTERS:
+      internal = PLR_DHCP_PARAM_ROUTERS;
+      break;
+    case PLR_DHCP_EXT_PARAM_NETBIOS:
+      internal = PLR_DHCP_PARAM_NETBIOS;
+      break;
     default:
       PLOG(LOG_ERR, "Could not map external paramID: %u", externalId);
       break;
@@ -251,8 +263,8 @@ PLR_EXPORT bool PLRDHCPSetParameter(uint32_t vnet, uint32_t paramId, const char*
 
 // Copies the stored value of `id` into `buffer`; when none is stored and
 // `useDefault` is set, the computed default instead.
-PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault,
-                                    char* buffer, size_t bufferSize) {
+PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
+                                    size_t bufferSize) {
   PLR_TRACE_FUNCTION();
   const char* name = plr::DhcpParamName(paramId);
   const char* value = nullptr;
@@ -323,8 +335,7 @@ PLR_EXPORT bool PLRDHCPRemoveParameter(uint32_t vnet, uint32_t paramId) {
          static_cast<int>(vnet));
     return false;
   }
-  PLOG(LOG_INFO2, "Removed value of DHCP parameter: %s for vnet: %d", name,
-       static_cast<int>(vnet));
+  PLOG(LOG_INFO2, "Removed value of DHCP parameter: %s for vnet: %d", name, static_cast<int>(vnet));
   return true;
 }
 

@@ -27,8 +27,7 @@ const char PLRNATConfigFileHostSectionHeader[] = "\n[host]\n";
 const char PLRNATConfigFileIPDesc[] = "\n# NAT gateway address\n";
 const char PLRNATConfigFileIPParam[] = "ip = %s\n";
 const char PLRNATConfigFileNetmaskParam[] = "netmask = %s\n";
-const char PLRNATConfigFileDeviceDesc[] =
-    "\n# Kavix device if not specified on command line\n";
+const char PLRNATConfigFileDeviceDesc[] = "\n# Kavix device if not specified on command line\n";
 const char PLRNATConfigFileDeviceParam[] = "device = %s\n";
 const char PLRNATConfigFileActiveFTPDesc[] =
     "\n# Allow PORT/EPRT FTP commands (they need incoming TCP stream ...)\n";

@@ -70,7 +70,9 @@ const char* NatParamKey(uint32_t id) {
   return InNatTable(id) ? PLRNATParamIDToConfigOption[id - PLR_NAT_PARAM_BASE] : "";
 }
 
-bool IsZeroOrOne(const char* value) { return strcmp(value, "0") == 0 || strcmp(value, "1") == 0; }
+bool IsZeroOrOne(const char* value) {
+  return strcmp(value, "0") == 0 || strcmp(value, "1") == 0;
+}
 
 // Checks `value` against the rules of `id`. The rejection lines print the
 // parameter identifier where the vnet would be expected; tools match on it.
@@ -196,13 +198,20 @@ extern "C" {
 // device have no external identifier: they always follow the vnet.
 PLR_EXPORT uint32_t PLRNATMapIntParamID(uint32_t externalId) {
   switch (externalId) {
-    case PLR_NAT_EXT_PARAM_GATEWAY_IP: return PLR_NAT_PARAM_GATEWAY_IP;
-    case PLR_NAT_EXT_PARAM_CONFIG_PORT: return PLR_NAT_PARAM_CONFIG_PORT;
-    case PLR_NAT_EXT_PARAM_ACTIVE_FTP: return PLR_NAT_PARAM_ACTIVE_FTP;
-    case PLR_NAT_EXT_PARAM_ALLOW_ANY_OUI: return PLR_NAT_PARAM_ALLOW_ANY_OUI;
-    case PLR_NAT_EXT_PARAM_UDP_TIMEOUT: return PLR_NAT_PARAM_UDP_TIMEOUT;
-    case PLR_NAT_EXT_PARAM_NAT6: return PLR_NAT_PARAM_NAT6;
-    case PLR_NAT_EXT_PARAM_NAT6_PREFIX: return PLR_NAT_PARAM_NAT6_PREFIX;
+    case PLR_NAT_EXT_PARAM_GATEWAY_IP:
+      return PLR_NAT_PARAM_GATEWAY_IP;
+    case PLR_NAT_EXT_PARAM_CONFIG_PORT:
+      return PLR_NAT_PARAM_CONFIG_PORT;
+    case PLR_NAT_EXT_PARAM_ACTIVE_FTP:
+      return PLR_NAT_PARAM_ACTIVE_FTP;
+    case PLR_NAT_EXT_PARAM_ALLOW_ANY_OUI:
+      return PLR_NAT_PARAM_ALLOW_ANY_OUI;
+    case PLR_NAT_EXT_PARAM_UDP_TIMEOUT:
+      return PLR_NAT_PARAM_UDP_TIMEOUT;
+    case PLR_NAT_EXT_PARAM_NAT6:
+      return PLR_NAT_PARAM_NAT6;
+    case PLR_NAT_EXT_PARAM_NAT6_PREFIX:
+      return PLR_NAT_PARAM_NAT6_PREFIX;
     default:
       PLOG(LOG_ERR, "Could not map external paramID: %u", externalId);
       return PLR_NAT_PARAM_NOT_SUPPORTED;
@@ -231,8 +240,8 @@ PLR_EXPORT bool PLRNATSetParameter(uint32_t vnet, uint32_t paramId, const char* 
 
 // Copies the stored value of `id` into `buffer`; with `useDefault`, the
 // computed default when none is stored. Absence alone is not an error.
-PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault,
-                                   char* buffer, size_t bufferSize) {
+PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
+                                   size_t bufferSize) {
   plr::ScopeExit traceExit([] {
     PLOG_AS("PLRNATGetParameter", LOG_INFO2, " Exiting Function, %s:%d", "PLRNATGetParameter",
             __LINE__);
@@ -306,7 +315,8 @@ PLR_EXPORT bool PLRNATRemoveConfig(uint32_t vnet) {
     const char* failure;
   };
   static constexpr Step kSteps[] = {
-      {PLR_NAT_PARAM_GATEWAY_IP, "Failure while removing value for NAT parameter Gateway IP Address"},
+      {PLR_NAT_PARAM_GATEWAY_IP,
+       "Failure while removing value for NAT parameter Gateway IP Address"},
       {PLR_NAT_PARAM_NAT6, "Failure while removing value for NAT parameter nat ipv6 enable"},
       {PLR_NAT_PARAM_NAT6_PREFIX, "Failure while removing value for NAT parameter nat ipv6 prefix"},
       {PLR_NAT_PARAM_GATEWAY_NETMASK,
@@ -330,26 +340,24 @@ PLR_EXPORT bool PLRNATRemoveConfig(uint32_t vnet) {
 
 // Adds or replaces the forward of (isTCP, hostPort); a NULL vmIP removes it.
 PLR_EXPORT bool PLRNATSetPortForward(uint32_t vnet, int8_t isTCP, uint16_t hostPort,
-                                     const char* vmIP, uint16_t vmPort,
-                                     const char* description) {
+                                     const char* vmIP, uint16_t vmPort, const char* description) {
   if (vmIP == nullptr) return PLRNetCfgRemoveNATPortFwd(nullptr, vnet, isTCP != 0, hostPort);
   return PLRNetCfgAddNATPortFwd(nullptr, vnet, isTCP != 0, hostPort, vmIP, vmPort, description,
                                 false);
 }
 
-PLR_EXPORT bool PLRNATGetPortForward(uint32_t vnet, bool isTCP, uint16_t hostPort,
-                                     char* ipBuffer, size_t ipBufferSize, uint16_t* vmPort,
-                                     char* descBuffer, uint32_t* descLength) {
+PLR_EXPORT bool PLRNATGetPortForward(uint32_t vnet, bool isTCP, uint16_t hostPort, char* ipBuffer,
+                                     size_t ipBufferSize, uint16_t* vmPort, char* descBuffer,
+                                     uint32_t* descLength) {
   return PLRNetCfgLookupNATPortFwd(nullptr, vnet, isTCP, hostPort, ipBuffer, ipBufferSize, vmPort,
                                    descBuffer, descLength);
 }
 
 PLR_EXPORT bool PLRNATEnumPortForward(uint32_t vnet, bool isTCP, uint32_t* enumOffset,
                                       uint16_t* hostPort, char* ipBuffer, size_t ipBufferSize,
-                                      uint16_t* vmPort, char* descBuffer,
-                                      uint32_t* descLength) {
-  return PLRNetCfgEnumNATPortFwd(nullptr, vnet, isTCP, enumOffset, hostPort, ipBuffer,
-                                 ipBufferSize, vmPort, descBuffer, descLength);
+                                      uint16_t* vmPort, char* descBuffer, uint32_t* descLength) {
+  return PLRNetCfgEnumNATPortFwd(nullptr, vnet, isTCP, enumOffset, hostPort, ipBuffer, ipBufferSize,
+                                 vmPort, descBuffer, descLength);
 }
 
 // Adds an IPv6 prefix; the description is part of the interface only.

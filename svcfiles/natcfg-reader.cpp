@@ -41,7 +41,9 @@ namespace {
 // one arrives as several lines.
 constexpr int kLineLimit = 16383;
 
-bool IsSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool IsSpace(char c) {
+  return isspace(static_cast<unsigned char>(c)) != 0;
+}
 
 const char* SkipSpace(const char* p) {
   while (*p != '\0' && IsSpace(*p)) ++p;
@@ -64,7 +66,9 @@ void ReleaseHandle(NatCfgHandle* handle) {
 }
 
 // Reads the next line into `line` (kLineLimit bytes); false at end of file.
-bool ReadLine(FILE* stream, char* line) { return fgets(line, kLineLimit, stream) != nullptr; }
+bool ReadLine(FILE* stream, char* line) {
+  return fgets(line, kLineLimit, stream) != nullptr;
+}
 
 // Seeks to the iterator's position; false when it has ended or cannot seek.
 bool SeekToIterator(NatCfgIterator* iter) {
@@ -198,7 +202,9 @@ PLR_EXPORT char* NatCfgListSections(NatCfgIterator* iter) {
   return nullptr;
 }
 
-PLR_EXPORT void NatCfgListSectionsDestroy(NatCfgIterator* iter) { NatCfgListItemsDestroy(iter); }
+PLR_EXPORT void NatCfgListSectionsDestroy(NatCfgIterator* iter) {
+  NatCfgListItemsDestroy(iter);
+}
 
 // An iterator over the items of the first section named `section`.
 PLR_EXPORT NatCfgIterator* NatCfgListItemsInit(const char* section) {

@@ -26,7 +26,7 @@ PLR_EXTERN_C_BEGIN
 #define PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC 9552u
 #define PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC 9553u
 #define PLR_DHCP_PARAM_NETBIOS 9554u
-#define PLR_DHCP_PARAM_UNMAPPED 9555u  /* an external identifier without mapping */
+#define PLR_DHCP_PARAM_UNMAPPED 9555u    /* an external identifier without mapping */
 #define PLR_DHCP_PARAM_UNSUPPORTED 9556u /* mapped, but no table row: always rejected */
 #define PLR_DHCP_PARAM_TABLE_SIZE 18u
 
@@ -47,8 +47,8 @@ PLR_EXPORT extern const char* const PLRDHCPParamIDToName[PLR_DHCP_PARAM_TABLE_SI
 
 PLR_EXPORT uint32_t PLRDHCPMapIntParamID(uint32_t externalId);
 PLR_EXPORT bool PLRDHCPSetParameter(uint32_t vnet, uint32_t paramId, const char* value);
-PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault,
-                                    char* buffer, size_t bufferSize);
+PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
+                                    size_t bufferSize);
 PLR_EXPORT bool PLRDHCPGetParameterDefault(uint32_t vnet, uint32_t paramId, char* buffer,
                                            size_t bufferSize);
 PLR_EXPORT bool PLRDHCPRemoveParameter(uint32_t vnet, uint32_t paramId);
@@ -97,8 +97,8 @@ PLR_EXPORT extern const char* const PLRNATParamIDToName[PLR_NAT_PARAM_TABLE_SIZE
 
 PLR_EXPORT uint32_t PLRNATMapIntParamID(uint32_t externalId);
 PLR_EXPORT bool PLRNATSetParameter(uint32_t vnet, uint32_t paramId, const char* value);
-PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault,
-                                   char* buffer, size_t bufferSize);
+PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
+                                   size_t bufferSize);
 PLR_EXPORT bool PLRNATGetParamDefault(uint32_t vnet, uint32_t paramId, char* buffer,
                                       size_t bufferSize);
 PLR_EXPORT bool PLRNATRemoveParam(uint32_t vnet, uint32_t paramId);
@@ -109,15 +109,13 @@ PLR_EXPORT bool PLRNATUpdateFromConfig(uint32_t vnet);
 
 /* Port forwards: a NULL vmIP removes the forward of (isTCP, hostPort). */
 PLR_EXPORT bool PLRNATSetPortForward(uint32_t vnet, int8_t isTCP, uint16_t hostPort,
-                                     const char* vmIP, uint16_t vmPort,
-                                     const char* description);
-PLR_EXPORT bool PLRNATGetPortForward(uint32_t vnet, bool isTCP, uint16_t hostPort,
-                                     char* ipBuffer, size_t ipBufferSize, uint16_t* vmPort,
-                                     char* descBuffer, uint32_t* descLength);
+                                     const char* vmIP, uint16_t vmPort, const char* description);
+PLR_EXPORT bool PLRNATGetPortForward(uint32_t vnet, bool isTCP, uint16_t hostPort, char* ipBuffer,
+                                     size_t ipBufferSize, uint16_t* vmPort, char* descBuffer,
+                                     uint32_t* descLength);
 PLR_EXPORT bool PLRNATEnumPortForward(uint32_t vnet, bool isTCP, uint32_t* enumOffset,
                                       uint16_t* hostPort, char* ipBuffer, size_t ipBufferSize,
-                                      uint16_t* vmPort, char* descBuffer,
-                                      uint32_t* descLength);
+                                      uint16_t* vmPort, char* descBuffer, uint32_t* descLength);
 
 /* NAT IPv6 prefixes; descriptions are accepted but not stored. */
 PLR_EXPORT bool PLRNATSetPrefix(uint32_t vnet, const char* prefix, const char* description,

@@ -62,7 +62,7 @@ class Merge : public test::LoadedLibraryTest {
     bridge1_ = ServicePid(1, PLR_SERVICE_BRIDGE);
     bridge2_ = ServicePid(2, PLR_SERVICE_BRIDGE);
     nat2_ = ServicePid(2, PLR_SERVICE_NAT);
-    ASSERT_NE(bridge1_ * bridge2_ * nat2_, 0);
+    ASSERT_TRUE(bridge1_ != 0 && bridge2_ != 0 && nat2_ != 0);
   }
   void TearDown() override {
     sys::ClearFaults();

@@ -42,7 +42,8 @@ class Compaction : public ::testing::Test {
     ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "VNET_1_HOSTONLY_SUBNET", "192.168.57.0"));
     ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "VNET_1_DHCP", "yes"));
     ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, false, 53, "192.168.120.128", 53, nullptr, false));
-    ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, true, 443, "192.168.120.128", 443, "web server", false));
+    ASSERT_TRUE(
+        PLRNetCfgAddNATPortFwd(db_, 8, true, 443, "192.168.120.128", 443, "web server", false));
     ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, true, 22, "192.168.120.129", 22, nullptr, false));
     ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 2, true, 9000, "10.0.0.2", 9, nullptr, false));
     ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(db_, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false));
@@ -131,7 +132,9 @@ INSTANTIATE_TEST_SUITE_P(
         Fault{sys::Op::kWrite, 5, "Failed to write record of type: 7 to  database file"},
         Fault{sys::Op::kFsync, 1, "Failed to flush database file: "},
         Fault{sys::Op::kRename, 1, "Failed to reame: /etc/tarsis/.networking."}),
-    [](const ::testing::TestParamInfo<Fault>& info) { return "Case" + std::to_string(info.index); });
+    [](const ::testing::TestParamInfo<Fault>& info) {
+      return "Case" + std::to_string(info.index);
+    });
 
 TEST(CompactionLarge, HundredThousandRecordsRoundTrip) {
   WriteDatabase();

@@ -78,7 +78,7 @@ TEST_F(Journal, RemoveAllPortForwardsWritesOneRemovePerEntryInPortOrder) {
                         "remove_nat_portfwd 3 tcp 1000\n");
   EXPECT_EQ(StateOf(db_), "P 3 udp 7 10.0.0.2 7 []\n");
   ASSERT_TRUE(PLRNetCfgRemoveAllNATPortFwd(db_, 3, false, true, false));
-  EXPECT_EQ(db_->portFwds[3], nullptr);  // the holder goes with its last table
+  EXPECT_EQ(db_->portFwds[3], nullptr);                   // the holder goes with its last table
   EXPECT_EQ(StateOfFile(), "P 3 udp 7 10.0.0.2 7 []\n");  // no record without writeRecords
 }
 
@@ -104,7 +104,8 @@ TEST_F(Journal, DhcpMappingsAreWrittenInStandardForm) {
 TEST_F(Journal, BridgeMappingsSkipUnchangedValues) {
   ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db_, "eth0", 0, false));
   ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db_, "eth0", 0, false));
-  EXPECT_TRUE(log_.Has("New and old value vnet in the configuration are same: 0 for adapter: eth0"));
+  EXPECT_TRUE(
+      log_.Has("New and old value vnet in the configuration are same: 0 for adapter: eth0"));
   ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db_, "eth0", -1, false));
   ASSERT_TRUE(PLRNetCfgRemoveHostAdapterMapping(db_, "eth0"));
   EXPECT_EQ(Tail(),

@@ -47,7 +47,9 @@ class LockHolder {
   bool held_ = false;
 };
 
-double SecondsSince(uint64_t startNs) { return static_cast<double>(MonotonicNs() - startNs) / 1e9; }
+double SecondsSince(uint64_t startNs) {
+  return static_cast<double>(MonotonicNs() - startNs) / 1e9;
+}
 
 TEST(Lock, LockConfigTimesOutAgainstAnotherProcess) {
   WriteDatabase("answer K v\n");
@@ -87,7 +89,8 @@ TEST(Lock, LoadTimesOutButAReadOnlyLoadTakesNoLock) {
   EXPECT_EQ(LoadCache(), nullptr);
   EXPECT_GE(SecondsSince(start), 3.4);
   EXPECT_TRUE(log.Has("Failed to lock config database file, error: timed out"));
-  EXPECT_TRUE(log.Has("Failed to load database cache with contents of file: /etc/tarsis/networking"));
+  EXPECT_TRUE(
+      log.Has("Failed to load database cache with contents of file: /etc/tarsis/networking"));
   PLRNetworkConfigurationDB* db = LoadCache(kDatabasePath, false, true);
   ASSERT_NE(db, nullptr);
   EXPECT_EQ(StateOf(db), "A K=v\n");
@@ -123,8 +126,9 @@ TEST(Lock, TwoProcessesAppendingInTurnLeaveAValidJournal) {
       ok = PLRNetCfgLockConfig(db) && ok;
       std::string key = std::string(who) + "_" + std::to_string(i);
       ok = PLRNetCfgAddAnswerString(db, key.c_str(), "v") && ok;
-      ok = PLRNetCfgAddNATPortFwd(db, 1, first, static_cast<uint16_t>(i + 1), "10.0.0.2", 1,
-                                  who, false) && ok;
+      ok = PLRNetCfgAddNATPortFwd(db, 1, first, static_cast<uint16_t>(i + 1), "10.0.0.2", 1, who,
+                                  false) &&
+           ok;
       ok = PLRNetCfgUnlockConfig(db) && ok;
       if (write(out, &token, 1) != 1) return false;
     }

@@ -2,6 +2,7 @@
 // canonical text of a cache's whole state for comparisons.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -9,8 +10,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "netcfg/db-internal.h"
 #include "pelorus/core.h"
@@ -40,7 +39,8 @@ class LogCapture {
   int Count(const std::string& message) const {
     std::string text = Text();
     int n = 0;
-    for (size_t pos = 0; (pos = text.find(message, pos)) != std::string::npos; pos += message.size())
+    for (size_t pos = 0; (pos = text.find(message, pos)) != std::string::npos;
+         pos += message.size())
       ++n;
     return n;
   }

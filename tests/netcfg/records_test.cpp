@@ -33,7 +33,8 @@ TEST_F(Records, AnswerConversions) {
   ASSERT_TRUE(PLRNetCfgGetAnswerInt32(db_, "NEG", &n));
   EXPECT_EQ(n, -42);
   EXPECT_FALSE(PLRNetCfgGetAnswerInt32(db_, "TEXT", &n));
-  EXPECT_TRUE(log_.HasLine("PLRNetCfgGetAnswerInt32", "Failed to convert value to integer: TEXT = 12abc"));
+  EXPECT_TRUE(
+      log_.HasLine("PLRNetCfgGetAnswerInt32", "Failed to convert value to integer: TEXT = 12abc"));
   EXPECT_FALSE(PLRNetCfgGetAnswerInt32(db_, "ABSENT", &n));
   EXPECT_TRUE(log_.HasLine("PLRNetCfgGetAnswerInt32", "Value not found for key: ABSENT"));
   bool b = false;
@@ -57,21 +58,25 @@ TEST_F(Records, PortForwardLookupCopiesWhatFits) {
   char ip[16], desc[128];
   uint16_t vmPort = 0;
   uint32_t descLength = sizeof desc;
-  ASSERT_TRUE(PLRNetCfgLookupNATPortFwd(db_, 8, true, 443, ip, sizeof ip, &vmPort, desc, &descLength));
+  ASSERT_TRUE(
+      PLRNetCfgLookupNATPortFwd(db_, 8, true, 443, ip, sizeof ip, &vmPort, desc, &descLength));
   EXPECT_STREQ(ip, "192.168.120.128");
   EXPECT_EQ(vmPort, 8443);
   EXPECT_STREQ(desc, "web");
   EXPECT_EQ(descLength, 5u);  // length plus 2
   EXPECT_TRUE(log_.Has("Port Fwd Lookup succeeded: 192.168.120.128:8443 for 443, tcp"));
   descLength = sizeof desc;
-  ASSERT_TRUE(PLRNetCfgLookupNATPortFwd(db_, 8, false, 443, ip, sizeof ip, &vmPort, desc, &descLength));
+  ASSERT_TRUE(
+      PLRNetCfgLookupNATPortFwd(db_, 8, false, 443, ip, sizeof ip, &vmPort, desc, &descLength));
   EXPECT_STREQ(ip, "192.168.120.129");
   EXPECT_EQ(descLength, 0u);  // TCP and UDP on one port are separate entries
-  EXPECT_FALSE(PLRNetCfgLookupNATPortFwd(db_, 8, true, 444, ip, sizeof ip, &vmPort, nullptr, nullptr));
+  EXPECT_FALSE(
+      PLRNetCfgLookupNATPortFwd(db_, 8, true, 444, ip, sizeof ip, &vmPort, nullptr, nullptr));
   EXPECT_FALSE(PLRNetCfgLookupNATPortFwd(db_, 8, true, 443, ip, 15, &vmPort, nullptr, nullptr));
   EXPECT_TRUE(log_.Has("Insufficient buffer length: 15 for IP address: 192.168.120.128"));
   descLength = 4;  // "web" plus its terminator is not smaller than 4
-  EXPECT_FALSE(PLRNetCfgLookupNATPortFwd(db_, 8, true, 443, ip, sizeof ip, &vmPort, desc, &descLength));
+  EXPECT_FALSE(
+      PLRNetCfgLookupNATPortFwd(db_, 8, true, 443, ip, sizeof ip, &vmPort, desc, &descLength));
   EXPECT_TRUE(log_.Has("Insufficient buffer length for description"));
 }
 

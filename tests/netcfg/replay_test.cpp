@@ -32,7 +32,8 @@ TEST_P(VersionLine, DecidesTheLoad) {
     EXPECT_TRUE(log.Has(c.message)) << log.Text();
   }
   if (!c.loads) {
-    EXPECT_TRUE(log.Has(std::string("Failed to load database cache with contents of file: ") + path));
+    EXPECT_TRUE(
+        log.Has(std::string("Failed to load database cache with contents of file: ") + path));
     return;
   }
   EXPECT_EQ(StateOf(db), "A K=v\n");
@@ -42,10 +43,12 @@ TEST_P(VersionLine, DecidesTheLoad) {
 INSTANTIATE_TEST_SUITE_P(
     Rules, VersionLine,
     ::testing::Values(
-        VersionCase{"VERSION=1,0", false, true, "Database file, Major version: 1, Minor version: 0"},
+        VersionCase{"VERSION=1,0", false, true,
+                    "Database file, Major version: 1, Minor version: 0"},
         VersionCase{"VERSION=1,7", false, true, "Major version: 1, Minor version: 7"},
         VersionCase{"VERSION=0,3", false, true, "Major version: 0, Minor version: 3"},
-        VersionCase{"VERSION=2,0", false, false, "Unsupported major version, supported: 1, actual: 2"},
+        VersionCase{"VERSION=2,0", false, false,
+                    "Unsupported major version, supported: 1, actual: 2"},
         VersionCase{"VERSION=1", false, false,
                     "Cannot parse or invalid minor version of database file, aborting parsing"},
         VersionCase{"VERSION=1,-1", false, false,
@@ -54,7 +57,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "Cannot parse major version of database file, aborting parsing"},
         VersionCase{"VERSION=-1,0", false, false,
                     "Cannot parse major version of database file, aborting parsing"},
-        VersionCase{"version=1,0", false, false, "Database file must have version number, aborting"},
+        VersionCase{"version=1,0", false, false,
+                    "Database file must have version number, aborting"},
         VersionCase{"BACKUP_VERSION=1,0", false, false,
                     "Database file must have version number, aborting"},
         VersionCase{"VERSION=1,0", true, true,
@@ -155,21 +159,29 @@ TEST(Replay, MalformedRecordsCostOnlyThemselves) {
       {"answer", "Failed to extract key"},
       {"answer KEY_ONLY", "Empty value for key"},
       {"remove_answer NOT_THERE", "Failed to remove from hash table"},
-      {"add_nat_portfwd 256 tcp 80 10.0.0.2 80", "Failed to extract vnet number or invalid vnet number"},
-      {"add_nat_portfwd x tcp 80 10.0.0.2 80", "Failed to extract vnet number or invalid vnet number"},
+      {"add_nat_portfwd 256 tcp 80 10.0.0.2 80",
+       "Failed to extract vnet number or invalid vnet number"},
+      {"add_nat_portfwd x tcp 80 10.0.0.2 80",
+       "Failed to extract vnet number or invalid vnet number"},
       {"add_nat_portfwd 8 icmp 80 10.0.0.2 80", "Failed to parse tcp/udp"},
       {"add_nat_portfwd 8 tcp 0 10.0.0.2 80", "Failed to parse host port"},
       {"add_nat_portfwd 8 tcp 65536 10.0.0.2 80", "Failed to parse host port"},
-      {"add_nat_portfwd 8 tcp 80 10.0.0.300 80", "Failed to parse VM IP address or invalid address"},
+      {"add_nat_portfwd 8 tcp 80 10.0.0.300 80",
+       "Failed to parse VM IP address or invalid address"},
       {"add_nat_portfwd 8 tcp 80", "Failed to parse VM IP address or invalid address"},
       {"add_nat_portfwd 8 tcp 80 10.0.0.2 0", "Failed to parse host port"},
       {"add_nat_portfwd 8 tcp 80 10.0.0.2", "Failed to parse host port"},
       {"remove_nat_portfwd 8 tcp 81", "Failed to remove NAT port forward from hash table"},
-      {"add_dhcp_mac_to_ip 300 00:11:22:33:44:55 10.0.0.2", "Failed to parse vnet number or invalid vnet number"},
-      {"add_dhcp_mac_to_ip 8 00:11:22:33:44 10.0.0.2", "Failed to parse MAC address or invalid MAC address"},
-      {"add_dhcp_mac_to_ip 8 00:11:22:33:44:55", "Failed to parse IP address or invalid IP address"},
-      {"add_dhcp_mac_to_ip 8 00:11:22:33:44:55 10.0.0.2 x", "Failed to parse IP address or invalid IP address"},
-      {"remove_dhcp_mac_to_ip 8 00:11:22:33:44:66", "Failed to remove DHCP MAC to IP mapping in hash table"},
+      {"add_dhcp_mac_to_ip 300 00:11:22:33:44:55 10.0.0.2",
+       "Failed to parse vnet number or invalid vnet number"},
+      {"add_dhcp_mac_to_ip 8 00:11:22:33:44 10.0.0.2",
+       "Failed to parse MAC address or invalid MAC address"},
+      {"add_dhcp_mac_to_ip 8 00:11:22:33:44:55",
+       "Failed to parse IP address or invalid IP address"},
+      {"add_dhcp_mac_to_ip 8 00:11:22:33:44:55 10.0.0.2 x",
+       "Failed to parse IP address or invalid IP address"},
+      {"remove_dhcp_mac_to_ip 8 00:11:22:33:44:66",
+       "Failed to remove DHCP MAC to IP mapping in hash table"},
       {"add_bridge_mapping eth1 300", "Failed to parse vnet number or invalid vnet number"},
       {"add_bridge_mapping eth1 -2", "Failed to parse vnet number or invalid vnet number"},
       {"add_bridge_mapping", "Failed to parse host adapter or invalid host adpater name"},
@@ -219,8 +231,8 @@ TEST(Replay, RemoveOnTablesThatDoNotExistYet) {
 TEST(Replay, DescriptionsAndLongLines) {
   std::string desc127(127, 'a'), desc128(128, 'b');
   WriteDatabase("add_nat_portfwd 1 tcp 1 10.0.0.2 1 " + desc127 + "\n" +
-                "add_nat_portfwd 1 tcp 2 10.0.0.2 2 " + desc128 + "\n" +
-                "answer LONG " + std::string(1019, 'x') + "\n" +  // 1031 characters: refused
+                "add_nat_portfwd 1 tcp 2 10.0.0.2 2 " + desc128 + "\n" + "answer LONG " +
+                std::string(1019, 'x') + "\n" +                   // 1031 characters: refused
                 "answer FITS " + std::string(1011, 'y') + "\n" +  // 1023 characters: kept
                 "answer AFTER ok\n");
   LogCapture log;
@@ -286,23 +298,35 @@ TEST(CrashSafety, EveryPrefixOfAJournalLoadsToACompleteState) {
   std::vector<std::pair<size_t, std::string>> checkpoints;  // file size, state
   auto mark = [&] { checkpoints.emplace_back(ReadFile(kDatabasePath).size(), StateOf(db)); };
   mark();
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db, "VNET_1_HOSTONLY_SUBNET", "192.168.56.0")); mark();
-  ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db, 8, true, 443, "192.168.120.128", 443, "web", false)); mark();
-  ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(db, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false)); mark();
-  ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db, "eth0", 0, false)); mark();
-  ASSERT_TRUE(PLRNetCfgAddNATPrefix(db, 8, "fd00:1::/64")); mark();
-  ASSERT_TRUE(PLRNetCfgRemoveAnswer(db, "VNET_1_HOSTONLY_SUBNET")); mark();
-  ASSERT_TRUE(PLRNetCfgRemoveNATPortFwd(db, 8, true, 443)); mark();
-  ASSERT_TRUE(PLRNetCfgRemoveDHCPMACToIP(db, 8, "02:7a:3e:2a:10:01")); mark();
-  ASSERT_TRUE(PLRNetCfgRemoveHostAdapterMapping(db, "eth0")); mark();
-  ASSERT_TRUE(PLRNetCfgRemoveNATPrefix(db, 8, "fd00:1::/64")); mark();
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db, "VNET_1_DISPLAY_NAME", "last one")); mark();
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(db, "VNET_1_HOSTONLY_SUBNET", "192.168.56.0"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db, 8, true, 443, "192.168.120.128", 443, "web", false));
+  mark();
+  ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(db, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false));
+  mark();
+  ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db, "eth0", 0, false));
+  mark();
+  ASSERT_TRUE(PLRNetCfgAddNATPrefix(db, 8, "fd00:1::/64"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgRemoveAnswer(db, "VNET_1_HOSTONLY_SUBNET"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgRemoveNATPortFwd(db, 8, true, 443));
+  mark();
+  ASSERT_TRUE(PLRNetCfgRemoveDHCPMACToIP(db, 8, "02:7a:3e:2a:10:01"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgRemoveHostAdapterMapping(db, "eth0"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgRemoveNATPrefix(db, 8, "fd00:1::/64"));
+  mark();
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(db, "VNET_1_DISPLAY_NAME", "last one"));
+  mark();
   PLRNetCfgUnload(&db, false);
   const std::string journal = ReadFile(kDatabasePath);
 
   auto lines = [](const std::string& s) {
     std::multiset<std::string> out;
-    for (size_t b = 0, e; b < s.size(); b = e + 1) out.insert(s.substr(b, (e = s.find('\n', b)) - b));
+    for (size_t b = 0, e; b < s.size(); b = e + 1)
+      out.insert(s.substr(b, (e = s.find('\n', b)) - b));
     return out;
   };
   for (size_t cut = 0; cut <= journal.size(); ++cut) {

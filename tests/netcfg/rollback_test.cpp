@@ -43,9 +43,13 @@ std::vector<Change> Changes() {
        }},
       {"removed forward", [](auto* db) { return PLRNetCfgRemoveNATPortFwd(db, 8, true, 80); }},
       {"new mapping",
-       [](auto* db) { return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:66", "10.0.0.6", false); }},
+       [](auto* db) {
+         return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:66", "10.0.0.6", false);
+       }},
       {"changed mapping",
-       [](auto* db) { return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:55", "10.0.0.7", false); }},
+       [](auto* db) {
+         return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:55", "10.0.0.7", false);
+       }},
       {"removed mapping",
        [](auto* db) { return PLRNetCfgRemoveDHCPMACToIP(db, 8, "00:11:22:33:44:55"); }},
       {"new bridge", [](auto* db) { return PLRNetCfgAddHostAdapterMapping(db, "eth1", 2, false); }},
@@ -103,13 +107,13 @@ TEST(Rollback, MessagesOfAFailedAnswerChange) {
   sys::FailNth(sys::Op::kWrite, 2, ENOSPC);  // the remove record lands, the new value does not
   EXPECT_FALSE(PLRNetCfgAddAnswerString(db, "K", "new"));
   sys::ClearFaults();
-  EXPECT_TRUE(log.HasLine("PLRNetCfgAddAnswerString",
-                          "Failed to write to K:new to database file, error: No space left on device"));
+  EXPECT_TRUE(
+      log.HasLine("PLRNetCfgAddAnswerString",
+                  "Failed to write to K:new to database file, error: No space left on device"));
   EXPECT_TRUE(log.HasLine("NetCfgWriteRecordToConfig",
                           "Failed to write record to database file: answer K new"));
   // The landed remove record is compensated by the old value.
-  EXPECT_EQ(ReadFile(kDatabasePath),
-            "VERSION=1,0\nanswer K old\nremove_answer K\nanswer K old\n");
+  EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer K old\nremove_answer K\nanswer K old\n");
   sys::FailNth(sys::Op::kWrite, 1, ENOSPC);
   EXPECT_FALSE(PLRNetCfgRemoveAnswer(db, "K"));
   sys::ClearFaults();

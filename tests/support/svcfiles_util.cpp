@@ -5,7 +5,6 @@
 #include <time.h>
 #include <unistd.h>
 
-
 #include "base/sha1.h"
 #include "base/str-util.h"
 #include "tests/support/sandbox.h"
@@ -18,11 +17,21 @@ std::string VnetPath(unsigned vnet, const char* rest) {
 }
 }  // namespace
 
-std::string DhcpConfPath(unsigned vnet) { return VnetPath(vnet, "/dhcpd/dhcpd.conf"); }
-std::string DhcpBackupPath(unsigned vnet) { return VnetPath(vnet, "/dhcpd/dhcpd.conf.bak"); }
-std::string DhcpLeasesPath(unsigned vnet) { return VnetPath(vnet, "/dhcpd/dhcpd.leases"); }
-std::string NatConfPath(unsigned vnet) { return VnetPath(vnet, "/nat/nat.conf"); }
-std::string NatBackupPath(unsigned vnet) { return VnetPath(vnet, "/nat/nat.conf.bak"); }
+std::string DhcpConfPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.conf");
+}
+std::string DhcpBackupPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.conf.bak");
+}
+std::string DhcpLeasesPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.leases");
+}
+std::string NatConfPath(unsigned vnet) {
+  return VnetPath(vnet, "/nat/nat.conf");
+}
+std::string NatBackupPath(unsigned vnet) {
+  return VnetPath(vnet, "/nat/nat.conf.bak");
+}
 
 std::string VnetRecords(unsigned vnet, const std::string& subnet, const std::string& mask,
                         bool nat) {
@@ -86,7 +95,9 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::stri
   _exit(127);
 }
 
-ChildProcess::~ChildProcess() { Stop(); }
+ChildProcess::~ChildProcess() {
+  Stop();
+}
 
 bool ChildProcess::Running() {
   if (pid_ <= 0) return false;

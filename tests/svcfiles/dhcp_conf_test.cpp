@@ -2,12 +2,11 @@
 // user's text around it, the backup, failures, and the real DHCP server's
 // verdict on every file written.
 #include <errno.h>
+#include <gtest/gtest.h>
 
 #include <iterator>
 #include <random>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -148,7 +147,8 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedAndTheUserTextKeptByteForByte) {
   const std::string before =
       "# my own header\r\n"
       "option domain-search \"lab.example\";\n"
-      "# " + std::string(300, 'x') + "\n";
+      "# " +
+      std::string(300, 'x') + "\n";
   const std::string after =
       "host printer {\n\thardware ethernet 00:11:22:33:44:55;\n\tfixed-address 192.168.8.9;\n}\n"
       "# no newline at the end";
@@ -179,7 +179,8 @@ TEST_F(DhcpConf, UserTextOfAnyBytesSurvivesAroundAnUntouchedBlock) {
   LoadNatVnet();
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   const std::string block = test::DhcpBlockOf(Conf());
-  const std::string before = std::string("\0\x01\xff binary\r\n\n", 14) + std::string(5000, 'b') + "\n";
+  const std::string before =
+      std::string("\0\x01\xff binary\r\n\n", 14) + std::string(5000, 'b') + "\n";
   const std::string after = std::string("\n\0tail", 6) + std::string(700, '\n');
   WriteFile(DhcpConfPath(8), before + block + after);
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
@@ -292,11 +293,17 @@ TEST_F(DhcpConf, RandomHandEditsNeverLoseUserText) {
   LoadNatVnet();
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   std::mt19937 random(20261122);
-  const std::string pieces[] = {"\n", "\r\n", "#", "\0", "}", "{",
-                                test::DhcpBlockOf(Conf()).substr(0, 72),
-                                "####### KAVIX DHCP Configuration. End of \"DO NOT MODIFY SECTION\" "
-                                "#######\n",
-                                std::string(300, 'z')};
+  const std::string pieces[] = {
+      "\n",
+      "\r\n",
+      "#",
+      "\0",
+      "}",
+      "{",
+      test::DhcpBlockOf(Conf()).substr(0, 72),
+      "####### KAVIX DHCP Configuration. End of \"DO NOT MODIFY SECTION\" "
+      "#######\n",
+      std::string(300, 'z')};
   int kept = 0;
   for (int round = 0; round < 60; ++round) {
     SCOPED_TRACE(round);
@@ -323,8 +330,7 @@ TEST_F(DhcpConf, RandomHandEditsNeverLoseUserText) {
     // A block that began the edited file gets the generated header back.
     const std::string header = Expected("dhcpd-nat-kavix8.conf").substr(0, start);
     if (before == header && text.compare(0, header.size(), header) != 0) before.clear();
-    bool aroundKept = text.compare(0, before.size(), before) == 0 &&
-                      text.size() >= after.size() &&
+    bool aroundKept = text.compare(0, before.size(), before) == 0 && text.size() >= after.size() &&
                       text.compare(text.size() - after.size(), after.size(), after) == 0;
     EXPECT_TRUE(fresh || aroundKept) << conf;
     kept += !fresh;

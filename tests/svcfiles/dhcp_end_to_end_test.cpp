@@ -1,9 +1,9 @@
 // The generated dhcpd.conf served by the real DHCP server over a veth pair in
 // the case's own network namespace, asked by the real DHCP client: a mapped
 // MAC gets exactly its address, an unknown one an address of the range.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -37,9 +37,9 @@ std::string LeasedAddress(const std::string& leases) {
 class DhcpEndToEnd : public test::SvcFilesTest {
  protected:
   void SetUpLink() {
-    ASSERT_EQ(test::Run(std::string("ip link add ") + kServerIf + " type veth peer name " +
-                        kClientIf),
-              0);
+    ASSERT_EQ(
+        test::Run(std::string("ip link add ") + kServerIf + " type veth peer name " + kClientIf),
+        0);
     ASSERT_EQ(test::Run(std::string("ip addr add 192.168.8.1/24 dev ") + kServerIf), 0);
     ASSERT_EQ(test::Run(std::string("ip link set ") + kServerIf + " up"), 0);
   }
@@ -54,10 +54,10 @@ class DhcpEndToEnd : public test::SvcFilesTest {
   std::string AskForLease(const std::string& name) {
     const std::string leaseFile = "/tmp/" + name + ".leases";
     WriteFile("/tmp/" + name + ".conf", "");
-    ChildProcess client({"dhclient", "-4", "-d", "-1", "-v", "-sf", "/bin/true", "-cf",
-                         "/tmp/" + name + ".conf", "-lf", leaseFile, "-pf",
-                         "/tmp/" + name + ".pid", kClientIf},
-                        "/tmp/" + name + ".log");
+    ChildProcess client(
+        {"dhclient", "-4", "-d", "-1", "-v", "-sf", "/bin/true", "-cf", "/tmp/" + name + ".conf",
+         "-lf", leaseFile, "-pf", "/tmp/" + name + ".pid", kClientIf},
+        "/tmp/" + name + ".log");
     bool leased = test::WaitUntil(
         [&] { return FileExists(leaseFile) && !LeasedAddress(ReadFile(leaseFile)).empty(); },
         kLeaseMs);
@@ -82,8 +82,7 @@ TEST_F(DhcpEndToEnd, MappedMacGetsItsAddressAndAnUnknownOneAnAddressOfTheRange) 
   ASSERT_TRUE(test::WaitUntil(
       [&] {
         return FileExists("/tmp/e2e-dhcpd.log") &&
-               ReadFile("/tmp/e2e-dhcpd.log").find("Server starting service.") !=
-                   std::string::npos;
+               ReadFile("/tmp/e2e-dhcpd.log").find("Server starting service.") != std::string::npos;
       },
       kServerStartMs))
       << (FileExists("/tmp/e2e-dhcpd.log") ? ReadFile("/tmp/e2e-dhcpd.log") : "no log");

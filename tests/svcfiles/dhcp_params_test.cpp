@@ -1,10 +1,9 @@
 // DHCP parameters: identifier mapping, validation with its messages,
 // computed defaults for every subnet size, storage, removal, static mappings.
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -85,14 +84,13 @@ constexpr SubnetCase kSubnets[] = {
     {"192.168.8.0", "255.255.255.0", "192.168.8.128", "192.168.8.254", "192.168.8.255",
      "192.168.8.1", "192.168.8.2"},
     {"10.0.0.0", "255.255.255.248", "10.0.0.4", "10.0.0.6", "10.0.0.7", "10.0.0.1", "10.0.0.2"},
-    {"10.1.2.8", "255.255.255.248", "10.1.2.12", "10.1.2.14", "10.1.2.15", "10.1.2.9",
-     "10.1.2.10"},
+    {"10.1.2.8", "255.255.255.248", "10.1.2.12", "10.1.2.14", "10.1.2.15", "10.1.2.9", "10.1.2.10"},
     {"192.168.9.16", "255.255.255.240", "192.168.9.24", "192.168.9.30", "192.168.9.31",
      "192.168.9.17", "192.168.9.18"},
     {"172.16.4.0", "255.255.254.0", "172.16.5.0", "172.16.5.254", "172.16.5.255", "172.16.4.1",
      "172.16.4.2"},
-    {"172.16.0.0", "255.255.0.0", "172.16.128.0", "172.16.255.254", "172.16.255.255",
-     "172.16.0.1", "172.16.0.2"},
+    {"172.16.0.0", "255.255.0.0", "172.16.128.0", "172.16.255.254", "172.16.255.255", "172.16.0.1",
+     "172.16.0.2"},
     {"10.0.0.0", "255.0.0.0", "10.128.0.0", "10.255.255.254", "10.255.255.255", "10.0.0.1",
      "10.0.0.2"},
     // Host bits in the subnet answer: the network part decides the start,
@@ -143,13 +141,14 @@ TEST_F(DhcpParams, EveryPrefixUpToSlash29GivesARangeInsideTheUpperHalf) {
 
 TEST_F(DhcpParams, SubnetsBelowEightAddressesAreRefused) {
   LoadVnet("192.168.8.0", "255.255.255.252", false);
-  for (uint32_t id : {PLR_DHCP_PARAM_LEASE_BEGIN_IP, PLR_DHCP_PARAM_LEASE_END_IP,
-                      PLR_DHCP_PARAM_BROADCAST_ADDR, PLR_DHCP_PARAM_DNS_ADDR,
-                      PLR_DHCP_PARAM_ROUTERS, PLR_DHCP_PARAM_NETBIOS}) {
+  for (uint32_t id :
+       {PLR_DHCP_PARAM_LEASE_BEGIN_IP, PLR_DHCP_PARAM_LEASE_END_IP, PLR_DHCP_PARAM_BROADCAST_ADDR,
+        PLR_DHCP_PARAM_DNS_ADDR, PLR_DHCP_PARAM_ROUTERS, PLR_DHCP_PARAM_NETBIOS}) {
     EXPECT_EQ(Default(id), "FAILED") << id;
   }
-  EXPECT_EQ(CountOf(Log(), "The subnet: 192.168.8.0, mask: 255.255.255.252 is too small, we "
-                           "need atleast 8 hosts\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "The subnet: 192.168.8.0, mask: 255.255.255.252 is too small, we "
+                    "need atleast 8 hosts\n"),
             6);
   for (const char* mask : {"255.255.255.254", "255.255.255.255"}) {
     ASSERT_TRUE(PLRSetVnetSubnetMask(8, mask));
@@ -178,16 +177,18 @@ TEST_F(DhcpParams, FixedDefaultsAndTheirBufferRules) {
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME), "localdomain");
   // A time into 4 bytes: reported, yet TRUE with the buffer as it was.
   EXPECT_EQ(Default(PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, 4), "unchanged");
-  EXPECT_EQ(CountOf(Log(), "Insufficient buffer size: 4 for DHCP parameter: \"Max Lease "
-                           "Duration\" required: 5\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "Insufficient buffer size: 4 for DHCP parameter: \"Max Lease "
+                    "Duration\" required: 5\n"),
             1);
   EXPECT_EQ(Default(PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, 5), "7200");
   // The domain name and addresses fail on a short buffer.
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME, 11), "FAILED");
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME, 12), "localdomain");
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_END_IP, 15), "FAILED");  // "192.168.100.254"
-  EXPECT_EQ(CountOf(Log(), "Insufficient buffer size: 15 for DHCP parameter: \"Lease End IP\" "
-                           "required: 16\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "Insufficient buffer size: 15 for DHCP parameter: \"Lease End IP\" "
+                    "required: 16\n"),
             1);
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_END_IP, 16), "192.168.100.254");
 }
@@ -205,8 +206,9 @@ TEST_F(DhcpParams, IdentifiersWithoutARowAreRejected) {
   EXPECT_EQ(CountOf(Log(), "Invalid DHCP parameter: 9556\n"), 1);
   // The getter with defaults reports the missing value and the failed default.
   EXPECT_EQ(Get(9556, true), "FAILED");
-  EXPECT_EQ(CountOf(Log(), "Value for DHCP parameter: Invalid DHCP Parameter not found in "
-                           "configuration for vnet: 8\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "Value for DHCP parameter: Invalid DHCP Parameter not found in "
+                    "configuration for vnet: 8\n"),
             1);
   EXPECT_EQ(CountOf(Log(), "Failure in getting default value of parameter\n"), 1);
 }
@@ -231,8 +233,7 @@ TEST_F(DhcpParams, RejectedValuesLogTheirReasonAndChangeNothing) {
       {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, "-1", "Invalid argument for time\n"},
       {PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, "12x", "Invalid argument for time\n"},
       {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, "", "Invalid argument for time\n"},
-      {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, "99999999999",
-       "Invalid argument for time\n"},
+      {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, "99999999999", "Invalid argument for time\n"},
   };
   for (const Bad& b : bad) {
     SCOPED_TRACE(b.value);
@@ -259,10 +260,10 @@ TEST_F(DhcpParams, AcceptedValuesAreStoredUnchanged) {
   EXPECT_EQ(Get(PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC), "007200");
   std::string db = Database();
   EXPECT_NE(db.find("answer VNET_8_DHCP_PARAM_MAX_LEASE_TIME 007200\n"), std::string::npos);
-  EXPECT_NE(db.find("answer VNET_8_DHCP_PARAM_LEASE_START_IP 192.168.8.200\n"),
-            std::string::npos);
-  EXPECT_EQ(CountOf(Log(), "Successfully set value of DHCP parameter: \"Lease Begin IP\" to "
-                           "value: 192.168.8.200 for vnet: 8\n"),
+  EXPECT_NE(db.find("answer VNET_8_DHCP_PARAM_LEASE_START_IP 192.168.8.200\n"), std::string::npos);
+  EXPECT_EQ(CountOf(Log(),
+                    "Successfully set value of DHCP parameter: \"Lease Begin IP\" to "
+                    "value: 192.168.8.200 for vnet: 8\n"),
             1);
   // A stored value wins over the default.
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_BEGIN_IP, true), "192.168.8.200");
@@ -273,8 +274,9 @@ TEST_F(DhcpParams, AcceptedValuesAreStoredUnchanged) {
 TEST_F(DhcpParams, GetReportsAbsenceAndFallsBackOnlyWhenAsked) {
   LoadVnet("192.168.8.0", "255.255.255.0", false);
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_END_IP), "FAILED");
-  EXPECT_EQ(CountOf(Log(), "Value for DHCP parameter: \"Lease End IP\" not found in "
-                           "configuration for vnet: 8\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "Value for DHCP parameter: \"Lease End IP\" not found in "
+                    "configuration for vnet: 8\n"),
             1);
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_END_IP, true), "192.168.8.254");
   EXPECT_EQ(CountOf(Log(), "Reverting to getting default value\n"), 1);
@@ -282,8 +284,9 @@ TEST_F(DhcpParams, GetReportsAbsenceAndFallsBackOnlyWhenAsked) {
   ASSERT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_DNS_ADDR, "192.168.8.53"));
   char small[12];
   EXPECT_FALSE(PLRDHCPGetParameter(8, PLR_DHCP_PARAM_DNS_ADDR, true, small, sizeof small));
-  EXPECT_EQ(CountOf(Log(), "Insufficient space 12 to store value of DHCP parameter: \"DNS "
-                           "Address\", required: 13\n"),
+  EXPECT_EQ(CountOf(Log(),
+                    "Insufficient space 12 to store value of DHCP parameter: \"DNS "
+                    "Address\", required: 13\n"),
             1);
   char exact[13];
   EXPECT_TRUE(PLRDHCPGetParameter(8, PLR_DHCP_PARAM_DNS_ADDR, false, exact, sizeof exact));
@@ -296,8 +299,7 @@ TEST_F(DhcpParams, RemoveRestoresTheDefault) {
   EXPECT_TRUE(PLRDHCPRemoveParameter(8, PLR_DHCP_PARAM_LEASE_BEGIN_IP));
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_BEGIN_IP), "FAILED");
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_BEGIN_IP, true), "192.168.8.128");
-  EXPECT_NE(Database().find("remove_answer VNET_8_DHCP_PARAM_LEASE_START_IP\n"),
-            std::string::npos);
+  EXPECT_NE(Database().find("remove_answer VNET_8_DHCP_PARAM_LEASE_START_IP\n"), std::string::npos);
   // A NULL value in the setter removes as well.
   ASSERT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_ROUTERS, "192.168.8.3"));
   EXPECT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_ROUTERS, nullptr));
@@ -306,11 +308,11 @@ TEST_F(DhcpParams, RemoveRestoresTheDefault) {
 
 TEST_F(DhcpParams, RemoveConfigForgetsEverythingAndKeepsGatewayLinesWithoutNat) {
   std::string settings;
-  for (const char* key : {"LEASE_START_IP 192.168.8.130", "LEASE_END_IP 192.168.8.140",
-                          "BROADCAST_ADDR 192.168.8.255", "DNS_ADDR 192.168.8.1",
-                          "NETBIOS 192.168.8.2", "ROUTERS 192.168.8.2", "DOMAIN_NAME lab",
-                          "DEFAULT_LEASE_TIME 60", "MAX_LEASE_TIME 120",
-                          "SUB_DEFAULT_LEASE_TIME 60", "SUB_MAX_LEASE_TIME 120"}) {
+  for (const char* key :
+       {"LEASE_START_IP 192.168.8.130", "LEASE_END_IP 192.168.8.140",
+        "BROADCAST_ADDR 192.168.8.255", "DNS_ADDR 192.168.8.1", "NETBIOS 192.168.8.2",
+        "ROUTERS 192.168.8.2", "DOMAIN_NAME lab", "DEFAULT_LEASE_TIME 60", "MAX_LEASE_TIME 120",
+        "SUB_DEFAULT_LEASE_TIME 60", "SUB_MAX_LEASE_TIME 120"}) {
     settings += std::string("answer VNET_8_DHCP_PARAM_") + key + "\n";
   }
   settings +=

@@ -1,13 +1,12 @@
 // nat.conf generation: the exact text, the backup, removal without NAT,
 // failures, and every generated file read back with the nat.conf reader.
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <map>
 #include <memory>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "base/sys-util.h"
 #include "pelorus.h"

@@ -1,8 +1,8 @@
 // NAT parameters: identifier mapping, validation with its messages, computed
 // defaults, removal, and the port-forward and prefix wrappers.
-#include <string>
-
 #include <gtest/gtest.h>
+
+#include <string>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -200,8 +200,8 @@ TEST_F(NatParams, PortForwardWrappersReachTheDatabase) {
   EXPECT_EQ(hostPort, 8080);
   EXPECT_STREQ(ip, "192.168.8.129");
   EXPECT_EQ(offset, 1u);
-  EXPECT_FALSE(PLRNATEnumPortForward(8, false, &offset, &hostPort, ip, sizeof ip, &vmPort,
-                                     nullptr, nullptr));
+  EXPECT_FALSE(PLRNATEnumPortForward(8, false, &offset, &hostPort, ip, sizeof ip, &vmPort, nullptr,
+                                     nullptr));
   // A NULL target removes the forward of that protocol only.
   EXPECT_TRUE(PLRNATSetPortForward(8, 1, 8080, nullptr, 0, nullptr));
   EXPECT_FALSE(PLRNATGetPortForward(8, true, 8080, ip, sizeof ip, &vmPort, nullptr, nullptr));

@@ -1,13 +1,12 @@
 // The nat.conf reader: sections, items, quoting and escapes, comments,
 // duplicate sections, long lines, and the unset or missing file.
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -110,8 +109,8 @@ TEST_F(NatCfgReader, BothSeparatorsAndKeyCaseAnswerTheSameKey) {
   Use("[Host]\nIP:192.168.8.2\nip = 192.168.8.3\n");
   EXPECT_EQ(Get("host", "ip"), "192.168.8.2");
   EXPECT_EQ(Get("HOST", "Ip"), "192.168.8.2");
-  EXPECT_EQ(Items("host"), (std::vector<Listed>{{"IP", "192.168.8.2", ""},
-                                                {"ip", "192.168.8.3", ""}}));
+  EXPECT_EQ(Items("host"),
+            (std::vector<Listed>{{"IP", "192.168.8.2", ""}, {"ip", "192.168.8.3", ""}}));
 }
 
 TEST_F(NatCfgReader, KeysEndAtTheFirstSeparatorAndLoseTrailingBlanks) {
@@ -230,8 +229,9 @@ TEST_F(NatCfgReader, LongLinesArriveInPiecesOf16382Characters) {
   const std::string longValue(20000, 'v');
   const std::string filler(16382, 'x');
   Use("[long]\n"
-      "key = " + longValue + "\n" +
-      filler + "hidden = 1\n"
+      "key = " +
+      longValue + "\n" + filler +
+      "hidden = 1\n"
       "after = 2\n");
   std::vector<Listed> items = Items("long");
   ASSERT_EQ(items.size(), 3u);
