@@ -17,7 +17,8 @@ namespace plr {
 namespace {
 
 constexpr const char* kDefaultLogPath = "/var/log/pelorus";
-constexpr const char* kLogMode = "ab+";
+// Close-on-exec ("e"), so the daemons the library starts do not inherit it.
+constexpr const char* kLogMode = "ab+e";
 // The mask in force while no log file is open: no defined level bit is set.
 constexpr uint32_t kNoLevelMask = 0xFFFFFF80u;
 

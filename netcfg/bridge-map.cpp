@@ -100,7 +100,7 @@ bool PLRNetCfgAddHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* a
     return false;
   }
   return NetCfgGuarded(
-      __func__, [&, fnName = __func__] { return AddBridge(cache, adapter, vnet, restoring); });
+      __func__, [&] { return AddBridge(cache, adapter, vnet, restoring); });
 }
 
 // Removes the mapping of `adapter`; absent is a failure.
@@ -175,7 +175,7 @@ bool PLRNetCfgLookupHostAdaptersForVnet(PLRNetworkConfigurationDB* db, uint32_t 
     return true;
   }
   std::vector<const std::pair<const std::string, int32_t>*> array;
-  if (!NetCfgGuarded(__func__, [&, fnName = __func__] {
+  if (!NetCfgGuarded(__func__, [&] {
         array.reserve(cache->bridges->size());
         for (const auto& node : *cache->bridges) array.push_back(&node);
         return true;

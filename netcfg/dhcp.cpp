@@ -85,7 +85,7 @@ bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const
     return false;
   }
   return NetCfgGuarded(
-      __func__, [&, fnName = __func__] { return AddDhcp(cache, vnet, standard, ip, restoring); });
+      __func__, [&] { return AddDhcp(cache, vnet, standard, ip, restoring); });
 }
 
 // Removes the mapping of `mac` on `vnet`; absent is a failure.
@@ -159,7 +159,7 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
   }
   DhcpVnetTable& table = *cache->dhcp[vnet];
   if (!table.arrayValid) {
-    bool built = NetCfgGuarded(__func__, [&, fnName = __func__] {
+    bool built = NetCfgGuarded(__func__, [&] {
       table.array.clear();
       table.array.reserve(table.table.size());
       for (const auto& node : table.table) table.array.push_back(&node);
@@ -196,7 +196,7 @@ bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_
   PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
   if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) return true;
   if (writeRecords && !cache->readOnly) {
-    bool allWritten = NetCfgGuarded(__func__, [&, fnName = __func__] {
+    bool allWritten = NetCfgGuarded(__func__, [&] {
       std::vector<const std::pair<const std::string, std::string>*> nodes;
       for (const auto& node : cache->dhcp[vnet]->table) nodes.push_back(&node);
       std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });

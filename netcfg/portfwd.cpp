@@ -206,7 +206,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
     return false;
   }
   NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
-  if (!NetCfgGuarded(__func__, [&, fnName = __func__] { return EnsureArray(group); })) {
+  if (!NetCfgGuarded(__func__, [&] { return EnsureArray(group); })) {
     PLOG(LOG_ERR, "Failed to create array of forwarded ports");
     return false;
   }
@@ -241,7 +241,7 @@ bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, 
     NATPortFwdGroup& group = holder.group(isTCP);
     if (!group.table) continue;
     if (writeRecords && !cache->readOnly) {
-      bool allWritten = NetCfgGuarded(__func__, [&, fnName = __func__] {
+      bool allWritten = NetCfgGuarded(__func__, [&] {
         std::vector<uint16_t> ports;
         ports.reserve(group.table->size());
         for (const auto& [port, entry] : *group.table) ports.push_back(port);

@@ -1,6 +1,8 @@
 #include "tests/support/sandbox.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <net/if.h>
 #include <sched.h>
 #include <stdio.h>
@@ -129,6 +131,23 @@ bool EnterSandbox() {
   // /run first: /var/run points into it, and the /etc overlay keeps its upper layer there.
   return MountTmpfs("/run") && CoverEtc() && MountTmpfs("/var/log") && CoverTmp() &&
          CoverDev() && LoopbackUp();
+}
+
+void KillStragglers() {
+  struct stat self;
+  if (stat("/proc/self/ns/net", &self) != 0) return;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return;
+  while (struct dirent* entry = readdir(proc)) {
+    char* end;
+    long pid = strtol(entry->d_name, &end, 10);
+    if (*end != '\0' || pid <= 1 || pid == getpid()) continue;
+    struct stat ns;
+    std::string path = std::string("/proc/") + entry->d_name + "/ns/net";
+    if (stat(path.c_str(), &ns) == 0 && ns.st_ino == self.st_ino && ns.st_dev == self.st_dev)
+      kill(static_cast<pid_t>(pid), SIGKILL);
+  }
+  closedir(proc);
 }
 
 const char* SourceDir() { return PLR_TEST_SOURCE_DIR; }

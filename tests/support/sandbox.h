@@ -14,6 +14,10 @@ namespace plr::test {
 // Enters the sandbox; on failure prints why and returns false (never skips).
 bool EnterSandbox();
 
+// Kills every process left in this sandbox's network namespace (daemons or
+// clients a failed case could not stop), so nothing outlives the test process.
+void KillStragglers();
+
 // Paths baked in by the build.
 const char* SourceDir();
 const char* BinaryDir();

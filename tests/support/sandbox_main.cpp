@@ -12,5 +12,7 @@ int main(int argc, char** argv) {
     if (strncmp(argv[i], "--gtest_list_tests", 18) == 0) listing = true;
   testing::InitGoogleTest(&argc, argv);
   if (!listing && !plr::test::EnterSandbox()) return 2;
-  return RUN_ALL_TESTS();
+  int result = RUN_ALL_TESTS();
+  if (!listing) plr::test::KillStragglers();
+  return result;
 }
