@@ -64,61 +64,6 @@ std::vector<BadCall> PointerAndLengthCases() {
   const void* o = gOut;
   const void* l = &gLen;
   std::vector<BadCall> c = {
-      // Vnet properties: getters.
-      CASE("DisplayName_NullVnet", (gLen = 128, PLR_GetVnetDisplayName(nullptr, gOut, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u",
-             nullptr, o, l, 128)),
-      CASE("DisplayName_NullBuffer", (gLen = 128, PLR_GetVnetDisplayName(V, nullptr, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V,
-             nullptr, l, 128)),
-      CASE("DisplayName_NullLength", PLR_GetVnetDisplayName(V, gOut, nullptr),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
-             nullptr, 0)),
-      CASE("DisplayName_Length0", (gLen = 0, PLR_GetVnetDisplayName(V, gOut, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
-             l, 0)),
-      CASE("DisplayName_Length127", (gLen = 127, PLR_GetVnetDisplayName(V, gOut, &gLen)),
-           F("PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", V, o,
-             l, 127)),
-      CASE("SubnetAddr_NullVnet", (gLen = 16, PLR_GetVnetSubnetAddr(nullptr, gOut, &gLen)),
-           F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u",
-             nullptr, o, l, 16)),
-      CASE("SubnetAddr_NullBuffer", (gLen = 16, PLR_GetVnetSubnetAddr(V, nullptr, &gLen)),
-           F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V,
-             nullptr, l, 16)),
-      CASE("SubnetAddr_NullLength", PLR_GetVnetSubnetAddr(V, gOut, nullptr),
-           F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
-             nullptr, 0)),
-      CASE("SubnetAddr_Length0", (gLen = 0, PLR_GetVnetSubnetAddr(V, gOut, &gLen)),
-           F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
-             l, 0)),
-      CASE("SubnetAddr_Length15", (gLen = 15, PLR_GetVnetSubnetAddr(V, gOut, &gLen)),
-           F("PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
-             l, 15)),
-      CASE("SubnetMask_NullVnet", (gLen = 16, PLR_GetVnetSubnetMask(nullptr, gOut, &gLen)),
-           F("PLR_GetVnetSubnetMask - Invalid argument - vnet: %p, mask: %p, maskLen:%p,%u",
-             nullptr, o, l, 16)),
-      CASE("SubnetMask_NullBuffer", (gLen = 16, PLR_GetVnetSubnetMask(V, nullptr, &gLen)),
-           F("PLR_GetVnetSubnetMask - Invalid argument - vnet: %p, mask: %p, maskLen:%p,%u", V,
-             nullptr, l, 16)),
-      CASE("SubnetMask_NullLength", PLR_GetVnetSubnetMask(V, gOut, nullptr),
-           F("PLR_GetVnetSubnetMask - Invalid argument - vnet: %p, mask: %p, maskLen:%p,%u", V, o,
-             nullptr, 0)),
-      CASE("SubnetMask_Length15", (gLen = 15, PLR_GetVnetSubnetMask(V, gOut, &gLen)),
-           F("PLR_GetVnetSubnetMask - Invalid argument - vnet: %p, mask: %p, maskLen:%p,%u", V, o,
-             l, 15)),
-      CASE("AdapterAddr_NullVnet", (gLen = 16, PLR_GetVnetAdapterAddr(nullptr, gOut, &gLen, true)),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u",
-             nullptr, o, l, 16)),
-      CASE("AdapterAddr_NullBuffer", (gLen = 16, PLR_GetVnetAdapterAddr(V, nullptr, &gLen, true)),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V,
-             nullptr, l, 16)),
-      CASE("AdapterAddr_NullLength", PLR_GetVnetAdapterAddr(V, gOut, nullptr, true),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
-             nullptr, 0)),
-      CASE("AdapterAddr_Length15", (gLen = 15, PLR_GetVnetAdapterAddr(V, gOut, &gLen, false)),
-           F("PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", V, o,
-             l, 15)),
       // Vnet properties: setters and the rest.
       CASE("SetDisplayName_NullVnet", PLR_SetVnetDisplayName(nullptr, "x"),
            F("PLR_SetVnetDisplayName - Invalid argument - vnet: %p", nullptr)),
@@ -181,36 +126,12 @@ std::vector<BadCall> PointerAndLengthCases() {
            F("PLR_SetVnetUseDHCP - Invalid argument - %p", nullptr)),
       CASE("SetUseNAT_NullVnet", PLR_SetVnetUseNAT(nullptr, true, false),
            F("PLR_SetVnetUseNAT - Invalid argument - vnet: %p", nullptr)),
-      CASE("GetDHCPParam_NullVnet",
-           (gLen = 16, PLR_GetDHCPParam(nullptr, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen)),
-           F("PLR_GetDHCPParam - Invalid argument - v: %p p: %p, pL: %p,%u", nullptr, o, l, 16)),
-      CASE("GetDHCPParam_NullBuffer",
-           (gLen = 16, PLR_GetDHCPParam(V, PLR_DHCP_EXT_PARAM_ROUTERS, true, nullptr, &gLen)),
-           F("PLR_GetDHCPParam - Invalid argument - v: %p p: %p, pL: %p,%u", V, nullptr, l, 16)),
-      CASE("GetDHCPParam_NullLength",
-           PLR_GetDHCPParam(V, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, nullptr),
-           F("PLR_GetDHCPParam - Invalid argument - v: %p p: %p, pL: %p,%u", V, o, nullptr, 0)),
-      CASE("GetDHCPParam_Length0",
-           (gLen = 0, PLR_GetDHCPParam(V, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen)),
-           F("PLR_GetDHCPParam - Invalid argument - v: %p p: %p, pL: %p,%u", V, o, l, 0)),
       CASE("GetDHCPParam_Unmapped", (gLen = 16, PLR_GetDHCPParam(V, 13352, true, gOut, &gLen)),
            "PLR_GetDHCPParam - Unsupported DHCP Parameter"),
       CASE("SetDHCPParam_NullVnet", PLR_SetDHCPParam(nullptr, PLR_DHCP_EXT_PARAM_ROUTERS, gOut, 3),
            F("PLR_SetDHCPParam - Invalid argument - vnet: %p, param: %p", nullptr, o)),
       CASE("SetDHCPParam_Unmapped", PLR_SetDHCPParam(V, 1, "1800", 4),
            "PLR_SetDHCPParam - Unsupported DHCP Parameter"),
-      CASE("GetNATParam_NullVnet",
-           (gLen = 16, PLR_GetNATParam(nullptr, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen)),
-           "PLR_GetNATParam - Invalid argument"),
-      CASE("GetNATParam_NullBuffer",
-           (gLen = 16, PLR_GetNATParam(V, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, nullptr, &gLen)),
-           "PLR_GetNATParam - Invalid argument"),
-      CASE("GetNATParam_NullLength",
-           PLR_GetNATParam(V, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, nullptr),
-           "PLR_GetNATParam - Invalid argument"),
-      CASE("GetNATParam_Length0",
-           (gLen = 0, PLR_GetNATParam(V, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen)),
-           "PLR_GetNATParam - Invalid argument"),
       CASE("GetNATParam_Unmapped", (gLen = 16, PLR_GetNATParam(V, 9029, true, gOut, &gLen)),
            "PLR_GetNATParam - Unsupported NAT parameter ID: 9029"),
       CASE("SetNATParam_NullVnet", PLR_SetNATParam(nullptr, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "1", 1),
@@ -289,6 +210,56 @@ std::vector<BadCall> PointerAndLengthCases() {
       CASE("DeleteDevice_NullVnet", PLR_DeleteKavixDevice(nullptr),
            F("PLRCreateDeleteKavixDevice - Invalid argument - vnet: %p", nullptr)),
   };
+
+  // Getters (vnet, buffer, length): each pointer missing in turn, length 0 and
+  // the largest refused length.
+  using Getter = bool (*)(const char*, char*, uint32_t*);
+  auto getter = [&c](const std::string& name, Getter get, const char* format, uint32_t minLen,
+                     uint32_t shortLen) {
+    struct Row {
+      const char* label;
+      const char* vnet;
+      char* buf;
+      uint32_t* len;
+      uint32_t size;
+    };
+    for (const Row& r :
+         {Row{"NullVnet", nullptr, gOut, &gLen, minLen},
+          Row{"NullBuffer", V, nullptr, &gLen, minLen}, Row{"NullLength", V, gOut, nullptr, 0},
+          Row{"Length0", V, gOut, &gLen, 0}, Row{"TooShort", V, gOut, &gLen, shortLen}}) {
+      if (shortLen == 0 && std::string(r.label) == "TooShort") continue;
+      c.push_back(BadCall{name + "_" + r.label,
+                          [=] {
+                            gLen = r.size;
+                            return static_cast<uint32_t>(get(r.vnet, r.buf, r.len));
+                          },
+                          F(format, static_cast<const void*>(r.vnet), static_cast<void*>(r.buf),
+                            static_cast<void*>(r.len), r.size)});
+    }
+  };
+  getter("DisplayName", PLR_GetVnetDisplayName,
+         "PLR_GetVnetDisplayName - Invalid argument - vnet: %p, name: %p, nameLen:%p,%u", 128, 127);
+  getter("SubnetAddr", PLR_GetVnetSubnetAddr,
+         "PLR_GetVnetSubnetAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", 16, 15);
+  getter("SubnetMask", PLR_GetVnetSubnetMask,
+         "PLR_GetVnetSubnetMask - Invalid argument - vnet: %p, mask: %p, maskLen:%p,%u", 16, 15);
+  getter(
+      "AdapterAddr",
+      [](const char* v, char* b, uint32_t* l) { return PLR_GetVnetAdapterAddr(v, b, l, true); },
+      "PLR_GetVnetAdapterAddr - Invalid argument - vnet: %p, addr: %p, addrLen:%p,%u", 16, 15);
+  // Parameter getters only refuse a zero length; a short buffer is the layer's to find.
+  getter(
+      "GetDHCPParam",
+      [](const char* v, char* b, uint32_t* l) {
+        return PLR_GetDHCPParam(v, PLR_DHCP_EXT_PARAM_ROUTERS, true, b, l);
+      },
+      "PLR_GetDHCPParam - Invalid argument - v: %p p: %p, pL: %p,%u", 16, 0);
+  getter(
+      "GetNATParam",
+      [](const char* v, char* b, uint32_t* l) {
+        return PLR_GetNATParam(v, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, b, l);
+      },
+      "PLR_GetNATParam - Invalid argument", 16, 0);
 
   // Enumerations: each pointer missing in turn, lengths just below the minimum.
   auto enumDhcp = [](const char* label, const char* vnet, uint32_t* offset, char* ip,
@@ -371,32 +342,19 @@ std::vector<BadCall> PointerAndLengthCases() {
       enumFwd("EnumFwd_IPLength15", V, &gOffset, gOut, &gLen, 15, &gPort, nullptr, nullptr));
 
   // Service types outside 0x8801..0x8804, and a missing name.
-  for (uint32_t type : {0x8800u, 0x8805u, 0u}) {
-    const std::string t = F("%x", type);
-    c.push_back(
-        BadCall{"Start_Type" + t, [type] { return uint32_t{PLR_StartService(V, type)}; },
-                F("PLR_StartService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
-    c.push_back(
-        BadCall{"Stop_Type" + t, [type] { return uint32_t{PLR_StopService(V, type)}; },
-                F("PLR_StopService - Invalid argument - vnet: %p, serviceType: %u", V, type)});
-    c.push_back(
-        BadCall{"Status_Type" + t, [type] { return PLR_GetServiceStatus(V, type); },
-                F("PLR_GetServiceStatus - Invalid argument - vnet: %p, serviceType: %u", V, type),
-                PLR_SERVICE_STATUS_UNKNOWN});
+  const std::pair<const char*, uint32_t> services[] = {
+      {V, 0x8800u}, {V, 0x8805u}, {V, 0u}, {nullptr, PLR_SERVICE_TYPE_DHCP}};
+  for (const auto& [vnet, type] : services) {
+    const std::string t = vnet ? F("_Type%x", type) : "_NullVnet";
+    const char* format = " - Invalid argument - vnet: %p, serviceType: %u";
+    c.push_back(BadCall{"Start" + t, [=] { return uint32_t{PLR_StartService(vnet, type)}; },
+                        "PLR_StartService" + F(format, vnet, type)});
+    c.push_back(BadCall{"Stop" + t, [=] { return uint32_t{PLR_StopService(vnet, type)}; },
+                        "PLR_StopService" + F(format, vnet, type)});
+    c.push_back(BadCall{"Status" + t, [=] { return PLR_GetServiceStatus(vnet, type); },
+                        "PLR_GetServiceStatus" + F(format, vnet, type),
+                        PLR_SERVICE_STATUS_UNKNOWN});
   }
-  c.push_back(BadCall{"Start_NullVnet",
-                      [] { return uint32_t{PLR_StartService(nullptr, PLR_SERVICE_TYPE_DHCP)}; },
-                      F("PLR_StartService - Invalid argument - vnet: %p, serviceType: %u", nullptr,
-                        PLR_SERVICE_TYPE_DHCP)});
-  c.push_back(BadCall{"Stop_NullVnet",
-                      [] { return uint32_t{PLR_StopService(nullptr, PLR_SERVICE_TYPE_NAT)}; },
-                      F("PLR_StopService - Invalid argument - vnet: %p, serviceType: %u", nullptr,
-                        PLR_SERVICE_TYPE_NAT)});
-  c.push_back(BadCall{"Status_NullVnet",
-                      [] { return PLR_GetServiceStatus(nullptr, PLR_SERVICE_TYPE_BRIDGE); },
-                      F("PLR_GetServiceStatus - Invalid argument - vnet: %p, serviceType: %u",
-                        nullptr, PLR_SERVICE_TYPE_BRIDGE),
-                      PLR_SERVICE_STATUS_UNKNOWN});
   return c;
 }
 
@@ -408,117 +366,67 @@ struct NamedCall {
   uint32_t failure = 0;
 };
 
+// Out-lengths and offsets large enough for every call in NamedCalls().
+void ResetOuts() {
+  gLen = 128;
+  gLen2 = 18;
+  gOffset = 0;
+}
+
+#define NAMED(function, expr)                                           \
+  NamedCall {                                                           \
+    function, [](const char* n) { return static_cast<uint32_t>(expr); } \
+  }
+
 std::vector<NamedCall> NamedCalls() {
-  auto b = [](bool r) { return static_cast<uint32_t>(r); };
   return {
-      {"PLR_GetVnetDisplayName",
-       [=](const char* n) {
-         gLen = 128;
-         return b(PLR_GetVnetDisplayName(n, gOut, &gLen));
-       }},
-      {"PLR_SetVnetDisplayName", [=](const char* n) { return b(PLR_SetVnetDisplayName(n, "x")); }},
-      {"PLR_AssignSubnetAddressToVnet",
-       [=](const char* n) { return b(PLR_AssignSubnetAddressToVnet(n, true)); }},
-      {"PLR_GetVnetSubnetAddr",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetVnetSubnetAddr(n, gOut, &gLen));
-       }},
-      {"PLR_SetVnetSubnetAddr",
-       [=](const char* n) { return b(PLR_SetVnetSubnetAddr(n, "10.1.2.0")); }},
-      {"PLR_GetVnetSubnetMask",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetVnetSubnetMask(n, gOut, &gLen));
-       }},
-      {"PLR_SetVnetSubnetMask",
-       [=](const char* n) { return b(PLR_SetVnetSubnetMask(n, "255.255.0.0")); }},
-      {"PLR_GetVnetAdapterAddr",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetVnetAdapterAddr(n, gOut, &gLen, true));
-       }},
-      {"PLR_SetVnetMTU", [=](const char* n) { return b(PLR_SetVnetMTU(n, 9000)); }},
-      {"PLR_GetVnetMTU", [=](const char* n) { return b(PLR_GetVnetMTU(n, &gLen)); }},
-      {"PLR_RemoveMTU", [=](const char* n) { return b(PLR_RemoveMTU(n)); }},
-      {"PLR_SetNATPrefix",
-       [=](const char* n) { return b(PLR_SetNATPrefix(n, "fd00::/64", "d", 1)); }},
-      {"PLR_GetNATPrefix",
-       [=](const char* n) { return b(PLR_GetNATPrefix(n, "fd00::/64", nullptr, nullptr)); }},
-      {"PLR_CheckSubnetAvailability",
-       [=](const char* n) { return b(PLR_CheckSubnetAvailability(n, true, 1, 1, &gFlag1)); }},
-      {"PLR_GetVnetUseDHCP", [=](const char* n) { return b(PLR_GetVnetUseDHCP(n)); }},
-      {"PLR_SetVnetUseDHCP", [=](const char* n) { return b(PLR_SetVnetUseDHCP(n, false, true)); }},
-      {"PLR_GetVnetUseNAT", [=](const char* n) { return b(PLR_GetVnetUseNAT(n)); }},
-      {"PLR_SetVnetUseNAT", [=](const char* n) { return b(PLR_SetVnetUseNAT(n, false, true)); }},
-      {"PLR_GetDHCPParam",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen));
-       }},
-      {"PLR_SetDHCPParam",
-       [=](const char* n) {
-         return b(PLR_SetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, "10.0.0.2", 8));
-       }},
-      {"PLR_GetNATParam",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetNATParam(n, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen));
-       }},
-      {"PLR_SetNATParam",
-       [=](const char* n) { return b(PLR_SetNATParam(n, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "0", 1)); }},
-      {"PLR_SetDHCPIPToMAC",
-       [=](const char* n) { return b(PLR_SetDHCPIPToMAC(n, "192.168.1.9", "00:50:56:01:02:03")); }},
-      {"PLR_GetDHCPIPToMAC",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetDHCPIPToMAC(n, gOut, &gLen, "00:50:56:01:02:03"));
-       }},
-      {"PLR_EnumDHCPIPToMAC",
-       [=](const char* n) {
-         gOffset = 0;
-         gLen = 16;
-         gLen2 = 18;
-         return b(PLR_EnumDHCPIPToMAC(n, &gOffset, gOut, &gLen, gMac, &gLen2));
-       }},
-      {"PLR_SetNATPortForward",
-       [=](const char* n) {
-         return b(PLR_SetNATPortForward(n, true, 8080, "192.168.1.9", 80, "web", 3));
-       }},
-      {"PLR_GetNATPortForward",
-       [=](const char* n) {
-         gLen = 16;
-         return b(PLR_GetNATPortForward(n, true, 8080, gOut, &gLen, &gPort, nullptr, nullptr));
-       }},
-      {"PLR_EnumNATPortForward",
-       [=](const char* n) {
-         gOffset = 0;
-         gLen = 16;
-         return b(PLR_EnumNATPortForward(n, true, &gOffset, &gPort2, gOut, &gLen, &gPort, nullptr,
-                                         nullptr));
-       }},
-      {"PLR_UpdateDHCPFromConfig", [=](const char* n) { return b(PLR_UpdateDHCPFromConfig(n)); }},
-      {"PLR_UpdateNATFromConfig", [=](const char* n) { return b(PLR_UpdateNATFromConfig(n)); }},
-      {"PLR_SetVnetUseAdapter",
-       [=](const char* n) { return b(PLR_SetVnetUseAdapter(n, false, true)); }},
-      {"PLR_SetVnetAdapterAddr",
-       [=](const char* n) { return b(PLR_SetVnetAdapterAddr(n, "192.168.1.1")); }},
-      {"PLR_GetVnetAdapterStatus",
-       [=](const char* n) { return b(PLR_GetVnetAdapterStatus(n, &gFlag1, &gFlag2)); }},
-      {"PLR_UpdateAdapterFromConfig",
-       [=](const char* n) { return b(PLR_UpdateAdapterFromConfig(n)); }},
-      {"PLR_DisableNetworkAdapter", [=](const char* n) { return b(PLR_DisableNetworkAdapter(n)); }},
-      {"PLR_EnableNetworkAdapter", [=](const char* n) { return b(PLR_EnableNetworkAdapter(n)); }},
-      {"PLR_StartService",
-       [=](const char* n) { return b(PLR_StartService(n, PLR_SERVICE_TYPE_DHCP)); }},
-      {"PLR_StopService",
-       [=](const char* n) { return b(PLR_StopService(n, PLR_SERVICE_TYPE_NAT)); }},
+      NAMED("PLR_GetVnetDisplayName", PLR_GetVnetDisplayName(n, gOut, &gLen)),
+      NAMED("PLR_SetVnetDisplayName", PLR_SetVnetDisplayName(n, "x")),
+      NAMED("PLR_AssignSubnetAddressToVnet", PLR_AssignSubnetAddressToVnet(n, true)),
+      NAMED("PLR_GetVnetSubnetAddr", PLR_GetVnetSubnetAddr(n, gOut, &gLen)),
+      NAMED("PLR_SetVnetSubnetAddr", PLR_SetVnetSubnetAddr(n, "10.1.2.0")),
+      NAMED("PLR_GetVnetSubnetMask", PLR_GetVnetSubnetMask(n, gOut, &gLen)),
+      NAMED("PLR_SetVnetSubnetMask", PLR_SetVnetSubnetMask(n, "255.255.0.0")),
+      NAMED("PLR_GetVnetAdapterAddr", PLR_GetVnetAdapterAddr(n, gOut, &gLen, true)),
+      NAMED("PLR_SetVnetMTU", PLR_SetVnetMTU(n, 9000)),
+      NAMED("PLR_GetVnetMTU", PLR_GetVnetMTU(n, &gLen)),
+      NAMED("PLR_RemoveMTU", PLR_RemoveMTU(n)),
+      NAMED("PLR_SetNATPrefix", PLR_SetNATPrefix(n, "fd00::/64", "d", 1)),
+      NAMED("PLR_GetNATPrefix", PLR_GetNATPrefix(n, "fd00::/64", nullptr, nullptr)),
+      NAMED("PLR_CheckSubnetAvailability", PLR_CheckSubnetAvailability(n, true, 1, 1, &gFlag1)),
+      NAMED("PLR_GetVnetUseDHCP", PLR_GetVnetUseDHCP(n)),
+      NAMED("PLR_SetVnetUseDHCP", PLR_SetVnetUseDHCP(n, false, true)),
+      NAMED("PLR_GetVnetUseNAT", PLR_GetVnetUseNAT(n)),
+      NAMED("PLR_SetVnetUseNAT", PLR_SetVnetUseNAT(n, false, true)),
+      NAMED("PLR_GetDHCPParam", PLR_GetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, true, gOut, &gLen)),
+      NAMED("PLR_SetDHCPParam", PLR_SetDHCPParam(n, PLR_DHCP_EXT_PARAM_ROUTERS, "10.0.0.2", 8)),
+      NAMED("PLR_GetNATParam", PLR_GetNATParam(n, PLR_NAT_EXT_PARAM_GATEWAY_IP, true, gOut, &gLen)),
+      NAMED("PLR_SetNATParam", PLR_SetNATParam(n, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "0", 1)),
+      NAMED("PLR_SetDHCPIPToMAC", PLR_SetDHCPIPToMAC(n, "192.168.1.9", "00:50:56:01:02:03")),
+      NAMED("PLR_GetDHCPIPToMAC", PLR_GetDHCPIPToMAC(n, gOut, &gLen, "00:50:56:01:02:03")),
+      NAMED("PLR_EnumDHCPIPToMAC", PLR_EnumDHCPIPToMAC(n, &gOffset, gOut, &gLen, gMac, &gLen2)),
+      NAMED("PLR_SetNATPortForward",
+            PLR_SetNATPortForward(n, true, 8080, "192.168.1.9", 80, "web", 3)),
+      NAMED("PLR_GetNATPortForward",
+            PLR_GetNATPortForward(n, true, 8080, gOut, &gLen, &gPort, nullptr, nullptr)),
+      NAMED("PLR_EnumNATPortForward", PLR_EnumNATPortForward(n, true, &gOffset, &gPort2, gOut,
+                                                             &gLen, &gPort, nullptr, nullptr)),
+      NAMED("PLR_UpdateDHCPFromConfig", PLR_UpdateDHCPFromConfig(n)),
+      NAMED("PLR_UpdateNATFromConfig", PLR_UpdateNATFromConfig(n)),
+      NAMED("PLR_SetVnetUseAdapter", PLR_SetVnetUseAdapter(n, false, true)),
+      NAMED("PLR_SetVnetAdapterAddr", PLR_SetVnetAdapterAddr(n, "192.168.1.1")),
+      NAMED("PLR_GetVnetAdapterStatus", PLR_GetVnetAdapterStatus(n, &gFlag1, &gFlag2)),
+      NAMED("PLR_UpdateAdapterFromConfig", PLR_UpdateAdapterFromConfig(n)),
+      NAMED("PLR_DisableNetworkAdapter", PLR_DisableNetworkAdapter(n)),
+      NAMED("PLR_EnableNetworkAdapter", PLR_EnableNetworkAdapter(n)),
+      NAMED("PLR_StartService", PLR_StartService(n, PLR_SERVICE_TYPE_DHCP)),
+      NAMED("PLR_StopService", PLR_StopService(n, PLR_SERVICE_TYPE_NAT)),
       {"PLR_GetServiceStatus",
-       [=](const char* n) { return PLR_GetServiceStatus(n, PLR_SERVICE_TYPE_NETIFUP); },
+       [](const char* n) { return PLR_GetServiceStatus(n, PLR_SERVICE_TYPE_NETIFUP); },
        PLR_SERVICE_STATUS_UNKNOWN},
       // The device call logs the bad name and still asks the file layer, which refuses it.
-      {"PLRCreateDeleteKavixDevice", [=](const char* n) { return b(PLR_CreateKavixDevice(n)); }},
-      {"PLRCreateDeleteKavixDevice", [=](const char* n) { return b(PLR_DeleteKavixDevice(n)); }},
+      NAMED("PLRCreateDeleteKavixDevice", PLR_CreateKavixDevice(n)),
+      NAMED("PLRCreateDeleteKavixDevice", PLR_DeleteKavixDevice(n)),
   };
 }
 
@@ -535,7 +443,10 @@ std::vector<BadCall> BadNameCases() {
       auto text = std::make_shared<const std::string>(name);
       auto call = nc.call;
       cases.push_back(BadCall{std::string(nc.function) + "_" + std::to_string(index) + "_" + label,
-                              [call, text] { return call(text->c_str()); },
+                              [call, text] {
+                                ResetOuts();
+                                return call(text->c_str());
+                              },
                               std::string(nc.function) + " - Invalid vnet name: " + name,
                               nc.failure});
     }
@@ -569,6 +480,7 @@ TEST_F(ApiTest, UpperCaseVnetNameIsAcceptedByEveryFunction) {
   Load(Vnet1Records());
   for (const NamedCall& nc : NamedCalls()) {
     Mark();
+    ResetOuts();
     nc.call("KAVIX1");
     EXPECT_FALSE(LoggedSinceMark(std::string(nc.function) + " - Invalid vnet name: KAVIX1"))
         << nc.function;

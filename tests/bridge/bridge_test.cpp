@@ -355,10 +355,8 @@ TEST_F(Bridge, MoveChecksArgumentsAndSource) {
   EXPECT_FALSE(PLR_BridgeMoveAdapter(&eth0, nullptr, &two));
   EXPECT_NE(Log().find("Unsupported adapter version: 2"), std::string::npos);
   EXPECT_EQ(Database(), before);
-}
 
-TEST_F(Bridge, MoveToNothingAndBackToDefault) {
-  Load("add_bridge_mapping eth1 2\n");
+  // To nothing, and from nothing back to the default bridge.
   const PLR_HostAdapter eth1 = AdapterNamed("eth1");
   const PLR_NetworkID none = Net(PLR_VNET_NONE);
   ASSERT_TRUE(PLR_BridgeMoveAdapter(&eth1, nullptr, &none));

@@ -143,6 +143,19 @@ TEST(ApiFrame, UnloadedCallWritesEntryAndAbortButNoExit) {
   EXPECT_EQ(LoggedLine(lines, "Exiting API Function, ", "PLR_SetDefaultLogLevel"), 0);
   EXPECT_EQ(CountLine(lines, "PLR_SetDefaultLogLevel - Arguments - level: 0x19"), 0)
       << "no argument line before the loaded check";
+
+  // The answer functions have no frame; their message carries its own newline.
+  int bars = CountLine(lines, kEntryBar);
+  const char* value = nullptr;
+  EXPECT_FALSE(PLR_VnetCfgAddAnswer("KEY", "value"));
+  EXPECT_FALSE(PLR_VnetCfgRemoveAnswer("KEY"));
+  EXPECT_FALSE(PLR_VnetCfgGetAnswer("KEY", &value));
+  lines = LogLines(kLogPath);
+  EXPECT_TRUE(
+      ContainsInOrder(lines, {"PLR_VnetCfgAddAnswer - Pelorus Un-Initialized, Aborting", "",
+                              "PLR_VnetCfgRemoveAnswer - Pelorus Un-Initialized, Aborting", "",
+                              "PLR_VnetCfgGetAnswer - Pelorus Un-Initialized, Aborting", ""}));
+  EXPECT_EQ(CountLine(lines, kEntryBar), bars);
 }
 
 TEST(ApiFrame, LoadedCallWritesArgumentsLocksAndExitsInOrder) {
@@ -182,25 +195,8 @@ TEST(ApiFrame, LockHeldElsewhereFailsTheChangeWithExitLine) {
   PLR_Unload();
 }
 
-TEST(Answers, UnloadedCallsAbortWithTheirOwnMessage) {
-  WriteFile(kDatabasePath, "VERSION=2,0\n");
-  ASSERT_FALSE(PLR_Load(0));
-  PLR_SetCurrentLogLevel(PLR_LOG_MAX_LEVEL);
-  const char* value = nullptr;
-  EXPECT_FALSE(PLR_VnetCfgAddAnswer("KEY", "value"));
-  EXPECT_FALSE(PLR_VnetCfgRemoveAnswer("KEY"));
-  EXPECT_FALSE(PLR_VnetCfgGetAnswer("KEY", &value));
-  Lines lines = LogLines(kLogPath);
-  // The message carries its own newline, so each abort is followed by an empty line.
-  EXPECT_TRUE(
-      ContainsInOrder(lines, {"PLR_VnetCfgAddAnswer - Pelorus Un-Initialized, Aborting", "",
-                              "PLR_VnetCfgRemoveAnswer - Pelorus Un-Initialized, Aborting", "",
-                              "PLR_VnetCfgGetAnswer - Pelorus Un-Initialized, Aborting", ""}));
-  EXPECT_EQ(CountLine(lines, kEntryBar), 0) << "the answer functions have no API frame";
-}
-
-TEST(Answers, MissingPointersAreInvalidArguments) {
-  LoadWithRecords();
+TEST(Answers, AddGetRemoveWriteThroughToTheFile) {
+  LoadWithRecords("answer OLD one\n");
   const char* value = nullptr;
   EXPECT_FALSE(PLR_VnetCfgGetAnswer("KEY", nullptr));
   EXPECT_FALSE(PLR_VnetCfgGetAnswer(nullptr, &value));
@@ -211,12 +207,6 @@ TEST(Answers, MissingPointersAreInvalidArguments) {
   EXPECT_EQ(CountLine(lines, "PLR_VnetCfgGetAnswer - Invalid argument"), 2);
   EXPECT_EQ(CountLine(lines, "PLR_VnetCfgAddAnswer - Invalid argument"), 2);
   EXPECT_EQ(CountLine(lines, "PLR_VnetCfgRemoveAnswer - Invalid argument"), 1);
-  PLR_Unload();
-}
-
-TEST(Answers, AddGetRemoveWriteThroughToTheFile) {
-  LoadWithRecords("answer OLD one\n");
-  const char* value = nullptr;
   ASSERT_TRUE(PLR_VnetCfgGetAnswer("OLD", &value));
   EXPECT_STREQ(value, "one");
   EXPECT_TRUE(PLR_VnetCfgAddAnswer("OLD", "two words"));

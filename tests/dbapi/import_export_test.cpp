@@ -57,27 +57,24 @@ int32_t Mapping(const char* adapter) {
 
 class WholeDatabase : public test::LoadedLibraryTest {};
 
-TEST(CreateDatabase, WritesOnlyTheVersionLine) {
+TEST(CreateDatabase, WritesOnlyTheVersionLineOrNoFile) {
   LogCapture log;
   ASSERT_TRUE(PLRNetCfgCreateDB("/tmp/db", false));
   EXPECT_EQ(ReadFile("/tmp/db"), "VERSION=1,0\n");
   ASSERT_TRUE(PLRNetCfgCreateDB("/tmp/bk", true));
   EXPECT_EQ(ReadFile("/tmp/bk"), "BACKUP_VERSION=1,0\n");
   EXPECT_TRUE(log.Contains("Created and initialized database backup file: /tmp/bk"));
-}
-
-TEST(CreateDatabase, FailedOpenOrWriteLeavesNoFile) {
-  LogCapture log;
+  // A failed open or write leaves no file.
   sys::FailNth(sys::Op::kFopen, 1, EACCES);
-  EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/db", false));
-  EXPECT_FALSE(FileExists("/tmp/db"));
-  EXPECT_TRUE(log.Contains("Failed to open file: /tmp/db, error: Permission denied"));
+  EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/nodb", false));
+  EXPECT_FALSE(FileExists("/tmp/nodb"));
+  EXPECT_TRUE(log.Contains("Failed to open file: /tmp/nodb, error: Permission denied"));
   sys::ClearFaults();
   sys::FailNth(sys::Op::kFsync, 1, EIO);
-  EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/db", false));
-  EXPECT_FALSE(FileExists("/tmp/db"));
+  EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/nodb", false));
+  EXPECT_FALSE(FileExists("/tmp/nodb"));
   EXPECT_TRUE(log.Contains(
-      "Failed to write initialization data into file: /tmp/dberror: Input/output error"));
+      "Failed to write initialization data into file: /tmp/nodberror: Input/output error"));
   sys::ClearFaults();
 }
 

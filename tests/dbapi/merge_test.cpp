@@ -136,7 +136,6 @@ TEST_F(Merge, PortForwardDifferenceMakesVnetChanged) {
 }
 
 TEST_F(Merge, FailedStartPutsDatabaseAndDaemonsBack) {
-  const std::string before = Database();
   // vnet 2 changes, vnet 3 turns NAT on, vnet 4 (changed by its name; bridge
   // mappings alone are not compared) gets bridged. Starts: bridge
   // 2, NAT 2, NAT 3, then the bridge of vnet 4 fails.
@@ -162,7 +161,6 @@ TEST_F(Merge, FailedStartPutsDatabaseAndDaemonsBack) {
   // The restored database holds the same settings (it was rewritten).
   EXPECT_NE(Database().find("answer VNET_2_NAT yes\n"), std::string::npos);
   EXPECT_EQ(Database().find("VNET_3_NAT"), std::string::npos);
-  EXPECT_NE(before.size(), 0u);
   // The default cache writes through again.
   EXPECT_TRUE(PLRNetCfgAddAnswerString(nullptr, "VNET_7_MTU", "1300"));
   EXPECT_NE(Database().find("answer VNET_7_MTU 1300\n"), std::string::npos);

@@ -49,10 +49,6 @@ class LogCapture {
   bool HasLine(const std::string& function, const std::string& message) const {
     return Text().find(" " + function + " - " + message + "\n") != std::string::npos;
   }
-  void Clear() {
-    fflush(stream_);
-    if (ftruncate(fileno(stream_), 0) == 0) rewind(stream_);
-  }
 
  private:
   FILE* stream_ = nullptr;

@@ -22,11 +22,9 @@ class Records : public ::testing::Test {
 };
 
 TEST_F(Records, AnswerConversions) {
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "HEX", "0x19"));
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "NEG", "-42"));
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "TEXT", "12abc"));
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "UPPER", "YES"));
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "ONE", "1"));
+  const char* answers[][2] = {
+      {"HEX", "0x19"}, {"NEG", "-42"}, {"TEXT", "12abc"}, {"UPPER", "YES"}, {"ONE", "1"}};
+  for (const auto& a : answers) ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, a[0], a[1]));
   int32_t n = 0;
   ASSERT_TRUE(PLRNetCfgGetAnswerInt32(db_, "HEX", &n));
   EXPECT_EQ(n, 0x19);

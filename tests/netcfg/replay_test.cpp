@@ -12,96 +12,73 @@ namespace {
 
 constexpr const char* kBackupPath = "/tmp/networking.bak";
 
-struct VersionCase {
-  const char* firstLine;
-  bool backup;
-  bool loads;
-  const char* message;  // the line logged for it, if any
-};
-
-class VersionLine : public ::testing::TestWithParam<VersionCase> {};
-
-TEST_P(VersionLine, DecidesTheLoad) {
-  const VersionCase& c = GetParam();
-  LogCapture log;
-  const char* path = c.backup ? kBackupPath : kDatabasePath;
-  WriteFile(path, std::string(c.firstLine) + "\nanswer K v\n");
-  PLRNetworkConfigurationDB* db = LoadCache(path, c.backup, false);
-  EXPECT_EQ(db != nullptr, c.loads);
-  if (c.message != nullptr) {
+// Each first line decides whether a database (or backup) loads, with its log line.
+TEST(VersionLine, DecidesTheLoad) {
+  const char* kMajor = "Cannot parse major version of database file, aborting parsing";
+  const char* kMinor = "Cannot parse or invalid minor version of database file, aborting parsing";
+  const char* kNone = "Database file must have version number, aborting";
+  const struct {
+    const char* firstLine;
+    bool backup, loads;
+    const char* message;
+  } cases[] = {
+      {"VERSION=1,0", false, true, "Database file, Major version: 1, Minor version: 0"},
+      {"VERSION=1,7", false, true, "Major version: 1, Minor version: 7"},
+      {"VERSION=0,3", false, true, "Major version: 0, Minor version: 3"},
+      {"VERSION=2,0", false, false, "Unsupported major version, supported: 1, actual: 2"},
+      {"VERSION=1", false, false, kMinor},
+      {"VERSION=1,-1", false, false, kMinor},
+      {"VERSION=x,0", false, false, kMajor},
+      {"VERSION=-1,0", false, false, kMajor},
+      {"version=1,0", false, false, kNone},
+      {"BACKUP_VERSION=1,0", false, false, kNone},
+      {"VERSION=1,0", true, true,
+       "Version line not found in database file, defaulting to legacy version"},
+      {"BACKUP_VERSION=1,0", true, true, "Major version: 1, Minor version: 0"},
+      {"BACKUP_VERSION=3,0", true, false, "Unsupported major version"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.firstLine);
+    LogCapture log;
+    const char* path = c.backup ? kBackupPath : kDatabasePath;
+    WriteFile(path, std::string(c.firstLine) + "\nanswer K v\n");
+    PLRNetworkConfigurationDB* db = LoadCache(path, c.backup, false);
+    EXPECT_EQ(db != nullptr, c.loads);
     EXPECT_TRUE(log.Has(c.message)) << log.Text();
+    if (db == nullptr) {
+      EXPECT_TRUE(
+          log.Has(std::string("Failed to load database cache with contents of file: ") + path));
+      continue;
+    }
+    EXPECT_EQ(StateOf(db), "A K=v\n");
+    PLRNetCfgUnload(&db, false);
   }
-  if (!c.loads) {
-    EXPECT_TRUE(
-        log.Has(std::string("Failed to load database cache with contents of file: ") + path));
-    return;
-  }
-  EXPECT_EQ(StateOf(db), "A K=v\n");
-  PLRNetCfgUnload(&db, false);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rules, VersionLine,
-    ::testing::Values(
-        VersionCase{"VERSION=1,0", false, true,
-                    "Database file, Major version: 1, Minor version: 0"},
-        VersionCase{"VERSION=1,7", false, true, "Major version: 1, Minor version: 7"},
-        VersionCase{"VERSION=0,3", false, true, "Major version: 0, Minor version: 3"},
-        VersionCase{"VERSION=2,0", false, false,
-                    "Unsupported major version, supported: 1, actual: 2"},
-        VersionCase{"VERSION=1", false, false,
-                    "Cannot parse or invalid minor version of database file, aborting parsing"},
-        VersionCase{"VERSION=1,-1", false, false,
-                    "Cannot parse or invalid minor version of database file, aborting parsing"},
-        VersionCase{"VERSION=x,0", false, false,
-                    "Cannot parse major version of database file, aborting parsing"},
-        VersionCase{"VERSION=-1,0", false, false,
-                    "Cannot parse major version of database file, aborting parsing"},
-        VersionCase{"version=1,0", false, false,
-                    "Database file must have version number, aborting"},
-        VersionCase{"BACKUP_VERSION=1,0", false, false,
-                    "Database file must have version number, aborting"},
-        VersionCase{"VERSION=1,0", true, true,
-                    "Version line not found in database file, defaulting to legacy version"},
-        VersionCase{"BACKUP_VERSION=1,0", true, true, "Major version: 1, Minor version: 0"},
-        VersionCase{"BACKUP_VERSION=3,0", true, false, "Unsupported major version"}),
-    [](const ::testing::TestParamInfo<VersionCase>& info) {
-      return "Case" + std::to_string(info.index);
-    });
-
-TEST(VersionLineRules, DatabaseStartingWithARecordIsRefusedButABackupKeepsIt) {
-  LogCapture log;
-  WriteFile(kDatabasePath, "answer VNET_1_DHCP yes\n");
-  EXPECT_EQ(LoadCache(), nullptr);
-  EXPECT_TRUE(log.Has("Database file must have version number, aborting"));
-
-  WriteFile(kBackupPath, "answer VNET_1_DHCP yes\nanswer VNET_1_NAT no\n");
-  PLRNetworkConfigurationDB* db = LoadCache(kBackupPath, true, true);
-  ASSERT_NE(db, nullptr);
-  EXPECT_EQ(db->majorVersion, 0u);
-  EXPECT_EQ(db->minorVersion, 0u);
-  EXPECT_TRUE(db->backup);
-  EXPECT_EQ(StateOf(db), "A VNET_1_DHCP=yes\nA VNET_1_NAT=no\n");
-  PLRNetCfgUnload(&db, false);
-}
-
-TEST(VersionLineRules, EmptyFileFailsADatabaseButIsALegacyBackup) {
-  LogCapture log;
-  WriteFile(kDatabasePath, "");
-  EXPECT_EQ(LoadCache(), nullptr);
-  EXPECT_TRUE(log.Has("Database file cannot be empty, aborting"));
-  WriteFile(kBackupPath, "");
-  PLRNetworkConfigurationDB* db = LoadCache(kBackupPath, true, false);
-  ASSERT_NE(db, nullptr);
-  EXPECT_EQ(db->majorVersion, 0u);
-  PLRNetCfgUnload(&db, false);
-}
-
-TEST(VersionLineRules, MissingFileIsRefusedBeforeAnythingElse) {
+// A missing file is refused before anything else; an empty file or one
+// starting with a record fails a database but is a legacy backup.
+TEST(VersionLineRules, MissingEmptyAndUnversionedFiles) {
   LogCapture log;
   EXPECT_EQ(LoadCache("/etc/tarsis/nothing-here"), nullptr);
   EXPECT_TRUE(log.Has("Import file does not exist"));
   EXPECT_FALSE(log.Has("Failed to load database cache"));
+  WriteFile(kDatabasePath, "");
+  EXPECT_EQ(LoadCache(), nullptr);
+  EXPECT_TRUE(log.Has("Database file cannot be empty, aborting"));
+  WriteFile(kDatabasePath, "answer VNET_1_DHCP yes\n");
+  EXPECT_EQ(LoadCache(), nullptr);
+  EXPECT_TRUE(log.Has("Database file must have version number, aborting"));
+
+  for (const char* legacy : {"", "answer VNET_1_DHCP yes\nanswer VNET_1_NAT no\n"}) {
+    WriteFile(kBackupPath, legacy);
+    PLRNetworkConfigurationDB* db = LoadCache(kBackupPath, true, true);
+    ASSERT_NE(db, nullptr) << legacy;
+    EXPECT_EQ(db->majorVersion, 0u);
+    EXPECT_EQ(db->minorVersion, 0u);
+    EXPECT_TRUE(db->backup);
+    EXPECT_EQ(StateOf(db), *legacy ? "A VNET_1_DHCP=yes\nA VNET_1_NAT=no\n" : "");
+    PLRNetCfgUnload(&db, false);
+  }
 }
 
 TEST(Replay, EveryRecordTypeIsReplayedInOrder) {

@@ -28,38 +28,29 @@ const char* kSeed =
     "add_bridge_mapping eth0 0\n"
     "add_nat_prefix 8 fd00:1::/64\n";
 
+#define CHANGE(name, call)                                   \
+  Change {                                                   \
+    name, [](PLRNetworkConfigurationDB* db) { return call; } \
+  }
 std::vector<Change> Changes() {
   return {
-      {"new answer", [](auto* db) { return PLRNetCfgAddAnswerString(db, "NEW_KEY", "v"); }},
-      {"changed answer", [](auto* db) { return PLRNetCfgAddAnswerString(db, "OLD_KEY", "new"); }},
-      {"removed answer", [](auto* db) { return PLRNetCfgRemoveAnswer(db, "OLD_KEY"); }},
-      {"new forward",
-       [](auto* db) {
-         return PLRNetCfgAddNATPortFwd(db, 8, false, 53, "10.0.0.3", 53, nullptr, false);
-       }},
-      {"changed forward",
-       [](auto* db) {
-         return PLRNetCfgAddNATPortFwd(db, 8, true, 80, "10.0.0.9", 8080, "new", false);
-       }},
-      {"removed forward", [](auto* db) { return PLRNetCfgRemoveNATPortFwd(db, 8, true, 80); }},
-      {"new mapping",
-       [](auto* db) {
-         return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:66", "10.0.0.6", false);
-       }},
-      {"changed mapping",
-       [](auto* db) {
-         return PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:55", "10.0.0.7", false);
-       }},
-      {"removed mapping",
-       [](auto* db) { return PLRNetCfgRemoveDHCPMACToIP(db, 8, "00:11:22:33:44:55"); }},
-      {"new bridge", [](auto* db) { return PLRNetCfgAddHostAdapterMapping(db, "eth1", 2, false); }},
-      {"changed bridge",
-       [](auto* db) { return PLRNetCfgAddHostAdapterMapping(db, "eth0", -1, false); }},
-      {"removed bridge", [](auto* db) { return PLRNetCfgRemoveHostAdapterMapping(db, "eth0"); }},
-      {"new prefix", [](auto* db) { return PLRNetCfgAddNATPrefix(db, 8, "fd00:2::/64"); }},
-      {"removed prefix", [](auto* db) { return PLRNetCfgRemoveNATPrefix(db, 8, "fd00:1::/64"); }},
+      CHANGE("new answer", PLRNetCfgAddAnswerString(db, "NEW_KEY", "v")),
+      CHANGE("changed answer", PLRNetCfgAddAnswerString(db, "OLD_KEY", "new")),
+      CHANGE("removed answer", PLRNetCfgRemoveAnswer(db, "OLD_KEY")),
+      CHANGE("new fwd", PLRNetCfgAddNATPortFwd(db, 8, false, 53, "10.0.0.3", 53, nullptr, false)),
+      CHANGE("changed fwd", PLRNetCfgAddNATPortFwd(db, 8, true, 80, "10.0.0.9", 8080, "n", false)),
+      CHANGE("removed forward", PLRNetCfgRemoveNATPortFwd(db, 8, true, 80)),
+      CHANGE("new mapping", PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:66", "10.0.0.6", false)),
+      CHANGE("changed map", PLRNetCfgAddDHCPMACToIP(db, 8, "00:11:22:33:44:55", "10.0.0.7", false)),
+      CHANGE("removed mapping", PLRNetCfgRemoveDHCPMACToIP(db, 8, "00:11:22:33:44:55")),
+      CHANGE("new bridge", PLRNetCfgAddHostAdapterMapping(db, "eth1", 2, false)),
+      CHANGE("changed bridge", PLRNetCfgAddHostAdapterMapping(db, "eth0", -1, false)),
+      CHANGE("removed bridge", PLRNetCfgRemoveHostAdapterMapping(db, "eth0")),
+      CHANGE("new prefix", PLRNetCfgAddNATPrefix(db, 8, "fd00:2::/64")),
+      CHANGE("removed prefix", PLRNetCfgRemoveNATPrefix(db, 8, "fd00:1::/64")),
   };
 }
+#undef CHANGE
 
 // For each change and each of its writes: failing that write (and only it)
 // fails the change, the cache is back to its old state, the file replays to

@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/sys-util.h"
@@ -90,29 +91,48 @@ TEST_F(AdapterTest, StatusTellsAbsentDownAndUpAndComparesNamesExactly) {
 TEST_F(AdapterTest, StatusFailuresReadAsError) {
   Load("");
   AddInterface("kavix1");
-  sys::FailNth(sys::Op::kFopen, 1, EACCES);
-  EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_STATUS_ERROR);
-  EXPECT_TRUE(LogHas("PLRAdapterStatus - fopen(/proc/net/dev) failed: Permission denied"));
-  sys::ClearFaults();
-  sys::FailNth(sys::Op::kSocket, 1, EMFILE);
-  EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_STATUS_ERROR);
-  EXPECT_TRUE(LogHas("PLRAdapterStatus - socket() failed: Too many open files"));
-  sys::ClearFaults();
-  sys::FailNth(sys::Op::kIoctl, 1, EPERM);
-  EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_STATUS_ERROR);
-  EXPECT_TRUE(LogHas("PLRAdapterStatus - SIOCGIFFLAGS() failed: Operation not permitted"));
-  sys::ClearFaults();
-  // Listed but gone by the time the kernel is asked: absent, silently.
-  sys::FailNth(sys::Op::kIoctl, 1, ENODEV);
-  EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_ABSENT);
-  sys::ClearFaults();
+  const struct {
+    sys::Op op;
+    int error;
+    uint32_t status;
+    const char* message;  // "" when the case logs nothing of its own
+  } cases[] = {
+      {sys::Op::kFopen, EACCES, PLR_ADAPTER_STATUS_ERROR,
+       "PLRAdapterStatus - fopen(/proc/net/dev) failed: Permission denied"},
+      {sys::Op::kSocket, EMFILE, PLR_ADAPTER_STATUS_ERROR,
+       "PLRAdapterStatus - socket() failed: Too many open files"},
+      {sys::Op::kIoctl, EPERM, PLR_ADAPTER_STATUS_ERROR,
+       "PLRAdapterStatus - SIOCGIFFLAGS() failed: Operation not permitted"},
+      // Listed but gone by the time the kernel is asked: absent, silently.
+      {sys::Op::kIoctl, ENODEV, PLR_ADAPTER_ABSENT, ""},
+  };
+  for (const auto& c : cases) {
+    sys::FailNth(c.op, 1, c.error);
+    EXPECT_EQ(PLRAdapterStatus("kavix1"), c.status) << c.message;
+    sys::ClearFaults();
+    EXPECT_TRUE(LogHas(c.message)) << c.message;
+  }
+}
+
+// Recorded through the system call table: the order is part of the contract.
+std::vector<unsigned long> gRequests;
+int RecordIoctl(int fd, unsigned long request, void* arg) {
+  gRequests.push_back(request);
+  return ::ioctl(fd, request, arg);
 }
 
 TEST_F(AdapterTest, EnableSetsExactlyAddressMaskBroadcastUpAndMulticast) {
   Load(kVnet1);
   AddInterface("kavix1");
   ASSERT_EQ(plr::test::Run("ip link set kavix1 multicast off"), 0);
-  ASSERT_TRUE(PLRVirtAdapterEnable(1));
+  gRequests.clear();
+  sys::calls().ioctl = RecordIoctl;
+  bool ok = PLRVirtAdapterEnable(1);
+  sys::ResetCalls();
+  ASSERT_TRUE(ok);
+  // The first SIOCGIFFLAGS is the status check.
+  EXPECT_THAT(gRequests, ElementsAre(SIOCGIFFLAGS, SIOCSIFADDR, SIOCSIFNETMASK, SIOCSIFBRDADDR,
+                                     SIOCGIFFLAGS, SIOCSIFFLAGS));
   Interface i = Inspect("kavix1");
   ASSERT_TRUE(i.found);
   EXPECT_THAT(i.inet, ElementsAre(InetAddress{"10.0.7.1", "255.255.255.0", "10.0.7.255"}));
@@ -133,41 +153,20 @@ TEST_F(AdapterTest, EnableSetsExactlyAddressMaskBroadcastUpAndMulticast) {
   EXPECT_TRUE(LogHas("ioctl: SIOCSIFFLAGS set interface flags to: 0x"));
 }
 
-// Recorded through the system call table: the order is part of the contract.
-std::vector<unsigned long> gRequests;
-int RecordIoctl(int fd, unsigned long request, void* arg) {
-  gRequests.push_back(request);
-  return ::ioctl(fd, request, arg);
-}
-
-TEST_F(AdapterTest, EnableIssuesTheFiveIoctlsInOrder) {
-  Load(kVnet1);
-  AddInterface("kavix1");
-  gRequests.clear();
-  sys::calls().ioctl = RecordIoctl;
-  bool ok = PLRVirtAdapterEnable(1);
-  sys::ResetCalls();
-  ASSERT_TRUE(ok);
-  // The first SIOCGIFFLAGS is the status check.
-  EXPECT_THAT(gRequests, ElementsAre(SIOCGIFFLAGS, SIOCSIFADDR, SIOCSIFNETMASK, SIOCSIFBRDADDR,
-                                     SIOCGIFFLAGS, SIOCSIFFLAGS));
-}
-
-TEST_F(AdapterTest, StoredAddressAndWiderMaskAreUsed) {
+// A stored address and a wider mask are used as given; a subnet with host
+// bits gives the next address.
+TEST_F(AdapterTest, StoredAddressWiderMaskAndHostBitsAreUsed) {
   Load(
       "answer VNET_2_HOSTONLY_SUBNET 172.16.0.0\nanswer VNET_2_HOSTONLY_NETMASK 255.255.0.0\n"
       "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostonly2\n");
+      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostonly2\n"
+      "answer VNET_1_HOSTONLY_SUBNET 10.0.7.5\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n");
   AddInterface("hostonly2");
+  AddInterface("kavix1");
   ASSERT_TRUE(PLRVirtAdapterEnable(2));
+  ASSERT_TRUE(PLRVirtAdapterEnable(1));
   EXPECT_THAT(Inspect("hostonly2").inet,
               ElementsAre(InetAddress{"172.16.5.9", "255.255.0.0", "172.16.255.255"}));
-}
-
-TEST_F(AdapterTest, SubnetWithHostBitsGivesTheNextAddress) {
-  Load("answer VNET_1_HOSTONLY_SUBNET 10.0.7.5\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n");
-  AddInterface("kavix1");
-  ASSERT_TRUE(PLRVirtAdapterEnable(1));
   EXPECT_THAT(Inspect("kavix1").inet,
               ElementsAre(InetAddress{"10.0.7.6", "255.255.255.0", "10.0.7.255"}));
 }
@@ -184,18 +183,12 @@ TEST_F(AdapterTest, EnablingAnAdapterThatIsUpChangesNothing) {
               ElementsAre(InetAddress{"10.9.9.9", "255.0.0.0", "10.255.255.255"}));
 }
 
+// An absent adapter, and a name differing only in case, fail at the address.
 TEST_F(AdapterTest, AbsentAdapterFailsAtSettingTheAddress) {
-  Load(kVnet1);
-  EXPECT_FALSE(PLRVirtAdapterEnable(1));
-  EXPECT_TRUE(LogHas("PLRVirtAdapterEnable - ioctl: SIOCAIFADDR failed, error: No such device"));
-}
-
-TEST_F(AdapterTest, NameDifferingOnlyInCaseIsNotTheAdapter) {
   Load(std::string(kVnet1) + "answer VNET_1_VIRTUAL_ADAPTER_NAME KAVIX1\n");
   AddInterface("kavix1");
-  EXPECT_EQ(PLRAdapterStatus("KAVIX1"), PLR_ADAPTER_ABSENT);
   EXPECT_FALSE(PLRVirtAdapterEnable(1));
-  EXPECT_TRUE(LogHas("ioctl: SIOCAIFADDR failed, error: No such device"));
+  EXPECT_TRUE(LogHas("PLRVirtAdapterEnable - ioctl: SIOCAIFADDR failed, error: No such device"));
   EXPECT_TRUE(Inspect("kavix1").inet.empty());
 }
 
@@ -240,15 +233,6 @@ TEST_F(AdapterTest, EachIoctlFailureEndsEnableWithItsOwnMessage) {
   }
 }
 
-TEST_F(AdapterTest, EnableSocketFailureIsReported) {
-  Load(kVnet1);
-  AddInterface("kavix1");
-  sys::FailNth(sys::Op::kSocket, 2, EMFILE);  // the first socket is the status query's
-  EXPECT_FALSE(PLRVirtAdapterEnable(1));
-  sys::ClearFaults();
-  EXPECT_TRUE(LogHas("socket(): for enabling adapter failed, error: Too many open files"));
-}
-
 TEST_F(AdapterTest, DisableClearsUpAndKeepsTheAddresses) {
   Load(kVnet1);
   AddInterface("kavix1");
@@ -267,9 +251,13 @@ TEST_F(AdapterTest, DisableClearsUpAndKeepsTheAddresses) {
   EXPECT_EQ(LogCount("PLRVirtAdapterDisable - Virtual adapter is already disabled"), 2u);
 }
 
-TEST_F(AdapterTest, DisableFailuresAreReported) {
+TEST_F(AdapterTest, SocketAndDisableFailuresAreReported) {
   Load(kVnet1);
   AddInterface("kavix1");
+  sys::FailNth(sys::Op::kSocket, 2, EMFILE);  // the first socket is the status query's
+  EXPECT_FALSE(PLRVirtAdapterEnable(1));
+  sys::ClearFaults();
+  EXPECT_TRUE(LogHas("socket(): for enabling adapter failed, error: Too many open files"));
   ASSERT_EQ(plr::test::Run("ip link set kavix1 up"), 0);
   sys::FailNth(sys::Op::kSocket, 2, EMFILE);
   EXPECT_FALSE(PLRVirtAdapterDisable(1));
@@ -298,24 +286,20 @@ TEST_F(AdapterTest, AdapterCallsLeakNoDescriptor) {
   EXPECT_EQ(OpenFds(), before);
 }
 
-TEST_F(AdapterTest, BroadcastIsAddressOrInvertedMask) {
+TEST_F(AdapterTest, BroadcastIsAddressOrInvertedMaskAndDriverCallsFail) {
   Load("");
   char out[16];
-  ASSERT_TRUE(PLRGetBcastAddr("10.0.7.1", "255.255.255.0", out));
-  EXPECT_STREQ(out, "10.0.7.255");
-  ASSERT_TRUE(PLRGetBcastAddr("10.0.7.5", "255.255.255.252", out));
-  EXPECT_STREQ(out, "10.0.7.7");
-  ASSERT_TRUE(PLRGetBcastAddr("192.168.1.1", "255.255.0.0", out));
-  EXPECT_STREQ(out, "192.168.255.255");
-  ASSERT_TRUE(PLRGetBcastAddr("10.1.2.3", "255.255.255.255", out));
-  EXPECT_STREQ(out, "10.1.2.3");
+  for (auto [addr, mask, bcast] : {std::tuple{"10.0.7.1", "255.255.255.0", "10.0.7.255"},
+                                   {"10.0.7.5", "255.255.255.252", "10.0.7.7"},
+                                   {"192.168.1.1", "255.255.0.0", "192.168.255.255"},
+                                   {"10.1.2.3", "255.255.255.255", "10.1.2.3"}}) {
+    ASSERT_TRUE(PLRGetBcastAddr(addr, mask, out));
+    EXPECT_STREQ(out, bcast);
+  }
   EXPECT_FALSE(PLRGetBcastAddr(nullptr, "255.0.0.0", out));
   EXPECT_FALSE(PLRGetBcastAddr("10.0.0.1", nullptr, out));
   EXPECT_FALSE(PLRGetBcastAddr("10.0.0.1", "255.0.0.0", nullptr));
   EXPECT_EQ(LogCount("PLRGetBcastAddr - Invalid arguments"), 3u);
-}
-
-TEST_F(AdapterTest, DriverOperationsAreStubsThatFail) {
   EXPECT_FALSE(PLRLoadKavixDriver());
   EXPECT_FALSE(PLRUnloadKavixDriver());
 }

@@ -17,17 +17,16 @@ using namespace svc;  // NOLINT: the services test vocabulary
 class ServiceTableTest : public ServiceTest {};
 
 TEST_F(ServiceTableTest, OptionCodesAndDescriptionsFollowTheServiceIds) {
-  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_BRIDGE), 1u);
-  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_NETIFUP), 4u);
-  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_DHCP), 2u);
-  EXPECT_EQ(PLRLookupConfigOptionForServiceID(PLR_SERVICE_NAT), 3u);
-  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_BRIDGE), "Bridge");
-  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_NETIFUP), "Netifup");
-  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_DHCP), "DHCP");
-  EXPECT_STREQ(PLRLookupDescStringForServiceID(PLR_SERVICE_NAT), "NAT");
-  for (uint32_t bad : {0u, 5u, 0x8801u, 0xFFFFFFFFu}) {
-    EXPECT_EQ(PLRLookupConfigOptionForServiceID(bad), 0u) << bad;
-    EXPECT_STREQ(PLRLookupDescStringForServiceID(bad), "") << bad;
+  const struct {
+    uint32_t service, option;
+    const char* desc;
+  } cases[] = {{PLR_SERVICE_BRIDGE, 1, "Bridge"}, {PLR_SERVICE_NETIFUP, 4, "Netifup"},
+               {PLR_SERVICE_DHCP, 2, "DHCP"},     {PLR_SERVICE_NAT, 3, "NAT"},
+               {0, 0, ""},                        {5, 0, ""},
+               {0x8801u, 0, ""},                  {0xFFFFFFFFu, 0, ""}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(PLRLookupConfigOptionForServiceID(c.service), c.option) << c.service;
+    EXPECT_STREQ(PLRLookupDescStringForServiceID(c.service), c.desc) << c.service;
   }
 }
 
@@ -88,7 +87,7 @@ TEST_F(ServiceTableTest, UnknownServiceHasNoPidFile) {
 }
 
 struct PidText {
-  const char* text;
+  std::string text;
   int32_t pid;
 };
 
@@ -113,6 +112,7 @@ TEST_F(ServiceTableTest, OnlyAPlainNumberOnTheFirstLineIsAPid) {
       {"12abc\n", 0},
       {"abc\n1234\n", 0},
       {"2147483647\n", 2147483647},
+      {std::string(300, '1') + "\n", 0},  // an overlong first line
   };
   for (const PidText& c : cases) {
     WriteFile("/run/test.pid", c.text);
@@ -120,14 +120,6 @@ TEST_F(ServiceTableTest, OnlyAPlainNumberOnTheFirstLineIsAPid) {
     EXPECT_EQ(PLRExtractPidFromFile("/run/test.pid", &noFile), c.pid) << '"' << c.text << '"';
     EXPECT_FALSE(noFile) << c.text;
   }
-}
-
-TEST_F(ServiceTableTest, AnOverlongFirstLineIsNoPid) {
-  Load("");
-  WriteFile("/run/long.pid", std::string(300, '1') + "\n");
-  bool noFile = true;
-  EXPECT_EQ(PLRExtractPidFromFile("/run/long.pid", &noFile), 0);
-  EXPECT_FALSE(noFile);
 }
 
 TEST_F(ServiceTableTest, MissingFileIsToldApartFromUnreadableOne) {
@@ -153,9 +145,8 @@ TEST_F(ServiceTableTest, ReadingPidsLeaksNoDescriptor) {
   std::set<int> before = OpenFds();
   bool noFile;
   for (int i = 0; i < 50; ++i) {
-    PLRExtractPidFromFile("/run/a.pid", &noFile);
-    PLRExtractPidFromFile("/run/b.pid", &noFile);
-    PLRExtractPidFromFile("/run/missing.pid", &noFile);
+    for (const char* path : {"/run/a.pid", "/run/b.pid", "/run/missing.pid"})
+      PLRExtractPidFromFile(path, &noFile);
   }
   EXPECT_EQ(OpenFds(), before);
 }

@@ -27,13 +27,12 @@ class NatParams : public test::SvcFilesTest {
 
 TEST_F(NatParams, ExternalIdentifiersMapAndNetmaskOrDeviceHaveNone) {
   Load();
-  EXPECT_EQ(PLRNATMapIntParamID(9027), PLR_NAT_PARAM_GATEWAY_IP);
-  EXPECT_EQ(PLRNATMapIntParamID(9030), PLR_NAT_PARAM_CONFIG_PORT);
-  EXPECT_EQ(PLRNATMapIntParamID(9031), PLR_NAT_PARAM_ACTIVE_FTP);
-  EXPECT_EQ(PLRNATMapIntParamID(9032), PLR_NAT_PARAM_ALLOW_ANY_OUI);
-  EXPECT_EQ(PLRNATMapIntParamID(9033), PLR_NAT_PARAM_UDP_TIMEOUT);
-  EXPECT_EQ(PLRNATMapIntParamID(9050), PLR_NAT_PARAM_NAT6);
-  EXPECT_EQ(PLRNATMapIntParamID(9051), PLR_NAT_PARAM_NAT6_PREFIX);
+  const std::pair<uint32_t, uint32_t> mapped[] = {
+      {9027, PLR_NAT_PARAM_GATEWAY_IP},      {9030, PLR_NAT_PARAM_CONFIG_PORT},
+      {9031, PLR_NAT_PARAM_ACTIVE_FTP},      {9032, PLR_NAT_PARAM_ALLOW_ANY_OUI},
+      {9033, PLR_NAT_PARAM_UDP_TIMEOUT},     {9050, PLR_NAT_PARAM_NAT6},
+      {9051, PLR_NAT_PARAM_NAT6_PREFIX}};
+  for (auto [external, internal] : mapped) EXPECT_EQ(PLRNATMapIntParamID(external), internal);
   EXPECT_EQ(LogCount("Could not map external paramID"), 0);
   for (uint32_t unmapped : {9028u, 9029u, 9034u, 9049u, 9052u}) {
     EXPECT_EQ(PLRNATMapIntParamID(unmapped), PLR_NAT_PARAM_NOT_SUPPORTED) << unmapped;

@@ -13,21 +13,18 @@ namespace {
 
 using test::CountOf;
 
-// --- Name and number --------------------------------------------------------
-
 TEST(VnetNames, NameToNumberAcceptsPrefixInAnyCaseAndDecimal0To255) {
-  EXPECT_EQ(PLRConvVnetNameToNum("kavix0"), 0u);
-  EXPECT_EQ(PLRConvVnetNameToNum("kavix8"), 8u);
-  EXPECT_EQ(PLRConvVnetNameToNum("KAVIX1"), 1u);
-  EXPECT_EQ(PLRConvVnetNameToNum("KAVIX3"), 3u);
-  EXPECT_EQ(PLRConvVnetNameToNum("KaViX42"), 42u);
-  EXPECT_EQ(PLRConvVnetNameToNum("kavix007"), 7u);
-  EXPECT_EQ(PLRConvVnetNameToNum("kavix255"), 255u);
-  // Leading zeros never push the value past 255, so any number of them reads.
-  EXPECT_EQ(PLRConvVnetNameToNum("kavix00000000000000000000000000000001"), 1u);
-}
-
-TEST(VnetNames, NameToNumberRejectsEverythingElse) {
+  const struct {
+    const char* name;
+    uint32_t vnet;
+  } good[] = {{"kavix0", 0},
+              {"KAVIX1", 1},
+              {"KaViX42", 42},
+              {"kavix007", 7},
+              {"kavix255", 255},
+              // Leading zeros never push the value past 255, so any number of them reads.
+              {"kavix00000000000000000000000000000001", 1}};
+  for (const auto& c : good) EXPECT_EQ(PLRConvVnetNameToNum(c.name), c.vnet) << c.name;
   const char* bad[] = {"kavix256", "kavix",     "kavix1a",
                        "kavix 1",  "kavix-1",   "kavix+1",
                        "kavix1 ",  "kavix2550", "kavix99999999999999999999",
@@ -37,32 +34,26 @@ TEST(VnetNames, NameToNumberRejectsEverythingElse) {
   EXPECT_EQ(PLRConvVnetNameToNum(nullptr), PLR_VNET_NONE);
 }
 
-TEST(VnetNames, NumberToNameAndBackForEveryVnet) {
+TEST(VnetNames, NumberToNameAndBackForEveryVnetAndAbove255LeavesBufferUntouched) {
+  char name[PLR_VNET_NAME_SIZE];
   for (uint32_t vnet = 0; vnet <= 255; ++vnet) {
-    char name[PLR_VNET_NAME_SIZE];
     ASSERT_TRUE(PLRConvVnetNumToName(vnet, name));
     EXPECT_EQ(std::string(name), "kavix" + std::to_string(vnet));
     EXPECT_EQ(PLRConvVnetNameToNum(name), vnet);
   }
-}
-
-TEST(VnetNames, NumberAbove255LeavesBufferUntouched) {
-  char name[PLR_VNET_NAME_SIZE];
   memset(name, '#', sizeof name);
-  EXPECT_FALSE(PLRConvVnetNumToName(256, name));
-  EXPECT_FALSE(PLRConvVnetNumToName(PLR_VNET_NONE, name));
-  EXPECT_FALSE(PLRConvVnetNumToName(PLR_VNET_ALL, name));
+  for (uint32_t vnet : {256u, PLR_VNET_NONE, PLR_VNET_ALL})
+    EXPECT_FALSE(PLRConvVnetNumToName(vnet, name));
   for (char c : name) EXPECT_EQ(c, '#');
 }
 
-// --- Default bridge vnet ----------------------------------------------------
-
 class DefaultBridge : public test::LoadedLibraryTest {};
 
-TEST_F(DefaultBridge, CacheStartsUnreadAndLoadPrimesIt) {
+TEST_F(DefaultBridge, LoadPrimesCacheAndLaterDatabaseChangesDoNotMoveIt) {
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
   Load();
   EXPECT_EQ(plrDefaultBridgeVnet, 0u) << "absent means vnet 0";
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(nullptr, "PLR_DEFAULT_BRIDGE_VNET", "-1"));
   uint32_t vnet = 77;
   EXPECT_TRUE(PLRGetDefaultBridgeVnet(&vnet));
   EXPECT_EQ(vnet, 0u);
@@ -89,15 +80,8 @@ TEST_F(DefaultBridge, OtherStoredValuesFailEveryTimeAndAreNotCached) {
             3);
 }
 
-TEST_F(DefaultBridge, CachedValueWinsOverLaterDatabaseChanges) {
-  Load();
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(nullptr, "PLR_DEFAULT_BRIDGE_VNET", "-1"));
-  uint32_t vnet = 99;
-  EXPECT_TRUE(PLRGetDefaultBridgeVnet(&vnet));
-  EXPECT_EQ(vnet, 0u);
-}
-
-TEST_F(DefaultBridge, SetStoresAnyValueAndCachesIt) {
+// Set stores any value and caches it; the reload then refuses what it wrote.
+TEST_F(DefaultBridge, SetStoresAndCachesAnyValueButReloadAcceptsOnly0AndMinus1) {
   Load();
   EXPECT_TRUE(PLRSetDefaultBridgeVnet(7));
   EXPECT_EQ(plrDefaultBridgeVnet, 7u);
@@ -106,19 +90,13 @@ TEST_F(DefaultBridge, SetStoresAnyValueAndCachesIt) {
   EXPECT_EQ(vnet, 7u);
   EXPECT_TRUE(PLRSetDefaultBridgeVnet(PLR_VNET_NONE));
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_NONE);
-  std::string db = Database();
-  EXPECT_NE(db.find("answer PLR_DEFAULT_BRIDGE_VNET 7\n"), std::string::npos) << db;
-  EXPECT_NE(db.find("remove_answer PLR_DEFAULT_BRIDGE_VNET\nanswer PLR_DEFAULT_BRIDGE_VNET -1\n"),
+  EXPECT_TRUE(PLRSetDefaultBridgeVnet(3));
+  EXPECT_NE(Database().find("answer PLR_DEFAULT_BRIDGE_VNET 7\nremove_answer "
+                            "PLR_DEFAULT_BRIDGE_VNET\nanswer PLR_DEFAULT_BRIDGE_VNET -1\n"),
             std::string::npos)
-      << db;
-}
-
-TEST_F(DefaultBridge, UnloadResetsCacheAndReloadRejectsWhatSetWrote) {
-  Load();
-  ASSERT_TRUE(PLRSetDefaultBridgeVnet(3));
+      << Database();
   PLR_Unload();
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
-  // The set value survived in the file, but reading accepts only 0 and -1.
   ASSERT_TRUE(PLR_Load(false));
   PLR_SetCurrentLogLevel(PLR_LOG_MAX_LEVEL);
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);

@@ -25,25 +25,15 @@ std::optional<std::string> Answer(const std::string& key) {
 
 class VnetSettings : public test::LoadedLibraryTest {};
 
-// --- Keys -------------------------------------------------------------------
-
-TEST_F(VnetSettings, KeysJoinVnetNumberAndSettingName) {
+TEST_F(VnetSettings, KeysJoinSignedVnetNumberAndSettingName) {
   Load();
   ASSERT_TRUE(PLRSetVnetDisplayName(12, "Lab net"));
-  ASSERT_TRUE(PLRSetVnetMTU(0, "1400"));
-  EXPECT_EQ(Answer("VNET_12_DISPLAY_NAME"), "Lab net");
-  EXPECT_EQ(Answer("VNET_0_MTU"), "1400");
-  // The value runs to the end of the record, blanks included.
-  std::string db = Database();
-  EXPECT_NE(db.find("answer VNET_12_DISPLAY_NAME Lab net\n"), std::string::npos) << db;
-  EXPECT_NE(db.find("answer VNET_0_MTU 1400\n"), std::string::npos) << db;
-}
-
-TEST_F(VnetSettings, VnetNumberIsFormattedSigned) {
-  Load();
   ASSERT_TRUE(PLRSetVnetCfg(PLR_VNET_NONE, "MTU", "9000"));
+  EXPECT_EQ(Answer("VNET_12_DISPLAY_NAME"), "Lab net");
   EXPECT_EQ(Answer("VNET_-1_MTU"), "9000");
   EXPECT_STREQ(PLRGetVnetCfg(PLR_VNET_NONE, "MTU"), "9000");
+  // The value runs to the end of the record, blanks included.
+  EXPECT_NE(Database().find("answer VNET_12_DISPLAY_NAME Lab net\n"), std::string::npos);
 }
 
 TEST_F(VnetSettings, KeyOf511CharactersWorksAndOneMoreIsRefusedEverywhere) {
@@ -70,7 +60,7 @@ TEST_F(VnetSettings, KeyOf511CharactersWorksAndOneMoreIsRefusedEverywhere) {
 
 // --- Generic accessors ------------------------------------------------------
 
-TEST_F(VnetSettings, CopyReportsNeededSizeAndFailsWhenTooSmall) {
+TEST_F(VnetSettings, CopyReportsNeededSizeAndFailsWhenTooSmallOrAbsent) {
   Load("answer VNET_4_DISPLAY_NAME fifteen-chars!!\n");
   char buf[32];
   memset(buf, 'x', sizeof buf);
@@ -87,24 +77,25 @@ TEST_F(VnetSettings, CopyReportsNeededSizeAndFailsWhenTooSmall) {
   EXPECT_TRUE(PLRGetVnetCfgCpy(4, "DISPLAY_NAME", buf, &size));
   EXPECT_EQ(size, 16u);
   EXPECT_STREQ(buf, "fifteen-chars!!");
-}
 
-TEST_F(VnetSettings, CopyOfAbsentSettingLeavesSizeAndLogsAtInfo2) {
-  Load();
-  char buf[16];
-  size_t size = sizeof buf;
+  // An absent setting leaves the size; at the default level absence is not logged.
   EXPECT_FALSE(PLRGetVnetCfgCpy(9, "MTU", buf, &size));
-  EXPECT_EQ(size, sizeof buf);
+  EXPECT_EQ(size, 16u);
   EXPECT_EQ(CountOf(Log(), "Unable to find host configuration entry : \"MTU\" for Vnet: 9"), 1);
-
-  // At the default level (errors, warnings, success) absence is not logged.
   PLR_SetCurrentLogLevel(PLR_LOG_DEFAULT_LEVEL);
   EXPECT_FALSE(PLRGetVnetCfgCpy(10, "MTU", buf, &size));
   EXPECT_EQ(CountOf(Log(), "for Vnet: 10"), 0);
 }
 
-TEST_F(VnetSettings, GetReturnsPointerIntoCacheOrNullWhenAbsent) {
-  Load("answer VNET_2_MTU 1500\n");
+TEST_F(VnetSettings, GetPointsIntoTheCacheAndBooleanIsTrueOnlyForYesInAnyCase) {
+  Load(
+      "answer VNET_1_DHCP YES\n"
+      "answer VNET_2_DHCP yes\n"
+      "answer VNET_3_DHCP true\n"
+      "answer VNET_4_DHCP 1\n"
+      "answer VNET_5_DHCP no\n"
+      "answer VNET_6_NAT yEs\n"
+      "answer VNET_2_MTU 1500\n");
   const char* mtu = PLRGetVnetCfg(2, "MTU");
   ASSERT_NE(mtu, nullptr);
   EXPECT_STREQ(mtu, "1500");
@@ -113,39 +104,22 @@ TEST_F(VnetSettings, GetReturnsPointerIntoCacheOrNullWhenAbsent) {
   EXPECT_EQ(mtu, cached);
   EXPECT_EQ(PLRGetVnetCfg(3, "MTU"), nullptr);
   EXPECT_EQ(PLRGetVnetCfg(2, nullptr), nullptr);
-}
-
-TEST_F(VnetSettings, BooleanIsTrueOnlyForYesInAnyCase) {
-  Load(
-      "answer VNET_1_DHCP YES\n"
-      "answer VNET_2_DHCP yes\n"
-      "answer VNET_3_DHCP true\n"
-      "answer VNET_4_DHCP 1\n"
-      "answer VNET_5_DHCP no\n"
-      "answer VNET_6_NAT yEs\n");
-  EXPECT_TRUE(PLRGetVnetUseDHCP(1));
-  EXPECT_TRUE(PLRGetVnetUseDHCP(2));
-  EXPECT_FALSE(PLRGetVnetUseDHCP(3));
-  EXPECT_FALSE(PLRGetVnetUseDHCP(4));
-  EXPECT_FALSE(PLRGetVnetUseDHCP(5));
-  EXPECT_FALSE(PLRGetVnetUseDHCP(7)) << "absent";
+  for (uint32_t vnet = 1; vnet <= 7; ++vnet)  // 7: absent
+    EXPECT_EQ(PLRGetVnetUseDHCP(vnet), vnet <= 2) << vnet;
   EXPECT_TRUE(PLRGetVnetUseNAT(6));
   EXPECT_FALSE(PLRGetVnetUseNAT(1));
   EXPECT_FALSE(PLRGetVnetCfgBool(1, nullptr));
 }
 
-TEST_F(VnetSettings, SettingUnchangedBooleanAppendsNothing) {
-  Load("answer VNET_1_NAT yes\n");
+TEST_F(VnetSettings, SettingUnchangedBooleanAppendsNothingAndRemoveNeedsAKey) {
+  Load("answer VNET_1_NAT yes\nanswer VNET_1_MTU 1500\n");
   std::string before = Database();
   EXPECT_TRUE(PLRSetVnetCfgBool(1, "NAT", true));
   EXPECT_TRUE(PLRSetVnetCfgBool(2, "NAT", false)) << "absent counts as false";
   EXPECT_EQ(Database(), before);
   EXPECT_TRUE(PLRSetVnetCfgBool(1, "NAT", false));
   EXPECT_EQ(Database(), before + "remove_answer VNET_1_NAT\nanswer VNET_1_NAT no\n");
-}
-
-TEST_F(VnetSettings, RemoveWithoutKeyIsAnInvalidOption) {
-  Load("answer VNET_1_MTU 1500\n");
+  // Removing needs a key.
   EXPECT_FALSE(PLRRemoveVnetCfg(1, nullptr));
   EXPECT_EQ(CountOf(Log(), "PLRRemoveVnetCfg - Invalid config option"), 1);
   EXPECT_TRUE(PLRRemoveVnetCfg(1, "MTU"));
@@ -162,8 +136,9 @@ struct NamedText {
   bool (*remove)(uint32_t);
 };
 
+// Also: the adapter name defaults to the vnet name.
 TEST_F(VnetSettings, NamedTextSettingsUseTheirKeys) {
-  Load();
+  Load("answer VNET_6_VIRTUAL_ADAPTER_NAME hostonly-long-name\n");
   const NamedText settings[] = {
       {"DISPLAY_NAME", PLRSetVnetDisplayName, PLRGetVnetDisplayName, nullptr},
       {"HOSTONLY_SUBNET", PLRSetVnetSubnetAddr, PLRGetVnetSubnetAddr, PLRRemoveVnetSubnetAddr},
@@ -190,10 +165,6 @@ TEST_F(VnetSettings, NamedTextSettingsUseTheirKeys) {
       EXPECT_EQ(Answer(key), std::nullopt);
     }
   }
-}
-
-TEST_F(VnetSettings, AdapterNameDefaultsToVnetName) {
-  Load("answer VNET_6_VIRTUAL_ADAPTER_NAME hostonly-long-name\n");
   char buf[16];
   EXPECT_TRUE(PLRGetVnetVirtAdapter(5, buf, sizeof buf));
   EXPECT_STREQ(buf, "kavix5");
@@ -227,72 +198,49 @@ TEST_F(VnetSettings, UseSwitchesStoreYesNoAndLogTheChange) {
   EXPECT_EQ(CountOf(log, "VIRTUAL_ADAPTER set to 1 in vnet config for vnet: 3"), 1);
 }
 
-TEST_F(VnetSettings, DhcpOffWithRemoveConfigDropsDhcpParametersAndMappings) {
+// Each switch turned off with removeConfig drops its own settings and records
+// and leaves the other switches' ones; without removeConfig all of them stay.
+TEST_F(VnetSettings, SwitchesOffDropTheirOwnSettingsOnlyWithRemoveConfig) {
   Load(
       "answer VNET_3_DHCP yes\n"
       "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\n"
-      "answer VNET_3_DHCP_PARAM_MAX_LEASE_TIME 7200\n"
       "answer VNET_3_DHCP_CFG_HASH 0123456789abcdef0123456789abcdef01234567\n"
       "answer VNET_3_NAT_PARAM_DEVICE /dev/kavix3\n"
-      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\n");
-  EXPECT_TRUE(PLRSetVnetUseDHCP(3, false, true));
-  EXPECT_EQ(Answer("VNET_3_DHCP"), "no");
-  EXPECT_EQ(Answer("VNET_3_DHCP_PARAM_LEASE_START_IP"), std::nullopt);
-  EXPECT_EQ(Answer("VNET_3_DHCP_PARAM_MAX_LEASE_TIME"), std::nullopt);
-  EXPECT_EQ(Answer("VNET_3_DHCP_CFG_HASH"), std::nullopt);
-  char ip[16];
-  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(nullptr, 3, "00:50:56:00:00:01", ip, sizeof ip));
-  EXPECT_EQ(Answer("VNET_3_NAT_PARAM_DEVICE"), "/dev/kavix3") << "NAT settings stay";
-}
-
-TEST_F(VnetSettings, NatOffWithRemoveConfigDropsNatParametersAndForwards) {
-  Load(
+      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\n"
       "answer VNET_8_NAT yes\n"
       "answer VNET_8_NAT_PARAM_DEVICE /dev/kavix8\n"
-      "answer VNET_8_NAT_PARAM_UDP_TIMEOUT 60\n"
       "answer VNET_8_DHCP_PARAM_MAX_LEASE_TIME 7200\n"
-      "add_nat_portfwd 8 tcp 8080 192.168.8.10 80 web\n");
-  EXPECT_TRUE(PLRSetVnetUseNAT(8, false, true));
-  EXPECT_EQ(Answer("VNET_8_NAT"), "no");
-  EXPECT_EQ(Answer("VNET_8_NAT_PARAM_DEVICE"), std::nullopt);
-  EXPECT_EQ(Answer("VNET_8_NAT_PARAM_UDP_TIMEOUT"), std::nullopt);
-  char ip[16];
-  uint16_t vmPort = 0;
-  char desc[128];
-  uint32_t descLength = sizeof desc;
-  EXPECT_FALSE(
-      PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 8080, ip, sizeof ip, &vmPort, desc, &descLength));
-  EXPECT_EQ(Answer("VNET_8_DHCP_PARAM_MAX_LEASE_TIME"), "7200") << "DHCP settings stay";
-}
-
-TEST_F(VnetSettings, AdapterOffWithRemoveConfigDropsAddressAndName) {
-  Load(
+      "add_nat_portfwd 8 tcp 8080 192.168.8.10 80 web\n"
       "answer VNET_2_VIRTUAL_ADAPTER yes\n"
       "answer VNET_2_VIRTUAL_ADAPTER_ADDR 10.0.2.1\n"
       "answer VNET_2_VIRTUAL_ADAPTER_NAME hostnet2\n"
-      "answer VNET_2_HOSTONLY_SUBNET 10.0.2.0\n");
-  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true));
-  EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER"), "no");
-  EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER_ADDR"), std::nullopt);
-  EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER_NAME"), std::nullopt);
-  EXPECT_EQ(Answer("VNET_2_HOSTONLY_SUBNET"), "10.0.2.0");
-  // Nothing left to remove is still success.
-  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true));
-}
-
-TEST_F(VnetSettings, SwitchesWithoutRemoveConfigKeepTheSettings) {
-  Load(
-      "answer VNET_4_DHCP yes\n"
+      "answer VNET_2_HOSTONLY_SUBNET 10.0.2.0\n"
       "answer VNET_4_DHCP_PARAM_MAX_LEASE_TIME 7200\n"
-      "answer VNET_4_NAT yes\n"
       "answer VNET_4_NAT_PARAM_UDP_TIMEOUT 60\n"
       "answer VNET_4_VIRTUAL_ADAPTER_ADDR 10.0.4.1\n");
+  EXPECT_TRUE(PLRSetVnetUseDHCP(3, false, true));
+  EXPECT_TRUE(PLRSetVnetUseNAT(8, false, true));
+  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true));
+  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true)) << "nothing left to remove is success";
   EXPECT_TRUE(PLRSetVnetUseDHCP(4, false, false));
   EXPECT_TRUE(PLRSetVnetUseNAT(4, false, false));
   EXPECT_TRUE(PLRSetVnetUseAdapter(4, false, false));
-  EXPECT_EQ(Answer("VNET_4_DHCP_PARAM_MAX_LEASE_TIME"), "7200");
-  EXPECT_EQ(Answer("VNET_4_NAT_PARAM_UDP_TIMEOUT"), "60");
-  EXPECT_EQ(Answer("VNET_4_VIRTUAL_ADAPTER_ADDR"), "10.0.4.1");
+  for (const char* gone :
+       {"VNET_3_DHCP_PARAM_LEASE_START_IP", "VNET_3_DHCP_CFG_HASH", "VNET_8_NAT_PARAM_DEVICE",
+        "VNET_2_VIRTUAL_ADAPTER_ADDR", "VNET_2_VIRTUAL_ADAPTER_NAME"})
+    EXPECT_EQ(Answer(gone), std::nullopt) << gone;
+  for (const char* kept : {"VNET_3_NAT_PARAM_DEVICE", "VNET_8_DHCP_PARAM_MAX_LEASE_TIME",
+                           "VNET_2_HOSTONLY_SUBNET", "VNET_4_DHCP_PARAM_MAX_LEASE_TIME",
+                           "VNET_4_NAT_PARAM_UDP_TIMEOUT", "VNET_4_VIRTUAL_ADAPTER_ADDR"})
+    EXPECT_NE(Answer(kept), std::nullopt) << kept;
+  EXPECT_EQ(Answer("VNET_3_DHCP"), "no");
+  EXPECT_EQ(Answer("VNET_8_NAT"), "no");
+  EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER"), "no");
+  char ip[16];
+  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(nullptr, 3, "00:50:56:00:00:01", ip, sizeof ip));
+  uint16_t vmPort = 0;
+  EXPECT_FALSE(
+      PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 8080, ip, sizeof ip, &vmPort, nullptr, nullptr));
 }
 
 // --- Options ----------------------------------------------------------------
@@ -304,7 +252,8 @@ TEST_F(VnetSettings, OptionsReflectTheSettings) {
       "answer VNET_1_VIRTUAL_ADAPTER yes\n"
       "answer VNET_1_HOSTONLY_SUBNET 192.168.50.0\n"
       "answer VNET_2_DHCP no\n"
-      "answer VNET_2_VIRTUAL_ADAPTER no\n");
+      "answer VNET_2_VIRTUAL_ADAPTER no\n"
+      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 -1\n");
   EXPECT_TRUE(PLRVnetIsOptionConfigured(1, PLR_VNET_OPTION_DHCP));
   EXPECT_TRUE(PLRVnetIsOptionConfigured(1, PLR_VNET_OPTION_NAT));
   EXPECT_TRUE(PLRVnetIsOptionConfigured(1, PLR_VNET_OPTION_VIRTUAL_ADAPTER));
@@ -313,10 +262,7 @@ TEST_F(VnetSettings, OptionsReflectTheSettings) {
     EXPECT_FALSE(PLRVnetIsOptionConfigured(2, option)) << option;
   EXPECT_FALSE(PLRVnetIsOptionConfigured(1, 0));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(1, 6));
-}
-
-TEST_F(VnetSettings, BridgedMeansDefaultBridgeVnetOrExplicitMapping) {
-  Load("add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 -1\n");
+  // Bridged means the default bridge vnet or an explicit mapping.
   EXPECT_TRUE(PLRVnetIsOptionConfigured(0, PLR_VNET_OPTION_BRIDGE)) << "absent default is 0";
   EXPECT_TRUE(PLRVnetIsOptionConfigured(2, PLR_VNET_OPTION_BRIDGE));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(3, PLR_VNET_OPTION_BRIDGE));
@@ -363,20 +309,17 @@ TEST_F(VnetSettings, RemovingSubnetMakesItACandidateAgain) {
   EXPECT_EQ(Answer("VNET_9_HOSTONLY_SUBNET"), std::nullopt);
 }
 
-TEST_F(VnetSettings, RemovingAbsentSubnetMarksNothing) {
-  Load();
-  std::string before = Database();
-  EXPECT_TRUE(PLRRemoveVnetSubnetAddr(4));
-  EXPECT_FALSE(AvailSubnetTable().filled) << "no subnet, so the candidates are not touched";
-  EXPECT_EQ(CountOf(Log(), "Marking subnet"), 0);
-  EXPECT_EQ(Database(), before);
-}
-
 TEST_F(VnetSettings, RemovingAssignmentDropsSubnetThenMask) {
   Load(
       "answer VNET_5_HOSTONLY_SUBNET 172.16.40.0\n"
       "answer VNET_5_HOSTONLY_NETMASK 255.255.255.0\n"
       "answer VNET_6_HOSTONLY_NETMASK 255.255.0.0\n");
+  // No subnet: the candidates are not touched and nothing is written.
+  std::string before = Database();
+  EXPECT_TRUE(PLRRemoveVnetSubnetAddr(4));
+  EXPECT_FALSE(AvailSubnetTable().filled);
+  EXPECT_EQ(CountOf(Log(), "Marking subnet"), 0);
+  EXPECT_EQ(Database(), before);
   EXPECT_TRUE(PLRRemoveSubnetAssignment(5));
   EXPECT_EQ(Answer("VNET_5_HOSTONLY_SUBNET"), std::nullopt);
   EXPECT_EQ(Answer("VNET_5_HOSTONLY_NETMASK"), std::nullopt);

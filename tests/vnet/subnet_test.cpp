@@ -88,10 +88,25 @@ TEST_F(SubnetCandidates, FixedOrderBeforeShuffling) {
   for (uint32_t i = 0; i < table.count; ++i) EXPECT_EQ(table.entries[i].taken, 0);
 }
 
-TEST_F(SubnetCandidates, ConfiguredSubnetsAreLeftOut) {
+// The used list is read once from the configured subnets, and configured
+// subnets are no candidates.
+TEST_F(SubnetCandidates, ConfiguredSubnetsAreUsedOnceAndLeftOutOfTheCandidates) {
   Load(
       "answer VNET_1_HOSTONLY_SUBNET 172.16.5.0\n"
-      "answer VNET_200_HOSTONLY_SUBNET 192.168.1.0\n");
+      "answer VNET_200_HOSTONLY_SUBNET 192.168.1.0\n"
+      "answer VNET_3_HOSTONLY_SUBNET 10.20.30.0\n"
+      "answer VNET_4_HOSTONLY_SUBNET 10.20.30.0.0\n"
+      "answer VNET_9_HOSTONLY_SUBNET bogus\n");
+  EXPECT_TRUE(PLRSubnetUsed(Net(172, 16, 5)));
+  EXPECT_FALSE(PLRSubnetUsed(Net(172, 16, 6)));
+  EXPECT_EQ(UsedSubnetList().count, 3u) << "unreadable subnets are not listed";
+  EXPECT_EQ(CountOf(Log(), "PLRGetHostOnlySubnet - Got existing subnet for vnet 1."), 1);
+  uint32_t subnet = 0;
+  EXPECT_TRUE(PLRGetHostOnlySubnet(3, &subnet));
+  EXPECT_EQ(subnet, Net(10, 20, 30));
+  EXPECT_FALSE(PLRGetHostOnlySubnet(4, &subnet));
+  EXPECT_FALSE(PLRGetHostOnlySubnet(5, &subnet));
+
   CandidateTable table;
   AddSubnetCandidates(table);
   EXPECT_EQ(table.count, 509u);
@@ -99,28 +114,12 @@ TEST_F(SubnetCandidates, ConfiguredSubnetsAreLeftOut) {
   EXPECT_EQ(table.entries[9].subnet, Net(192, 168, 6)) << "172.16.5.0 is skipped";
   std::vector<uint32_t> all = Subnets(table);
   EXPECT_EQ(std::count(all.begin(), all.end(), Net(172, 16, 5)), 0);
-}
 
-TEST_F(SubnetCandidates, UsedListIsTakenOnceAndMissesLaterSubnets) {
-  Load("answer VNET_1_HOSTONLY_SUBNET 172.16.5.0\nanswer VNET_9_HOSTONLY_SUBNET bogus\n");
-  EXPECT_TRUE(PLRSubnetUsed(Net(172, 16, 5)));
-  EXPECT_FALSE(PLRSubnetUsed(Net(172, 16, 6)));
   ASSERT_TRUE(PLRSetVnetSubnetAddr(2, "172.16.77.0"));
   EXPECT_FALSE(PLRSubnetUsed(Net(172, 16, 77))) << "the list is not refreshed";
-  EXPECT_EQ(UsedSubnetList().count, 1u) << "an unreadable subnet is not listed";
-  EXPECT_EQ(CountOf(Log(), "PLRGetHostOnlySubnet - Got existing subnet for vnet 1."), 1);
 }
 
-TEST_F(SubnetCandidates, HostOnlySubnetReadsConfiguredValue) {
-  Load("answer VNET_3_HOSTONLY_SUBNET 10.20.30.0\nanswer VNET_4_HOSTONLY_SUBNET 10.20.30.0.0\n");
-  uint32_t subnet = 0;
-  EXPECT_TRUE(PLRGetHostOnlySubnet(3, &subnet));
-  EXPECT_EQ(subnet, Net(10, 20, 30));
-  EXPECT_FALSE(PLRGetHostOnlySubnet(4, &subnet)) << "does not fit 16 bytes";
-  EXPECT_FALSE(PLRGetHostOnlySubnet(5, &subnet));
-}
-
-TEST_F(SubnetCandidates, PopulateShufflesOnceIntoAPermutation) {
+TEST_F(SubnetCandidates, PopulateShufflesOnceIntoAPermutationAndReshuffleKeepsFlags) {
   Load();
   CandidateTable ordered;
   AddSubnetCandidates(ordered);
@@ -137,6 +136,20 @@ TEST_F(SubnetCandidates, PopulateShufflesOnceIntoAPermutation) {
   EXPECT_EQ(a, b);
   ASSERT_TRUE(PLRPopulateAvailSubnets());
   EXPECT_EQ(Subnets(table), shuffled) << "filled once per process";
+
+  // A later shuffle keeps the taken flags with their subnets.
+  ASSERT_TRUE(PLRMarkSubnetUsed("192.168.77.0", true));
+  ASSERT_TRUE(PLRMarkSubnetUsed("172.16.3.0", true));
+  ASSERT_TRUE(PLRShuffleAvailSubnets());
+  EXPECT_NE(Subnets(table), shuffled);
+  int taken = 0;
+  for (uint32_t i = 0; i < table.count; ++i) {
+    bool marked =
+        table.entries[i].subnet == Net(192, 168, 77) || table.entries[i].subnet == Net(172, 16, 3);
+    EXPECT_EQ(table.entries[i].taken != 0, marked) << Text(table.entries[i].subnet);
+    taken += table.entries[i].taken != 0;
+  }
+  EXPECT_EQ(taken, 2);
 }
 
 // --- Shuffle -----------------------------------------------------------------
@@ -169,35 +182,13 @@ TEST(SubnetShuffle, SwapsTwiceNTimesAtDrawnPositionsModuloN) {
   EXPECT_EQ(table.entries[2].subnet, 0xBu);
   EXPECT_EQ(table.entries[2].taken, 1) << "the flag moves with its subnet";
   EXPECT_EQ(table.entries[0].taken + table.entries[1].taken, 0);
-}
 
-TEST(SubnetShuffle, EmptyTableDrawsNothingAndBrokenSourceFails) {
-  CandidateTable table;
-  gDraws.clear();
+  // An empty table draws nothing; a broken source fails the shuffle.
+  CandidateTable empty;
   gDrawn = 0;
-  EXPECT_TRUE(ShuffleSubnetCandidates(table, ScriptedRandom));
+  EXPECT_TRUE(ShuffleSubnetCandidates(empty, ScriptedRandom));
   EXPECT_EQ(gDrawn, 0u);
-  table.count = 2;
   EXPECT_FALSE(ShuffleSubnetCandidates(table, BrokenRandom));
-}
-
-TEST_F(SubnetCandidates, CryptoShuffleKeepsFlagsWithTheirSubnets) {
-  Load();
-  ASSERT_TRUE(PLRPopulateAvailSubnets());
-  ASSERT_TRUE(PLRMarkSubnetUsed("192.168.77.0", true));
-  ASSERT_TRUE(PLRMarkSubnetUsed("172.16.3.0", true));
-  std::vector<uint32_t> before = Subnets(AvailSubnetTable());
-  ASSERT_TRUE(PLRShuffleAvailSubnets());
-  const CandidateTable& table = AvailSubnetTable();
-  EXPECT_NE(Subnets(table), before);
-  int taken = 0;
-  for (uint32_t i = 0; i < table.count; ++i) {
-    bool marked =
-        table.entries[i].subnet == Net(192, 168, 77) || table.entries[i].subnet == Net(172, 16, 3);
-    EXPECT_EQ(table.entries[i].taken != 0, marked) << Text(table.entries[i].subnet);
-    taken += table.entries[i].taken != 0;
-  }
-  EXPECT_EQ(taken, 2);
 }
 
 // --- Probe -------------------------------------------------------------------
@@ -320,16 +311,15 @@ TEST_F(PingCheck, BroadcastWithoutReplyThenHostAddressDecides) {
   test::WriteFile(test::kPingCallsPath, "");
   EXPECT_TRUE(PLRPingAndCheckSubnet("10.1.2.0", true, 1, 1));
   EXPECT_EQ(PingCalls(), both);
-}
 
-TEST_F(PingCheck, BroadcastCodeTwoDecidesFreeAtOnce) {
-  Load();
+  // Code 2 at the broadcast decides free at once.
   SetPingRules("10.1.2.0 2\n10.1.2.1 0\n");
+  test::WriteFile(test::kPingCallsPath, "");
   EXPECT_TRUE(PLRPingAndCheckSubnet("10.1.2.0", true, 1, 1));
   EXPECT_EQ(PingCalls(), std::vector<std::string>{PingCommand("10.1.2.0")});
 }
 
-TEST_F(PingCheck, BroadcastReplyOrOtherCodesDecideUsedAtOnce) {
+TEST_F(PingCheck, BroadcastReplyOtherCodesOrFailedForkDecideUsedAtOnce) {
   Load();
   for (int code : {0, 3, 64, 255}) {
     SCOPED_TRACE(code);
@@ -339,6 +329,14 @@ TEST_F(PingCheck, BroadcastReplyOrOtherCodesDecideUsedAtOnce) {
     EXPECT_EQ(PingCalls(), std::vector<std::string>{PingCommand("10.1.2.0")});
     EXPECT_EQ(CountOf(Log(), "Return value of tarsis-ping: " + std::to_string(code) + "\n"), 1);
   }
+  // A failed fork counts as used (code 255 again), without a run.
+  test::WriteFile(test::kPingCallsPath, "");
+  sys::ClearFaults();
+  sys::FailNth(sys::Op::kFork, 1, EAGAIN);
+  EXPECT_FALSE(PLRPingAndCheckSubnet("10.1.2.0", true, 1, 1));
+  sys::ClearFaults();
+  EXPECT_TRUE(PingCalls().empty());
+  EXPECT_EQ(CountOf(Log(), "Return value of tarsis-ping: 255"), 2);
 }
 
 TEST_F(PingCheck, WithoutBroadcastOnlyTheFirstHostIsPinged) {
@@ -353,15 +351,6 @@ TEST_F(PingCheck, WithoutBroadcastOnlyTheFirstHostIsPinged) {
             1);
   SetPingRules("10.1.2.1 0\n");
   EXPECT_FALSE(PLRPingAndCheckSubnet("10.1.2.0", false, 1, 1));
-}
-
-TEST_F(PingCheck, FailedForkCountsAsUsed) {
-  Load();
-  sys::FailNth(sys::Op::kFork, 1, EAGAIN);
-  EXPECT_FALSE(PLRPingAndCheckSubnet("10.1.2.0", true, 1, 1));
-  sys::ClearFaults();
-  EXPECT_TRUE(PingCalls().empty());
-  EXPECT_EQ(CountOf(Log(), "Return value of tarsis-ping: 255"), 1);
 }
 
 TEST_F(PingCheck, MissingBindirFallsBackToUsrBin) {

@@ -36,7 +36,7 @@ class WriteFailure : public test::LoadedLibraryTest {
   }
 };
 
-TEST_F(WriteFailure, UseSwitchesReportAndStoreNothing) {
+TEST_F(WriteFailure, UseSwitchesAndDefaultBridgeReportAndStoreNothing) {
   Load();
   FailNextWrite();
   EXPECT_FALSE(PLRSetVnetUseDHCP(3, true, true));
@@ -44,7 +44,11 @@ TEST_F(WriteFailure, UseSwitchesReportAndStoreNothing) {
   EXPECT_FALSE(PLRSetVnetUseNAT(3, true, true));
   FailNextWrite();
   EXPECT_FALSE(PLRSetVnetUseAdapter(3, true, true));
+  FailNextWrite();  // the default bridge cache keeps its old value
+  EXPECT_FALSE(PLRSetDefaultBridgeVnet(4));
   sys::ClearFaults();
+  EXPECT_EQ(plrDefaultBridgeVnet, 0u);
+  EXPECT_EQ(Answer("PLR_DEFAULT_BRIDGE_VNET"), std::nullopt);
   EXPECT_EQ(Answer("VNET_3_DHCP"), std::nullopt);
   EXPECT_EQ(Answer("VNET_3_NAT"), std::nullopt);
   EXPECT_EQ(Answer("VNET_3_VIRTUAL_ADAPTER"), std::nullopt);
@@ -53,6 +57,8 @@ TEST_F(WriteFailure, UseSwitchesReportAndStoreNothing) {
   EXPECT_EQ(CountOf(log, "PLRSetVnetUseNAT - Error setting NAT to 1 in vnet config"), 1);
   EXPECT_EQ(CountOf(log, "Error setting VIRTUAL_ADAPTER to 1 in vnet config"), 1);
   EXPECT_EQ(CountOf(log, "set to 1 in vnet config for vnet"), 0);
+  EXPECT_EQ(
+      CountOf(log, "PLRSetDefaultBridgeVnet - Error setting value of DefaultBridge in config"), 1);
 }
 
 // The switch is already in place (no append), so only the removal meets the
@@ -74,14 +80,19 @@ TEST_F(WriteFailure, FailedDhcpRemovalFailsButFailedNatRemovalDoesNot) {
   EXPECT_EQ(CountOf(log, "PLRSetVnetUseNAT - Error removing NAT coniguration information"), 1);
 }
 
-TEST_F(WriteFailure, AdapterNameStaysWhenAddressRemovalFails) {
+TEST_F(WriteFailure, AdapterNameAndMaskStayWhenTheFirstRemovalFails) {
   Load(
       "answer VNET_2_VIRTUAL_ADAPTER no\n"
       "answer VNET_2_VIRTUAL_ADAPTER_ADDR 10.0.2.1\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostnet2\n");
+      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostnet2\n"
+      "answer VNET_5_HOSTONLY_SUBNET 172.16.40.0\n"
+      "answer VNET_5_HOSTONLY_NETMASK 255.255.255.0\n");
   FailAllWrites();
   EXPECT_FALSE(PLRSetVnetUseAdapter(2, false, true));
+  EXPECT_FALSE(PLRRemoveSubnetAssignment(5));
   sys::ClearFaults();
+  EXPECT_EQ(Answer("VNET_5_HOSTONLY_SUBNET"), "172.16.40.0");
+  EXPECT_EQ(Answer("VNET_5_HOSTONLY_NETMASK"), "255.255.255.0");
   EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER_ADDR"), "10.0.2.1");
   EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER_NAME"), "hostnet2");
   std::string log = Log();
@@ -101,29 +112,6 @@ TEST_F(WriteFailure, AdapterNameRemovalFailureIsTheResult) {
   EXPECT_EQ(Answer("VNET_2_VIRTUAL_ADAPTER_NAME"), "hostnet2");
   EXPECT_EQ(CountOf(Log(), "PLRSetVnetUseAdapter - Error removing Adapter name from vnet config"),
             1);
-}
-
-TEST_F(WriteFailure, MaskStaysWhenSubnetRemovalFails) {
-  Load(
-      "answer VNET_5_HOSTONLY_SUBNET 172.16.40.0\n"
-      "answer VNET_5_HOSTONLY_NETMASK 255.255.255.0\n");
-  FailAllWrites();
-  EXPECT_FALSE(PLRRemoveSubnetAssignment(5));
-  sys::ClearFaults();
-  EXPECT_EQ(Answer("VNET_5_HOSTONLY_SUBNET"), "172.16.40.0");
-  EXPECT_EQ(Answer("VNET_5_HOSTONLY_NETMASK"), "255.255.255.0");
-}
-
-TEST_F(WriteFailure, DefaultBridgeCacheKeepsOldValueWhenStoreFails) {
-  Load();
-  FailNextWrite();
-  EXPECT_FALSE(PLRSetDefaultBridgeVnet(4));
-  sys::ClearFaults();
-  EXPECT_EQ(plrDefaultBridgeVnet, 0u);
-  EXPECT_EQ(Answer("PLR_DEFAULT_BRIDGE_VNET"), std::nullopt);
-  EXPECT_EQ(
-      CountOf(Log(), "PLRSetDefaultBridgeVnet - Error setting value of DefaultBridge in config"),
-      1);
 }
 
 class AssignmentWriteFailure : public WriteFailure {
