@@ -49,4 +49,11 @@ std::string LoadedLibraryTest::Database() const {
   return ReadFile(kDatabasePath);
 }
 
+std::optional<std::string> Answer(const std::string& key) {
+  const char* value = nullptr;
+  if (!PLRNetCfgGetAnswerString(nullptr, key.c_str(), &value) || value == nullptr)
+    return std::nullopt;
+  return std::string(value);
+}
+
 }  // namespace plr::test

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,5 +37,8 @@ class LoadedLibraryTest : public ::testing::Test {
   // The database file as it is on disk now.
   std::string Database() const;
 };
+
+// The answer `key` of the default cache, or nothing when it is absent.
+std::optional<std::string> Answer(const std::string& key);
 
 }  // namespace plr::test

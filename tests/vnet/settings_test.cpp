@@ -14,14 +14,8 @@
 namespace plr {
 namespace {
 
+using test::Answer;
 using test::CountOf;
-
-std::optional<std::string> Answer(const std::string& key) {
-  const char* value = nullptr;
-  if (!PLRNetCfgGetAnswerString(nullptr, key.c_str(), &value) || value == nullptr)
-    return std::nullopt;
-  return std::string(value);
-}
 
 class VnetSettings : public test::LoadedLibraryTest {};
 

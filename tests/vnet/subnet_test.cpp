@@ -20,6 +20,7 @@
 namespace plr {
 namespace {
 
+using test::Answer;
 using test::CountOf;
 using test::PingCalls;
 using test::PingCommand;
@@ -33,13 +34,6 @@ std::string Text(uint32_t ip) {
   char buf[16];
   EXPECT_TRUE(PLRIPInt2Str(ip, buf));
   return buf;
-}
-
-std::optional<std::string> Answer(const std::string& key) {
-  const char* value = nullptr;
-  if (!PLRNetCfgGetAnswerString(nullptr, key.c_str(), &value) || value == nullptr)
-    return std::nullopt;
-  return std::string(value);
 }
 
 std::vector<uint32_t> Subnets(const CandidateTable& table) {

@@ -15,14 +15,8 @@
 namespace plr {
 namespace {
 
+using test::Answer;
 using test::CountOf;
-
-std::optional<std::string> Answer(const std::string& key) {
-  const char* value = nullptr;
-  if (!PLRNetCfgGetAnswerString(nullptr, key.c_str(), &value) || value == nullptr)
-    return std::nullopt;
-  return std::string(value);
-}
 
 class WriteFailure : public test::LoadedLibraryTest {
  protected:
