@@ -1,0 +1,236 @@
+// Covers: answer change, DHCP static mapping, port forward, NAT prefix, bridge
+// mapping, DHCP on with subnet assignment, bridge move, import, merge,
+// compaction at unload, dhcpd.conf and nat.conf rewrite.
+//
+// One fault loop for every representative write: each file system call of the
+// table fails at position N = 1, 2, ... until the operation no longer reaches
+// it. After each injected failure the operation reports it, the cache is as
+// before the call, a fresh load of the database file equals the cache, no
+// descriptor leaked, and every other file under /etc/tarsis (generated files,
+// backups, temporaries) is byte for byte as before.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <string>
+
+#include "base/sys-util.h"
+#include "pelorus.h"
+#include "tests/support/sandbox.h"
+#include "tests/support/services_util.h"
+#include "tests/support/vnet_util.h"
+
+namespace plr::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kBackup = "/tmp/backup";
+
+// vnet 1 has a subnet, DHCP and NAT, one record of each kind, and journal
+// entries that a compaction folds away.
+constexpr const char* kSeed =
+    "answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\n"
+    "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
+    "answer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\n"
+    "answer VNET_1_DISPLAY_NAME old\nremove_answer VNET_1_DISPLAY_NAME\n"
+    "answer VNET_1_DISPLAY_NAME one\n"
+    "add_dhcp_mac_to_ip 1 00:50:56:00:00:01 192.168.1.10\n"
+    "add_nat_portfwd 1 tcp 80 192.168.1.10 80 web\n"
+    "add_nat_prefix 1 fd00:1::/64\n"
+    "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 2\n";
+
+struct Operation {
+  const char* name;
+  std::function<void()> prepare;  // runs without faults, before the snapshot
+  std::function<bool()> run;      // the write under test
+  bool unloads = false;           // the call ends with the library unloaded
+  const char* leaves = nullptr;   // names a failed call may leave changed
+  bool undoes = true;             // a failed call leaves the database as it was
+};
+
+PLR_HostAdapter Adapter(const char* name) {
+  PLR_HostAdapter a{};
+  a.version = 1;
+  snprintf(a.name, sizeof a.name, "%s", name);
+  return a;
+}
+
+std::vector<Operation> Operations() {
+  static const PLR_NetworkID kTwo{1, 1, 2};
+  return {
+      {"AnswerChange", [] {}, [] { return PLR_SetVnetDisplayName("kavix1", "renamed"); }},
+      {"StaticMapping", [] {},
+       [] { return PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"); }},
+      {"PortForward", [] {},
+       [] { return PLR_SetNATPortForward("kavix1", true, 80, "192.168.1.12", 81, "new", 3); }},
+      {"NatPrefix", [] {}, [] { return PLR_SetNATPrefix("kavix1", "fd00:2::/64", "two", 3); }},
+      {"BridgeMapping", [] {}, [] { return PLRSetBridgeMappingForAdapter("eth0", 3); }},
+      {"DhcpOnWithSubnet", [] { SetPingRules(""); },
+       [] { return PLR_SetVnetUseDHCP("kavix4", true, false); }},
+      {"BridgeMove", [] {},
+       [] {
+         const PLR_HostAdapter eth0 = Adapter("eth0");
+         return PLR_BridgeMoveAdapter(&eth0, nullptr, &kTwo);
+       }},
+      {"Import", [] { WriteFile(kBackup, "BACKUP_VERSION=1,0\nanswer VNET_5_NAT yes\n"); },
+       [] { return PLRNetCfgImportConfig(kBackup, kDatabasePath); }},
+      {"Merge",
+       [] {
+         WriteFile(kBackup, std::string("BACKUP_VERSION=1,0\n") + kSeed +
+                                "answer VNET_2_DISPLAY_NAME two\n");
+       },
+       [] { return PLRNetCfgMergeConfig(kBackup); }, false,
+       // The rollback imports the restore point, which keeps the merged
+       // database as a numbered backup.
+       "networking.bak."},
+      {"CompactionAtUnload", [] { ASSERT_TRUE(PLR_SetVnetMTU("kavix1", 1400)); },
+       [] {
+         PLR_Unload();
+         return false;
+       },
+       true},
+      {"DhcpConfRewrite",
+       [] {
+         ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1"));
+         ASSERT_TRUE(PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"));
+       },
+       [] { return PLR_UpdateDHCPFromConfig("kavix1"); }, false,
+       // Known gap: the leases file is (re)created after the new text and
+       // its hash are committed, so a failure there reports failure with
+       // the new state, and a failed re-creation loses the leases file. The
+       // backup copy of the old text may be left partly written.
+       "dhcpd.", false},
+      {"NatConfRewrite",
+       [] {
+         ASSERT_TRUE(PLR_UpdateNATFromConfig("kavix1"));
+         ASSERT_TRUE(PLR_SetNATPortForward("kavix1", false, 53, "192.168.1.13", 53, nullptr, 0));
+       },
+       [] { return PLR_UpdateNATFromConfig("kavix1"); }, false,
+       // The backup copy of the old text may be left partly written.
+       "nat.conf.bak"},
+  };
+}
+
+// The file system calls whose failure each operation must survive.
+constexpr struct {
+  sys::Op op;
+  const char* name;
+  int err;
+} kCalls[] = {{sys::Op::kOpen, "open", EACCES},   {sys::Op::kRead, "read", EIO},
+              {sys::Op::kWrite, "write", ENOSPC}, {sys::Op::kFsync, "fsync", EIO},
+              {sys::Op::kRename, "rename", EIO},  {sys::Op::kUnlink, "unlink", EIO},
+              {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
+              {sys::Op::kMknod, "mknod", EPERM}};
+
+// Every file below /etc/tarsis except the database itself, with its bytes;
+// the random suffix of a temporary name reads "XXXXXX".
+std::map<std::string, std::string> Files() {
+  std::map<std::string, std::string> files;
+  for (const auto& e : fs::recursive_directory_iterator("/etc/tarsis")) {
+    std::string name = e.path();
+    if (!e.is_regular_file() || name == kDatabasePath) continue;
+    if (e.path().filename().string().rfind(".networking.", 0) == 0)
+      name.replace(name.size() - 6, 6, "XXXXXX");
+    files[name] = ReadFile(e.path());
+  }
+  return files;
+}
+
+// The answers and records of a cache in the order of the compacted file.
+std::string StateOf(PLRNetworkConfigurationDB* db) {
+  char* text = nullptr;
+  if (!PLRNetCfgExportConfigToBuffer(db, &text, false, true)) return "<export failed>";
+  std::string state(text);
+  free(text);
+  return state;
+}
+
+// The state the database file replays to, through a private read-only cache.
+std::string StateOfFile() {
+  PLRNetworkConfigurationDB* db = nullptr;
+  if (!PLRNetCfgLoad(kDatabasePath, &db, false, true)) return "<load failed>";
+  std::string state = StateOf(db);
+  PLRNetCfgUnload(&db, false);
+  return state;
+}
+
+// Keeps gtest from printing the row's bytes.
+[[maybe_unused]] void PrintTo(const Operation& op, std::ostream* os) {
+  *os << op.name;
+}
+
+class FaultLoop : public LoadedLibraryTest, public ::testing::WithParamInterface<Operation> {
+ protected:
+  void SetUp() override {
+    for (const char* tap : {"eth0", "eth1"})
+      ASSERT_EQ(plr::test::Run(std::string("ip tuntap add dev ") + tap + " mode tap"), 0);
+  }
+  void TearDown() override {
+    sys::ClearFaults();
+    for (uint32_t vnet = 0; vnet < 6; ++vnet)
+      for (uint32_t service = 1; service <= 4; ++service) PLRServiceStop(vnet, service);
+    LoadedLibraryTest::TearDown();
+  }
+  // The library loaded over the seed with nothing left of an earlier attempt.
+  void Fresh() {
+    while (plrContext.loadCount != 0) PLR_Unload2(0);
+    for (const auto& e : fs::directory_iterator("/etc/tarsis")) fs::remove_all(e.path());
+    Load(kSeed);
+    GetParam().prepare();
+  }
+};
+
+TEST_P(FaultLoop, EveryFailedCallLeavesFileCacheAndFilesConsistent) {
+  const Operation& op = GetParam();
+  Fresh();
+  ASSERT_TRUE(op.run() || op.unloads) << "the operation fails without a fault";
+  const auto filesAfterSuccess = Files();
+  unsigned injected = 0;
+  for (const auto& call : kCalls) {
+    for (unsigned n = 1; n < 100; ++n) {
+      SCOPED_TRACE(std::string(call.name) + " #" + std::to_string(n));
+      Fresh();
+      if (HasFatalFailure()) return;
+      const std::string stateBefore = StateOf(nullptr);
+      const auto filesBefore = Files();
+      const size_t fdsBefore = svc::OpenFds().size();
+      sys::FailNth(call.op, n, call.err);
+      const bool ok = op.run();
+      const bool reached = sys::CallCount(call.op) >= n;
+      sys::ClearFaults();
+      EXPECT_LE(svc::OpenFds().size(), fdsBefore) << "a descriptor leaked";
+      const std::string cache = op.unloads ? stateBefore : StateOf(nullptr);
+      EXPECT_EQ(StateOfFile(), cache);
+      if (!reached) break;
+      ++injected;
+      // A failure the operation works around is fine; a reported one undoes
+      // the database change, and every other file is whole: as before, or
+      // as a successful call leaves it, never partly written or missing.
+      if (ok) continue;
+      if (op.undoes) {
+        EXPECT_EQ(cache, stateBefore);
+      }
+      auto files = Files();
+      for (const auto& [name, text] : filesBefore) files.emplace(name, "<missing>");
+      for (const auto& [name, text] : files) {
+        auto was = filesBefore.find(name), success = filesAfterSuccess.find(name);
+        const bool whole = (was != filesBefore.end() && was->second == text) ||
+                           (success != filesAfterSuccess.end() && success->second == text) ||
+                           (success == filesAfterSuccess.end() && text == "<missing>") ||
+                           (op.leaves != nullptr && name.find(op.leaves) != std::string::npos);
+        EXPECT_TRUE(whole) << name;
+      }
+    }
+  }
+  EXPECT_GT(injected, 0u) << "the operation makes no call of the table";
+}
+
+INSTANTIATE_TEST_SUITE_P(Writes, FaultLoop, ::testing::ValuesIn(Operations()),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace plr::test
