@@ -56,8 +56,7 @@ const Code kCodes[] = {
     {PLR_FILE_KAVIX_DEVICE, "/dev/kavix8", S_IFCHR | 0600},
     {PLR_FILE_NAT_MAC, "/etc/tarsis/kavix8/nat.mac", 0},
     {PLR_FILE_NETWORKING, "/etc/tarsis/networking", 0},
-    {PLR_FILE_TARSIS_CONFIG, "/etc/tarsis/config", 0},
-};
+    {PLR_FILE_TARSIS_CONFIG, "/etc/tarsis/config", 0}};
 
 TEST_F(Files, EveryCodeIsNamedCreatedCheckedAndRemoved) {
   umask(077);
@@ -141,11 +140,9 @@ TEST_F(Files, FailedCreateOrRemoveIsReported) {
     uint32_t type;
     const char* custom;
     const char* path;
-  } kFailures[] = {
-      {sys::Op::kMknod, PLR_FILE_KAVIX_DEVICE, nullptr, "/dev/kavix4"},
-      {sys::Op::kMkdir, PLR_FILE_VNET_DIR, nullptr, "/etc/tarsis/kavix4"},
-      {sys::Op::kOpen, PLR_FILE_CUSTOM, "/tmp/old", "/tmp/old"},
-  };
+  } kFailures[] = {{sys::Op::kMknod, PLR_FILE_KAVIX_DEVICE, nullptr, "/dev/kavix4"},
+                   {sys::Op::kMkdir, PLR_FILE_VNET_DIR, nullptr, "/etc/tarsis/kavix4"},
+                   {sys::Op::kOpen, PLR_FILE_CUSTOM, "/tmp/old", "/tmp/old"}};
   ASSERT_EQ(mkdir("/etc/tarsis/kavix4", 0700), 0);
   WriteFile("/dev/kavix4", "stale");
   WriteFile("/tmp/old", "old");

@@ -124,8 +124,7 @@ TEST_F(Services, EachDaemonGetsItsCommandLine) {
        PLR_SERVICE_BRIDGE,
        "kavix-bridge",
        {"-d", "/var/run/kavix-bridge-2.pid", "-n", "2", "-ieth1"}},
-      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", {"-d", "/var/run/kavix-bridge-7.pid", "-n", "7"}},
-  };
+      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", {"-d", "/var/run/kavix-bridge-7.pid", "-n", "7"}}};
   for (const auto& c : kCases) {
     ASSERT_TRUE(PLRServiceStart(c.vnet, c.service)) << c.daemon << c.vnet;
     EXPECT_THAT(Args(c.daemon), ElementsAreArray(c.args));
@@ -174,16 +173,14 @@ TEST_F(Services, StartSucceedsExactlyWhenTheDaemonReports) {
     bool started;
     uint32_t status;  // right after the start
     size_t starts;
-  } kCases[] = {
-      {"normal", "", "", "", true, PLR_SERVICE_RUNNING, 1},
-      {"odd status", "status 4660\n", "", "", true, PLR_SERVICE_RUNNING, 1},
-      {"silent", "mode silent\nhold_ms 1500\n", "", "", false, PLR_SERVICE_RUNNING, 1},
-      {"pipe closed", "mode close-pipe\n", "", "", false, PLR_SERVICE_RUNNING, 1},
-      {"exits", "mode exit-after-report\n", "", "", true, PLR_SERVICE_STOPPED, 1},
-      {"no run dir", "", "", "answer RUNDIR /run/none\n", true, PLR_SERVICE_STOPPED, 1},
-      {"no bin dir", "", "/nonexistent", "", false, PLR_SERVICE_STOPPED, 0},
-      {"not executable", "", "/tmp/bin", "", false, PLR_SERVICE_STOPPED, 0},
-  };
+  } kCases[] = {{"normal", "", "", "", true, PLR_SERVICE_RUNNING, 1},
+                {"odd status", "status 4660\n", "", "", true, PLR_SERVICE_RUNNING, 1},
+                {"silent", "mode silent\nhold_ms 1500\n", "", "", false, PLR_SERVICE_RUNNING, 1},
+                {"pipe closed", "mode close-pipe\n", "", "", false, PLR_SERVICE_RUNNING, 1},
+                {"exits", "mode exit-after-report\n", "", "", true, PLR_SERVICE_STOPPED, 1},
+                {"no run dir", "", "", "answer RUNDIR /run/none\n", true, PLR_SERVICE_STOPPED, 1},
+                {"no bin dir", "", "/nonexistent", "", false, PLR_SERVICE_STOPPED, 0},
+                {"not executable", "", "/tmp/bin", "", false, PLR_SERVICE_STOPPED, 0}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Load(c.records, c.binDir);
@@ -315,20 +312,18 @@ TEST_F(Services, RestartFollowsTheConfiguration) {
     const char* daemon;
     bool running, startIfStopped, ok, restarted;
     size_t starts;
-  } kCases[] = {
-      {3, PLR_SERVICE_NAT, "kavix-natd", false, false, true, false, 0},
-      {3, PLR_SERVICE_NAT, "kavix-natd", true, false, true, true, 2},
-      {2, PLR_SERVICE_NAT, "kavix-natd", true, true, true, false, 1},
-      {2, PLR_SERVICE_NAT, "kavix-natd", false, true, true, false, 0},
-      {0, PLR_SERVICE_BRIDGE, "kavix-bridge", false, true, true, true, 1},
-      {3, PLR_SERVICE_NETIFUP, "kavix-netifup", false, true, true, true, 1},
-      {3, PLR_SERVICE_DHCP, "kavix-dhcpd", false, true, true, true, 1},
-      {3, PLR_SERVICE_NAT, "kavix-natd", false, true, true, true, 1},
-      {4, PLR_SERVICE_BRIDGE, "kavix-bridge", false, true, true, false, 0},
-      {2, PLR_SERVICE_NETIFUP, "kavix-netifup", false, true, true, false, 0},
-      {2, PLR_SERVICE_DHCP, "kavix-dhcpd", false, true, true, false, 0},
-      {3, 7, "kavix-natd", false, true, false, false, 0},
-  };
+  } kCases[] = {{3, PLR_SERVICE_NAT, "kavix-natd", false, false, true, false, 0},
+                {3, PLR_SERVICE_NAT, "kavix-natd", true, false, true, true, 2},
+                {2, PLR_SERVICE_NAT, "kavix-natd", true, true, true, false, 1},
+                {2, PLR_SERVICE_NAT, "kavix-natd", false, true, true, false, 0},
+                {0, PLR_SERVICE_BRIDGE, "kavix-bridge", false, true, true, true, 1},
+                {3, PLR_SERVICE_NETIFUP, "kavix-netifup", false, true, true, true, 1},
+                {3, PLR_SERVICE_DHCP, "kavix-dhcpd", false, true, true, true, 1},
+                {3, PLR_SERVICE_NAT, "kavix-natd", false, true, true, true, 1},
+                {4, PLR_SERVICE_BRIDGE, "kavix-bridge", false, true, true, false, 0},
+                {2, PLR_SERVICE_NETIFUP, "kavix-netifup", false, true, true, false, 0},
+                {2, PLR_SERVICE_DHCP, "kavix-dhcpd", false, true, true, false, 0},
+                {3, 7, "kavix-natd", false, true, false, false, 0}};
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::to_string(c.vnet) + "/" + std::to_string(c.service));
     const size_t before = StartsOf(c.daemon);

@@ -2,7 +2,6 @@
 // hash-guarded block with the user's text around it kept, and the backup.
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "pelorus.h"
@@ -167,48 +166,6 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedInPlaceAndAnEditedOneGivesAFreshFile) {
     const std::string before = at == 0 ? header : user.substr(0, at);
     EXPECT_EQ(conf, before + newBlock + user.substr(at + block.size()));
   }
-}
-
-TEST_F(DhcpConf, RandomHandEditsNeverLoseUserText) {
-  Load(kNatVnet);
-  ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
-  const std::string header = Conf().substr(0, Conf().find(BlockOf(Conf())));
-  std::mt19937 random(20261122);
-  const std::string pieces[] = {"\n",
-                                "\r\n",
-                                "#",
-                                std::string(1, '\0'),
-                                "}",
-                                BlockOf(Conf()).substr(0, 72),
-                                std::string(300, 'z')};
-  int kept = 0;
-  for (int round = 0; round < 40; ++round) {
-    SCOPED_TRACE(round);
-    std::string text = Conf();
-    for (int edit = random() % 3; edit >= 0; --edit) {
-      size_t at = random() % (text.size() + 1);
-      if (random() % 2 == 0)
-        text.insert(at, pieces[random() % std::size(pieces)]);
-      else
-        text.erase(at, random() % 64);
-    }
-    WriteFile(DhcpConfPath(8), text);
-    ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
-    EXPECT_EQ(ReadFile(DhcpBackupPath(8)), text);
-    const std::string conf = Conf(), block = BlockOf(conf);
-    ASSERT_FALSE(block.empty());
-    std::string before = conf.substr(0, conf.find(block));
-    const std::string after = conf.substr(before.size() + block.size());
-    const bool fresh = before == header && after.empty();
-    if (before == header && text.compare(0, header.size(), header) != 0) before.clear();
-    const bool aroundKept = text.compare(0, before.size(), before) == 0 &&
-                            text.size() >= after.size() &&
-                            text.compare(text.size() - after.size(), after.size(), after) == 0;
-    EXPECT_TRUE(fresh || aroundKept) << conf;
-    kept += !fresh;
-    ExpectHashMatches();
-  }
-  EXPECT_GT(kept, 0);
 }
 
 TEST_F(DhcpConf, FailuresNeverLeaveAHalfFile) {

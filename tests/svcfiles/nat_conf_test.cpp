@@ -131,8 +131,7 @@ const Lookup kLookups[] = {
     {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\n", "u", "late", "NULL"},
     {"[a]\nx = 1\n   [b]\ny = 2", "a", "y", "NULL"},
     {"[a]\nx = 1\n   [b]\ny = 2", "b", "y", "2"},
-    {"[a]\nx = 1\n", "nosuch", "x", "NULL"},
-};
+    {"[a]\nx = 1\n", "nosuch", "x", "NULL"}};
 
 TEST_F(NatConf, ReaderFindsWhatTheFileSays) {
   for (const Lookup& l : kLookups) {

@@ -56,8 +56,7 @@ constexpr SubnetCase kSubnets[] = {
      "10.0.0.2"},
     // Host bits in the subnet answer: the network part decides.
     {"192.168.8.77", "255.255.255.0", "192.168.8.128", "192.168.8.254", "192.168.8.255",
-     "192.168.8.1", "192.168.8.2", "192.168.8.79"},
-};
+     "192.168.8.1", "192.168.8.2", "192.168.8.79"}};
 
 TEST_F(Params, AddressDefaultsFollowTheSubnet) {
   Load("");
@@ -147,37 +146,35 @@ struct Refused {
   uint32_t id;
   const char* value;
 };
-const Refused kRefused[] = {
-    {PLR_DHCP_PARAM_LEASE_BEGIN_IP, "192.168.8.300"},
-    {PLR_DHCP_PARAM_ROUTERS, ""},
-    {PLR_DHCP_PARAM_NETBIOS, "192.168.008.0001"},
-    {PLR_DHCP_PARAM_DNS_ADDR, "1.2.3.4 garbage!"},
-    {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, "-1"},
-    {PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, "12x"},
-    {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, ""},
-    {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, "99999999999"},
-    {PLR_DHCP_PARAM_DOMAIN_NAME,
-     "dddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddd"},
-    {PLR_DHCP_PARAM_BASE, "1"},
-    {9541, "1"},
-    {PLR_DHCP_PARAM_UNMAPPED, "1"},
-    {PLR_DHCP_PARAM_UNSUPPORTED, "1"},
-    {PLR_NAT_PARAM_GATEWAY_IP, "192.168.8"},
-    {PLR_NAT_PARAM_CONFIG_PORT, "0"},
-    {PLR_NAT_PARAM_CONFIG_PORT, "65536"},
-    {PLR_NAT_PARAM_CONFIG_PORT, "80a"},
-    {PLR_NAT_PARAM_ACTIVE_FTP, "2"},
-    {PLR_NAT_PARAM_ACTIVE_FTP, "10"},
-    {PLR_NAT_PARAM_ALLOW_ANY_OUI, "yes"},
-    {PLR_NAT_PARAM_NAT6, "01"},
-    {PLR_NAT_PARAM_UDP_TIMEOUT, "-5"},
-    {PLR_NAT_PARAM_GATEWAY_NETMASK, "1"},
-    {13861, "1"},
-    {PLR_NAT_PARAM_DEVICE, "1"},
-    {PLR_NAT_PARAM_NOT_SUPPORTED, "1"},
-    {PLR_NAT_PARAM_BASE, "1"},
-    {13870, "1"},
-};
+const Refused kRefused[] = {{PLR_DHCP_PARAM_LEASE_BEGIN_IP, "192.168.8.300"},
+                            {PLR_DHCP_PARAM_ROUTERS, ""},
+                            {PLR_DHCP_PARAM_NETBIOS, "192.168.008.0001"},
+                            {PLR_DHCP_PARAM_DNS_ADDR, "1.2.3.4 garbage!"},
+                            {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, "-1"},
+                            {PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, "12x"},
+                            {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, ""},
+                            {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, "99999999999"},
+                            {PLR_DHCP_PARAM_DOMAIN_NAME,
+                             "dddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddd"},
+                            {PLR_DHCP_PARAM_BASE, "1"},
+                            {9541, "1"},
+                            {PLR_DHCP_PARAM_UNMAPPED, "1"},
+                            {PLR_DHCP_PARAM_UNSUPPORTED, "1"},
+                            {PLR_NAT_PARAM_GATEWAY_IP, "192.168.8"},
+                            {PLR_NAT_PARAM_CONFIG_PORT, "0"},
+                            {PLR_NAT_PARAM_CONFIG_PORT, "65536"},
+                            {PLR_NAT_PARAM_CONFIG_PORT, "80a"},
+                            {PLR_NAT_PARAM_ACTIVE_FTP, "2"},
+                            {PLR_NAT_PARAM_ACTIVE_FTP, "10"},
+                            {PLR_NAT_PARAM_ALLOW_ANY_OUI, "yes"},
+                            {PLR_NAT_PARAM_NAT6, "01"},
+                            {PLR_NAT_PARAM_UDP_TIMEOUT, "-5"},
+                            {PLR_NAT_PARAM_GATEWAY_NETMASK, "1"},
+                            {13861, "1"},
+                            {PLR_NAT_PARAM_DEVICE, "1"},
+                            {PLR_NAT_PARAM_NOT_SUPPORTED, "1"},
+                            {PLR_NAT_PARAM_BASE, "1"},
+                            {13870, "1"}};
 const Refused kAccepted[] = {
     {PLR_DHCP_PARAM_DOMAIN_NAME, "ddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddddd"},
     {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, "0"},
@@ -190,8 +187,7 @@ const Refused kAccepted[] = {
     {PLR_NAT_PARAM_ALLOW_ANY_OUI, "0"},
     {PLR_NAT_PARAM_NAT6, "1"},
     {PLR_NAT_PARAM_GATEWAY_IP, "192.168.8.254"},
-    {PLR_NAT_PARAM_NAT6_PREFIX, "anything at all"},
-};
+    {PLR_NAT_PARAM_NAT6_PREFIX, "anything at all"}};
 
 bool Set(const Refused& r) {
   return r.id < PLR_NAT_PARAM_BASE ? PLRDHCPSetParameter(8, r.id, r.value)
