@@ -1,7 +1,7 @@
-// End to end: a vnet with DHCP and a static mapping, its dhcpd.conf
+// End to end: a vnet with DHCP, NAT and a static mapping, its dhcpd.conf
 // generated from the database, the DHCP service started through the library
 // with the fixture serving through the real dhcpd, and a real DHCP client on
-// the other end of a veth pair getting the mapped address.
+// the other end of a veth pair getting the mapped address and the gateway.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -28,6 +28,7 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
       "answer VNET_1_HOSTONLY_SUBNET 192.168.77.0\n"
       "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
       "answer VNET_1_DHCP yes\n"
+      "answer VNET_1_NAT yes\n"
       "answer VNET_1_VIRTUAL_ADAPTER yes\n"
       "add_dhcp_mac_to_ip 1 02:11:22:33:44:55 192.168.77.50\n");
   Watchdog guard(90);
@@ -59,8 +60,9 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
     kill(client, SIGTERM);
   }
   ASSERT_EQ(rc, 0) << ReadFile("/tmp/dhclient.out");
-  EXPECT_NE(ReadFile("/tmp/dhclient.leases").find("fixed-address 192.168.77.50;"),
-            std::string::npos);
+  const std::string lease = ReadFile("/tmp/dhclient.leases");
+  EXPECT_NE(lease.find("fixed-address 192.168.77.50;"), std::string::npos) << lease;
+  EXPECT_NE(lease.find("option routers 192.168.77.2;"), std::string::npos) << lease;
 
   EXPECT_TRUE(PLRServiceStop(1, PLR_SERVICE_DHCP));
   EXPECT_FALSE(ProcessAlive(daemon));

@@ -1,202 +1,192 @@
-// nat.conf generation: the exact text, the backup, removal without NAT,
-// failures, and every generated file read back with the nat.conf reader.
-#include <errno.h>
+// nat.conf: the generated text, read back with the nat.conf reader, its
+// backup and removal; and the reader itself on hand-written files.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
-#include <map>
-#include <memory>
 #include <string>
 
-#include "base/sys-util.h"
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/services_util.h"
 #include "tests/support/svcfiles_util.h"
 
-namespace plr {
+namespace plr::test {
 namespace {
 
-using test::CountOf;
-using test::FileExists;
-using test::NatBackupPath;
-using test::NatConfPath;
-using test::ReadFile;
-using test::WriteFile;
+using namespace svc;  // NOLINT: the services test vocabulary
 
-// The items of one section as the reader lists them, "key=value" each.
-std::map<std::string, std::string> Items(const char* section) {
-  std::map<std::string, std::string> items;
+// One section's items as the reader lists them: "key=value#comment;" each.
+std::string Items(const char* section) {
   NatCfgIterator* iter = NatCfgListItemsInit(section);
-  if (iter == nullptr) return items;
-  char* value = nullptr;
-  while (char* key = NatCfgListItems(iter, &value, nullptr)) {
-    items[key] = value;
-    free(key);
-    free(value);
+  if (iter == nullptr) return "NULL";
+  std::string out;
+  char *value = nullptr, *comment = nullptr;
+  while (char* key = NatCfgListItems(iter, &value, &comment)) {
+    out += std::string(key) + "=" + value + (*comment ? "#" : "") + comment + ";";
+    free(key), free(value), free(comment);
   }
   NatCfgListItemsDestroy(iter);
-  return items;
+  return out;
 }
 
 std::string Sections() {
-  std::string names;
   NatCfgIterator* iter = NatCfgListSectionsInit();
   if (iter == nullptr) return "NULL";
-  while (char* name = NatCfgListSections(iter)) {
-    names += std::string(name) + ";";
-    free(name);
-  }
+  std::string out;
+  while (char* name = NatCfgListSections(iter)) out += std::string(name) + ";", free(name);
+  EXPECT_EQ(NatCfgListSections(iter), nullptr);  // stays at its end
   NatCfgListSectionsDestroy(iter);
-  return names;
+  return out;
 }
 
-class NatConf : public test::SvcFilesTest {
+std::string Get(const char* section, const char* key) {
+  char* value = NatCfgGetItem(section, key);
+  std::string out = value ? value : "NULL";
+  free(value);
+  return out;
+}
+
+class NatConf : public ServiceTest {
  protected:
-  void SetUp() override {
-    test::SvcFilesTest::SetUp();
-    path_ = NatConfPath(8);
-  }
   void TearDown() override {
     globalConfig = nullptr;
-    test::SvcFilesTest::TearDown();
+    ServiceTest::TearDown();
   }
-  void LoadVnet(const std::string& extra = "") {
-    Load(test::VnetRecords(8, "192.168.8.0", "255.255.255.0", true) + extra);
+  void Use(const std::string& text) {
+    WriteFile("/tmp/reader.conf", text);
+    globalConfig = "/tmp/reader.conf";
   }
-  // Points the reader at the generated file.
-  void ReadBack() { globalConfig = path_.c_str(); }
-  std::string path_;
+  std::string path_ = NatConfPath(8);
 };
 
-TEST_F(NatConf, FirstUpdateWritesTheExactText) {
-  LoadVnet(
-      "add_nat_portfwd 8 tcp 8080 192.168.8.128 80 web server\n"
-      "add_nat_portfwd 8 udp 6000 192.168.8.129 6001\n");
+TEST_F(NatConf, GeneratedFileHasTheExactTextAndReadsBackAsWritten) {
+  Load(VnetRecords(8, "192.168.8.0", "255.255.255.0", true) +
+       "add_nat_portfwd 8 tcp 8080 192.168.8.128 80 web server\n"
+       "add_nat_portfwd 8 udp 6000 192.168.8.129 6001\n");
   ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(ReadFile(path_),
-            ReadFile(std::string(test::TestDataDir()) + "/svcfiles/nat-kavix8.conf"));
+  EXPECT_EQ(ReadFile(path_), ReadFile(std::string(TestDataDir()) + "/svcfiles/nat-kavix8.conf"));
   EXPECT_FALSE(FileExists(NatBackupPath(8)));
-  EXPECT_EQ(CountOf(ReadFile(path_), "web server"), 0);  // descriptions stay in the database
-}
-
-TEST_F(NatConf, GeneratedFileReadsBackAsWritten) {
-  LoadVnet(
-      "answer VNET_8_NAT_PARAM_GATEWAY_IP 192.168.8.254\n"
-      "answer VNET_8_NAT_PARAM_UDP_TIMEOUT 600\n"
-      "answer VNET_8_NAT_PARAM_ACTIVE_FTP 0\n"
-      "answer VNET_8_NAT_PARAM_NAT6 1\n"
-      "add_nat_portfwd 8 tcp 8080 192.168.8.128 80\n"
-      "add_nat_portfwd 8 tcp 2222 192.168.8.130 22 ssh\n"
-      "add_nat_portfwd 8 tcp 65535 192.168.8.131 1\n"
-      "add_nat_portfwd 8 udp 53 192.168.8.128 53\n");
+  // Stored values, several forwards per protocol, none in one.
+  const std::string previous = ReadFile(path_);
+  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_GATEWAY_IP, "192.168.8.254"));
+  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_UDP_TIMEOUT, "600"));
+  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_ACTIVE_FTP, "0"));
+  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_NAT6, "1"));
+  ASSERT_TRUE(PLRNATSetPortForward(8, 1, 2222, "192.168.8.130", 22, "ssh"));
+  ASSERT_TRUE(PLRNATSetPortForward(8, 1, 65535, "192.168.8.131", 1, nullptr));
+  ASSERT_TRUE(PLRNATSetPortForward(8, 0, 6000, nullptr, 0, nullptr));
   ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  ReadBack();
+  EXPECT_EQ(ReadFile(NatBackupPath(8)), previous);
+  globalConfig = path_.c_str();
   EXPECT_EQ(Sections(), "host;tcp;udp;netbios;incomingtcp;incomingudp;");
-  std::map<std::string, std::string> host = Items("host");
-  EXPECT_EQ(host["ip"], "192.168.8.254");
-  EXPECT_EQ(host["netmask"], "255.255.255.0");
-  EXPECT_EQ(host["device"], "/dev/kavix8");
-  EXPECT_EQ(host["activeFTP"], "0");
-  EXPECT_EQ(host["allowAnyOUI"], "1");
-  EXPECT_EQ(host["natIp6Enable"], "1");
-  EXPECT_EQ(host["natIp6Prefix"], "fd15:4ba5:5a2b:1008::/64");
-  EXPECT_EQ(NatCfgGetItemLong("tcp", "timeWaitTimeout", 0), 30u);
+  EXPECT_EQ(Items("host"),
+            "ip=192.168.8.254;netmask=255.255.255.0;device=/dev/kavix8;activeFTP=0;allowAnyOUI=1;"
+            "resetConnectionOnLinkDown=1;resetConnectionOnDestLocalHost=1;natIp6Enable=1;"
+            "natIp6Prefix=fd15:4ba5:5a2b:1008::/64;");
   EXPECT_EQ(NatCfgGetItemLong("udp", "timeout", 0), 600u);
-  EXPECT_EQ(NatCfgGetItemLong("netbios", "nbnsRetries", 0), 3u);
-  std::map<std::string, std::string> tcp = Items("incomingtcp");
-  EXPECT_EQ(tcp.size(), 3u);
-  EXPECT_EQ(tcp["8080"], "192.168.8.128:80");
-  EXPECT_EQ(tcp["2222"], "192.168.8.130:22");
-  EXPECT_EQ(tcp["65535"], "192.168.8.131:1");
-  std::map<std::string, std::string> udp = Items("incomingudp");
-  EXPECT_EQ(udp.size(), 1u);
-  EXPECT_EQ(udp["53"], "192.168.8.128:53");
+  EXPECT_EQ(NatCfgGetItemLong("tcp", "timeWaitTimeout", 0), 30u);
+  EXPECT_EQ(Items("incomingtcp"),
+            "65535=192.168.8.131:1;2222=192.168.8.130:22;8080=192.168.8.128:80;");
+  EXPECT_EQ(Items("incomingudp"), "");
 }
 
-TEST_F(NatConf, VnetWithoutForwardsStillGetsBothSections) {
-  LoadVnet();
-  ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  std::string conf = ReadFile(path_);
-  EXPECT_NE(conf.find("\n[incomingtcp]\n"), std::string::npos);
-  EXPECT_NE(conf.find("#8080 = 172.16.3.128:80\n\n[incomingudp]\n"), std::string::npos);
-  EXPECT_EQ(conf.substr(conf.size() - 25), "#6000 = 172.16.3.0:6001\n\n");
-  ReadBack();
-  EXPECT_TRUE(Items("incomingtcp").empty());
-  EXPECT_TRUE(Items("incomingudp").empty());
-}
-
-TEST_F(NatConf, SecondUpdateKeepsThePreviousFileAsBackup) {
-  LoadVnet();
-  ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  WriteFile(path_, "# hand edited\n[host]\nip = 1.2.3.4\n");
-  ASSERT_TRUE(PLRNATSetPortForward(8, 1, 80, "192.168.8.140", 8080, nullptr));
-  ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(ReadFile(NatBackupPath(8)), "# hand edited\n[host]\nip = 1.2.3.4\n");
-  ReadBack();
-  EXPECT_EQ(Items("incomingtcp")["80"], "192.168.8.140:8080");
-  std::unique_ptr<char, decltype(&free)> ip(NatCfgGetItem("host", "ip"), &free);
-  ASSERT_NE(ip, nullptr);
-  EXPECT_STREQ(ip.get(), "192.168.8.2");
-}
-
-TEST_F(NatConf, VnetWithoutNatLosesItsNatFiles) {
-  LoadVnet();
+TEST_F(NatConf, MissingValuesTouchNothingAndNatOffRemovesTheFiles) {
+  Load("answer VNET_8_NAT yes\n");
+  EXPECT_FALSE(PLRNATUpdateFromConfig(8));  // no gateway address
+  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_GATEWAY_IP, "10.0.0.2"));
+  EXPECT_FALSE(PLRNATUpdateFromConfig(8));  // no netmask
+  EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
+  ASSERT_TRUE(PLRSetVnetSubnetMask(8, "255.255.255.0"));
   ASSERT_TRUE(PLRNATUpdateFromConfig(8));
   ASSERT_TRUE(PLRNATUpdateFromConfig(8));
   WriteFile("/etc/tarsis/kavix8/nat.mac", "00:50:56:01:02:03\n");
   ASSERT_TRUE(PLRSetVnetUseNAT(8, false, false));
   EXPECT_TRUE(PLRNATUpdateFromConfig(8));
-  EXPECT_FALSE(FileExists(path_));
-  EXPECT_FALSE(FileExists(NatBackupPath(8)));
-  EXPECT_FALSE(FileExists("/etc/tarsis/kavix8/nat.mac"));
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
 }
 
-TEST_F(NatConf, MissingValuesFailBeforeAnyFileIsTouched) {
-  Load("answer VNET_8_NAT yes\n");
-  EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(LogCount("Failure in looking up NAT gateway address\n"), 1);
-  EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
+// Lookups in hand-written files: header and key matching, separators,
+// quoting and escapes, comments, duplicate sections.
+struct Lookup {
+  const char *file, *section, *key, *value;
+};
+const Lookup kLookups[] = {
+    {"[Host]\nIP:192.168.8.2\nip = 192.168.8.3\n", "HOST", "Ip", "192.168.8.2"},
+    {"[ host]\nip = 1\n[hostx]\nip = 2\n  [HOST]  x\nip = 3\n", "host", "ip", "3"},
+    {"[t]\nipx = 9\n  ip \t = 7\n", "t", "ip", "7"},
+    {"[q]\nv = 'a b'\n", "q", "v", "a b"},
+    {"[q]\nv = \"c  d\" # after\n", "q", "v", "c  d"},
+    {"[q]\nv = a b\n", "q", "v", "a"},
+    {"[q]\nv = \"t\\tn\\nr\\rb\\\\q\\\"x\\y\"\n", "q", "v", "t\tn\nr\rb\\q\"xy"},
+    {"[q]\nv = \"runs to the end\n", "q", "v", "runs to the end"},
+    {"[q]\nv =\n", "q", "v", ""},
+    {"[q]\nv = abc\\\n", "q", "v", "abc"},
+    {"[q]\nv = it's\n", "q", "v", "it's"},
+    {"[q]\r\nv = \"x\ry\"\r\n", "q", "v", "x\ry"},
+    {"[q]\nv = x#y\n", "q", "v", "x#y"},
+    {"[q]\n# v = 1\n= v\nv\n", "q", "v", "NULL"},
+    {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\nt = 30\n", "u", "t", "10"},
+    {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\nt = 30\n", "u", "extra", "20"},
+    {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\n", "u", "late", "NULL"},
+    {"[a]\nx = 1\n   [b]\ny = 2", "a", "y", "NULL"},
+    {"[a]\nx = 1\n   [b]\ny = 2", "b", "y", "2"},
+    {"[a]\nx = 1\n", "nosuch", "x", "NULL"}};
 
-  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_GATEWAY_IP, "10.0.0.2"));
-  EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(LogCount("Failure in looking up NAT netmask\n"), 1);
-  EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
+TEST_F(NatConf, ReaderFindsWhatTheFileSays) {
+  for (const Lookup& l : kLookups) {
+    SCOPED_TRACE(l.file);
+    Use(l.file);
+    EXPECT_EQ(Get(l.section, l.key), l.value);
+  }
+  Use("  [host]  trailing\nip = 1\n[no closing bracket\n[]\n[Mixed Case]x]\nk = [no header]\n[u]");
+  EXPECT_EQ(Sections(), "host;;Mixed Case;u;");
+  Use("[q]\nt = 60 # seconds\n# c = 1\n= orphan\n\r\nno separator\na = b c #  spaced\r\n"
+      "cr = \"x\ry\"\r\n[Q]\nlater = 1\n");
+  EXPECT_EQ(Items("q"), "t=60#seconds;a=b#spaced;cr=x;");
+  EXPECT_EQ(Items("x"), "NULL");
+  Use("[n]\nok = 42\nbad = 12x\nneg = -1\nhuge = 99999999999999999999999\nempty =\n");
+  EXPECT_EQ(NatCfgGetItemLong("n", "ok", 7), 42u);
+  EXPECT_EQ(NatCfgGetItemLong("n", "bad", 7), 7u);
+  EXPECT_EQ(NatCfgGetItemLong("n", "missing", 7), 7u);
+  EXPECT_EQ(NatCfgGetItemLong("n", "neg", 7), static_cast<unsigned long>(-1));
+  EXPECT_EQ(NatCfgGetItemLong("n", "huge", 7), static_cast<unsigned long>(-1));
+  EXPECT_EQ(NatCfgGetItemLong("n", "empty", 7), 0u);
+  // Lines longer than the reader's buffer arrive in pieces of 16382 bytes.
+  Use("[l]\nkey = " + std::string(20000, 'v') + "\n" + std::string(16382, 'x') + "hidden = 1\n");
+  EXPECT_EQ(Items("l"), "key=" + std::string(16382 - 6, 'v') + ";hidden=1;");
+  // Without a file every call comes back empty.
+  globalConfig = "/tmp/none.conf";
+  EXPECT_EQ(Get("host", "ip"), "NULL");
+  EXPECT_EQ(NatCfgGetItemLong("udp", "timeout", 77), 77u);
+  EXPECT_EQ(Sections(), "NULL");
+  EXPECT_EQ(NatCfgListItems(nullptr, nullptr, nullptr), nullptr);
 }
 
-TEST_F(NatConf, FailedFirstWriteRemovesWhatItCreated) {
-  LoadVnet();
-  sys::FailNth(sys::Op::kRename, 1, ENOSPC);
-  EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  sys::ClearFaults();
-  EXPECT_EQ(LogCount("fopen: failed to open NAT config file, error: No space left on device\n"), 1);
-  EXPECT_EQ(LogCount("Removing newly created NAT directory and config file\n"), 1);
-  EXPECT_FALSE(FileExists(path_));
-  EXPECT_FALSE(FileExists("/etc/tarsis/kavix8/nat"));
-}
-
-TEST_F(NatConf, FailedRewriteKeepsTheOldFileAndTheBackup) {
-  LoadVnet();
-  ASSERT_TRUE(PLRNATUpdateFromConfig(8));
-  const std::string old = ReadFile(path_);
-  ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_UDP_TIMEOUT, "5"));
-  sys::FailNth(sys::Op::kRename, 1, EIO);
-  EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  sys::ClearFaults();
-  EXPECT_EQ(ReadFile(path_), old);
-  EXPECT_EQ(ReadFile(NatBackupPath(8)), old);
-  EXPECT_EQ(LogCount("Removing newly created NAT directory and config file\n"), 0);
-}
-
-TEST_F(NatConf, TemplateTextsAreExportedAsWritten) {
-  EXPECT_STREQ(PLRNATConfigFilePortForwardParam, "%u = %s:%u%s%s\n");
-  EXPECT_STREQ(PLRNATConfigFileNat6PrefixDesc, PLRNATConfigFileNat6Desc);
-  EXPECT_STREQ(PLRNATConfigHostNat6DefaultOptions,
-               "\n# Controls if enable nat ipv6\n#natIp6Enable = 0\n\n"
-               "# Controls if set nat ipv6 prefix\n#natIp6Prefix = 2001:db8:130f:ffa0::/64\n");
-  EXPECT_NE(std::string(PLRNATConfigFileAllowAnyOUIDesc).find("any OUI.  Turn this on"),
-            std::string::npos);
+TEST_F(NatConf, IteratorsKeepTheirOwnPositionsAndSurviveATruncatedFile) {
+  Use("[a]\n1 = one\n2 = two\n3 = three\n");
+  NatCfgIterator* first = NatCfgListItemsInit("a");
+  NatCfgIterator* second = NatCfgListItemsInit("a");
+  ASSERT_TRUE(first && second);
+  auto next = [](NatCfgIterator* iter) {
+    char* key = NatCfgListItems(iter, nullptr, nullptr);
+    std::string text = key ? key : "NULL";
+    free(key);
+    return text;
+  };
+  EXPECT_EQ(next(first), "1");
+  EXPECT_EQ(next(first), "2");
+  EXPECT_EQ(next(second), "1");
+  ASSERT_EQ(truncate("/tmp/reader.conf", 0), 0);
+  for (int i = 0; i < 3; ++i) {
+    const std::string key = next(second);
+    if (key == "NULL") break;
+    EXPECT_TRUE(key == "2" || key == "3") << key;
+  }
+  EXPECT_EQ(next(second), "NULL");
+  NatCfgListItemsDestroy(first);
+  NatCfgListItemsDestroy(second);
 }
 
 }  // namespace
-}  // namespace plr
+}  // namespace plr::test
