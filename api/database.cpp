@@ -10,10 +10,10 @@
 #include <string>
 
 #include "api/api-util.h"
-#include "base/str-util.h"
 #include "base/sys-util.h"
 #include "core/frame.h"
 #include "core/log.h"
+#include "netcfg/whole-db.h"
 #include "pelorus/bridge.h"
 #include "pelorus/dbapi.h"
 #include "pelorus/files.h"
@@ -83,17 +83,7 @@ constexpr const char* kLoadedRefusal =
 // a new one; the old one comes back when the creation fails.
 bool OverwriteDatabase(const char* function, const char* path) {
   std::string backup;
-  for (unsigned n = 0;; ++n) {
-    backup = StrPrintf("%s.bak.%u", path, n);
-    if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, backup.c_str())) break;
-  }
-  if (!PLRCreateFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, backup.c_str()) ||
-      sys::rename(path, backup.c_str()) != 0) {
-    PLOG_AS(function, LOG_ERR, "Failed to backup existing database file, error: %s",
-            strerror(errno));
-    return false;
-  }
-  PLOG_AS(function, LOG_INFO, "Renamed database file: %s to: %s", path, backup.c_str());
+  if (!NetCfgMoveToBackupCopy(function, path, NetCfgBackupName::kFirstFree, &backup)) return false;
   PLOG_AS(function, LOG_INFO2, "Existing database will be overwritten");
   if (PLRNetCfgCreateDB(path, false)) {
     PLOG_AS(function, LOG_OK, "Created and initialized networking configuration database: %s",
@@ -101,12 +91,7 @@ bool OverwriteDatabase(const char* function, const char* path) {
     return true;
   }
   PLOG_AS(function, LOG_ERR, "Failed to create/initialize database file: %s", path);
-  if (sys::rename(backup.c_str(), path) != 0)
-    PLOG_AS(function, LOG_ERR,
-            "Failed to restore database file during error handling from: %s to %s", backup.c_str(),
-            path);
-  else
-    PLOG_AS(function, LOG_INFO, "Restored database file during error handling");
+  NetCfgRestoreBackupCopy(function, backup, path);
   return false;
 }
 
