@@ -14,6 +14,7 @@
 #include "base/sys-util.h"
 #include "core/frame.h"
 #include "core/log.h"
+#include "netcfg/whole-db.h"
 #include "pelorus/bridge.h"
 #include "pelorus/dbapi.h"
 #include "pelorus/files.h"
@@ -83,17 +84,7 @@ constexpr const char* kLoadedRefusal =
 // a new one; the old one comes back when the creation fails.
 bool OverwriteDatabase(const char* function, const char* path) {
   std::string backup;
-  for (unsigned n = 0;; ++n) {
-    backup = StrPrintf("%s.bak.%u", path, n);
-    if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, backup.c_str())) break;
-  }
-  if (!PLRCreateFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, backup.c_str()) ||
-      sys::rename(path, backup.c_str()) != 0) {
-    PLOG_AS(function, LOG_ERR, "Failed to backup existing database file, error: %s",
-            strerror(errno));
-    return false;
-  }
-  PLOG_AS(function, LOG_INFO, "Renamed database file: %s to: %s", path, backup.c_str());
+  if (!NetCfgMoveToBackupCopy(function, path, NetCfgBackupName::kFirstFree, &backup)) return false;
   PLOG_AS(function, LOG_INFO2, "Existing database will be overwritten");
   if (PLRNetCfgCreateDB(path, false)) {
     PLOG_AS(function, LOG_OK, "Created and initialized networking configuration database: %s",
@@ -101,12 +92,7 @@ bool OverwriteDatabase(const char* function, const char* path) {
     return true;
   }
   PLOG_AS(function, LOG_ERR, "Failed to create/initialize database file: %s", path);
-  if (sys::rename(backup.c_str(), path) != 0)
-    PLOG_AS(function, LOG_ERR,
-            "Failed to restore database file during error handling from: %s to %s", backup.c_str(),
-            path);
-  else
-    PLOG_AS(function, LOG_INFO, "Restored database file during error handling");
+  NetCfgRestoreBackupCopy(function, backup, path);
   return false;
 }
 
@@ -132,26 +118,18 @@ bool ImportOrMerge(const char* function, int line, const char* file, bool merge)
   return frame.Exit(ok, __LINE__);
 }
 
-// One service's lines for the runtime checks of a vnet deletion.
+// One service of the runtime checks of a vnet deletion, with the two
+// spellings of its name that the lines use.
 struct ServiceCheck {
   uint32_t service;
-  const char* unknown;
-  const char* running;
-  const char* stopped;
+  const char* lowerName;  // "Cannot determine status of %s service ..."
+  const char* name;       // "%s service is ..."
 };
 constexpr ServiceCheck kDeletionChecks[] = {
-    {PLR_SERVICE_BRIDGE, "Cannot determine status of bridge service on vnet: %s",
-     "Bridge service is still running on this vnet Cannot delete config information",
-     "Bridge service is not running on vnet: %s"},
-    {PLR_SERVICE_DHCP, "Cannot determine status of DHCP service on vnet: %s",
-     "DHCP service is still running on this vnet Cannot delete config information",
-     "DHCP service is not running on vnet: %s"},
-    {PLR_SERVICE_NAT, "Cannot determine status of NAT service on vnet: %s",
-     "NAT service is still running on this vnet Cannot delete config information",
-     "NAT service is not running on vnet: %s"},
-    {PLR_SERVICE_NETIFUP, "Cannot determine status of NETIFUP service on vnet: %s",
-     "NETIFUP service is still running on this vnet Cannot delete config information",
-     "NETIFUP service is not running on vnet: %s"},
+    {PLR_SERVICE_BRIDGE, "bridge", "Bridge"},
+    {PLR_SERVICE_DHCP, "DHCP", "DHCP"},
+    {PLR_SERVICE_NAT, "NAT", "NAT"},
+    {PLR_SERVICE_NETIFUP, "NETIFUP", "NETIFUP"},
 };
 
 // Refuses a deletion while anything of the vnet runs on the host: any of
@@ -161,14 +139,17 @@ bool NothingRunsOn(const char* fn, uint32_t vnet, const char* name) {
   for (const ServiceCheck& check : kDeletionChecks) {
     const uint32_t status = PLRServiceStatus(vnet, check.service);
     if (status == PLR_SERVICE_STATUS_UNKNOWN) {
-      PLRLog(LOG_ERR, fn, check.unknown, name);
+      PLOG_AS(fn, LOG_ERR, "Cannot determine status of %s service on vnet: %s", check.lowerName,
+              name);
       return false;
     }
     if (status == PLR_SERVICE_RUNNING) {
-      PLRLog(LOG_ERR, fn, "%s", check.running);
+      PLOG_AS(fn, LOG_ERR,
+              "%s service is still running on this vnet Cannot delete config information",
+              check.name);
       running = true;
     } else {
-      PLRLog(LOG_INFO2, fn, check.stopped, name);
+      PLOG_AS(fn, LOG_INFO2, "%s service is not running on vnet: %s", check.name, name);
     }
   }
   char adapter[16];
@@ -191,13 +172,14 @@ bool NothingRunsOn(const char* fn, uint32_t vnet, const char* name) {
   return !running;
 }
 
-// Logs one removal step's outcome and folds it into `all`.
-void Step(const char* fn, bool ok, bool* all, const char* success, const char* failure,
-          const char* name) {
+// Logs one removal step's outcome (texts formatted by the caller) and
+// folds it into `all`.
+void Step(const char* fn, bool ok, bool* all, const std::string& success,
+          const std::string& failure) {
   if (ok) {
-    PLRLog(LOG_INFO, fn, success, name);
+    PLOG_AS(fn, LOG_INFO, "%s", success.c_str());
   } else {
-    PLRLog(LOG_ERR, fn, failure, name);
+    PLOG_AS(fn, LOG_ERR, "%s", failure.c_str());
     *all = false;
   }
 }
@@ -206,24 +188,27 @@ void Step(const char* fn, bool ok, bool* all, const char* success, const char* f
 // earlier ones gave.
 bool RemoveVnetConfiguration(const char* fn, uint32_t vnet, const char* name, bool readOnly) {
   bool all = true;
-  Step(fn, PLRRemoveBridgeMappingsForVnet(vnet), &all, "Removed bridge mappings for vnet: %s",
-       "Falied to remove brige mappings for vnet: %s", name);
-  Step(fn, PLRSetVnetUseDHCP(vnet, false, true), &all, "Removed DHCP on vnet: %s",
-       "Removing NAT failed on vnet: %s, current status unknown", name);
+  Step(fn, PLRRemoveBridgeMappingsForVnet(vnet), &all,
+       StrPrintf("Removed bridge mappings for vnet: %s", name),
+       StrPrintf("Falied to remove brige mappings for vnet: %s", name));
+  Step(fn, PLRSetVnetUseDHCP(vnet, false, true), &all, StrPrintf("Removed DHCP on vnet: %s", name),
+       StrPrintf("Removing NAT failed on vnet: %s, current status unknown", name));
   if (!readOnly)
     Step(fn, PLRDHCPUpdateFromConfig(vnet), &all,
-         "Removed DHCP system configuraiton file, for vnet: %s",
-         "Failed to remove DHCP system configuraiton file, for vnet: %s", name);
-  Step(fn, PLRSetVnetUseNAT(vnet, false, true), &all, "Removed NAT on vnet: %s",
-       "Removing NAT failed on vnet: %s, current status unknown", name);
+         StrPrintf("Removed DHCP system configuraiton file, for vnet: %s", name),
+         StrPrintf("Failed to remove DHCP system configuraiton file, for vnet: %s", name));
+  Step(fn, PLRSetVnetUseNAT(vnet, false, true), &all, StrPrintf("Removed NAT on vnet: %s", name),
+       StrPrintf("Removing NAT failed on vnet: %s, current status unknown", name));
   if (!readOnly)
     Step(fn, PLRNATUpdateFromConfig(vnet), &all,
-         "Removed NAT system configuration file, for vnet: %s",
-         "Failed to remove NAT system configuraiton file, for vnet: %s", name);
-  Step(fn, PLRSetVnetUseAdapter(vnet, false, true), &all, "Removed Adapter from vnet: %s",
-       "Failed to delete adapter from configuration", name);
-  Step(fn, PLRRemoveSubnetAssignment(vnet), &all, "Removed subnet assignment for vnet: %s",
-       "Failed to delete subnet assignment", name);
+         StrPrintf("Removed NAT system configuration file, for vnet: %s", name),
+         StrPrintf("Failed to remove NAT system configuraiton file, for vnet: %s", name));
+  Step(fn, PLRSetVnetUseAdapter(vnet, false, true), &all,
+       StrPrintf("Removed Adapter from vnet: %s", name),
+       "Failed to delete adapter from configuration");
+  Step(fn, PLRRemoveSubnetAssignment(vnet), &all,
+       StrPrintf("Removed subnet assignment for vnet: %s", name),
+       "Failed to delete subnet assignment");
   if (!PLRRemoveFile(vnet, PLR_FILE_KAVIX_DEVICE, nullptr)) {
     PLOG_AS(fn, LOG_ERR, "Failed to delete kavix device");
     all = false;

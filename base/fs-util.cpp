@@ -20,10 +20,15 @@ std::string DirName(const char* path) {
   return std::string(p.substr(0, slash));
 }
 
-// Creates "<dir>/.<name>.XXXXXX" exclusively, like mkstemp but through the
-// fault-injectable open, and returns its descriptor and name.
-UniqueFd CreateTempBeside(const char* path, std::string* tempPath) {
+}  // namespace
+
+// Like mkstemp, but through the fault-injectable open; a name taken by
+// someone else is retried with new random letters.
+bool PendingFile::Create(const char* path, mode_t mode) {
   static constexpr char kChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  Discard();
+  committed_ = false;
+  path_ = path;
   std::string_view p(path);
   size_t slash = p.rfind('/');
   std::string prefix = slash == std::string_view::npos ? "." + std::string(p)
@@ -31,37 +36,46 @@ UniqueFd CreateTempBeside(const char* path, std::string* tempPath) {
                                                              std::string(p.substr(slash + 1));
   for (int attempt = 0; attempt < 100; ++attempt) {
     unsigned char bytes[6];
-    if (!CryptoRandom(bytes, sizeof bytes)) return UniqueFd();
-    *tempPath = prefix + ".";
-    for (unsigned char b : bytes) *tempPath += kChars[b % (sizeof kChars - 1)];
-    UniqueFd fd(sys::open(tempPath->c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    if (fd || errno != EEXIST) return fd;
+    if (!CryptoRandom(bytes, sizeof bytes)) return false;
+    std::string name = prefix + ".";
+    for (unsigned char b : bytes) name += kChars[b % (sizeof kChars - 1)];
+    temp_ = std::move(name);
+    fd_.reset(sys::open(temp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd_ && errno == EEXIST) continue;
+    if (!fd_) return false;  // the name stays for the caller's log line
+    owned_ = true;
+    return fchmod(fd_.get(), mode) == 0;
   }
-  return UniqueFd();  // errno is EEXIST
+  return false;  // errno is EEXIST
 }
 
-}  // namespace
+bool PendingFile::Sync() {
+  if (sys::fsync(fd_.get()) != 0) return false;
+  fd_.reset();
+  return true;
+}
 
-// Until the rename the old file is untouched; the guard removes the
-// temporary on every failure before it (keeping the failing call's errno).
+bool PendingFile::Commit() {
+  fd_.reset();
+  if (sys::rename(temp_.c_str(), path_.c_str()) != 0) return false;
+  owned_ = false;
+  committed_ = true;
+  return FsyncParentDir(path_.c_str());
+}
+
+void PendingFile::Discard() {
+  fd_.reset();
+  if (!owned_) return;
+  owned_ = false;
+  int saved = errno;
+  sys::unlink(temp_.c_str());
+  errno = saved;
+}
+
 bool ReplaceFileAtomically(const char* path, std::string_view data, mode_t mode) {
-  std::string tempPath;
-  UniqueFd fd = CreateTempBeside(path, &tempPath);
-  if (!fd) return false;
-  bool renamed = false;
-  ScopeExit removeTemp([&] {
-    if (renamed) return;
-    int saved = errno;
-    sys::unlink(tempPath.c_str());
-    errno = saved;
-  });
-  if (fchmod(fd.get(), mode) != 0) return false;
-  if (!sys::WriteAll(fd.get(), data.data(), data.size())) return false;
-  if (sys::fsync(fd.get()) != 0) return false;
-  fd.reset();
-  if (sys::rename(tempPath.c_str(), path) != 0) return false;
-  renamed = true;
-  return FsyncParentDir(path);
+  PendingFile file;
+  return file.Create(path, mode) && sys::WriteAll(file.fd(), data.data(), data.size()) &&
+         file.Sync() && file.Commit();
 }
 
 bool ReadWholeFile(const char* path, std::string* out) {

@@ -6,10 +6,51 @@
 #include <string>
 #include <string_view>
 
+#include "base/fd-util.h"
+
 namespace plr {
 
-// Replaces `path` with `data`: write a temporary file beside it, fsync it,
-// rename it over `path`, fsync the directory. The file gets exactly `mode`
+// A new version of a file, written beside it under a temporary name and put
+// in its place by one rename: the one way the library replaces a file. Every
+// step goes through the system-call table and fails with errno set; the
+// temporary file is removed when the owner goes away before Commit(), unless
+// Keep() hands it on.
+class PendingFile {
+ public:
+  PendingFile() = default;
+  PendingFile(const PendingFile&) = delete;
+  PendingFile& operator=(const PendingFile&) = delete;
+  ~PendingFile() { Discard(); }
+
+  // Creates "<dir>/.<name>.XXXXXX" beside `path` exclusively, with exactly
+  // `mode` (no umask). tempPath() names it, even when the creation failed.
+  bool Create(const char* path, mode_t mode);
+  // The descriptor to write the content to, until Sync().
+  int fd() const { return fd_.get(); }
+  const std::string& tempPath() const { return temp_; }
+  // Puts the written content on disk and closes the descriptor.
+  bool Sync();
+  // Renames the temporary file over the target and makes the rename durable.
+  // When only the directory sync fails the new content is in place: false,
+  // errno set, nothing left to discard.
+  bool Commit();
+  // Removes the temporary file (keeping errno), unless committed or kept.
+  void Discard();
+  // Leaves the temporary file where it is, under its name, for the caller.
+  void Keep() { owned_ = false; }
+  // True once the rename of Commit() happened.
+  bool committed() const { return committed_; }
+
+ private:
+  std::string path_;
+  std::string temp_;
+  UniqueFd fd_;
+  bool owned_ = false;  // temp_ exists and is this owner's to remove
+  bool committed_ = false;
+};
+
+// Replaces `path` with `data` through a PendingFile: write a temporary file
+// beside it, fsync it, rename it over `path`, fsync the directory. The file gets exactly `mode`
 // (no umask). On any failure up to the rename the temporary file is removed,
 // `path` is untouched, errno is set. When only the final directory fsync
 // fails, the new content is in place but not yet durable: false, errno set.

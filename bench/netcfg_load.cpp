@@ -133,7 +133,10 @@ void BM_WriteDatabaseFile100k(benchmark::State& state) {
   WriteJournal(100000);
   PLRNetworkConfigurationDB* db = nullptr;
   if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
-  for (auto _ : state) plr::NetCfgWriteDatabaseFile(db, "/etc/tarsis/.networking.rewrite", false);
+  for (auto _ : state) {
+    plr::PendingFile rewrite;  // written, then discarded
+    plr::NetCfgWriteDatabaseFile(db, &rewrite, "/etc/tarsis/networking", 0600, false);
+  }
   PLRNetCfgUnload(&db, false);
 }
 BENCHMARK(BM_WriteDatabaseFile100k)->Unit(benchmark::kMillisecond);

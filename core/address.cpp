@@ -2,10 +2,14 @@
 // strictness is deliberate and decides what the library accepts from callers:
 // fixed scan patterns with a trailing-character probe, at least eight hosts
 // per subnet mask, prefixes of 32 to 96 bits.
+#include "core/address.h"
+
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include <string>
 
 #include "core/log.h"
 #include "pelorus/core.h"
@@ -23,7 +27,63 @@ constexpr uint32_t kNarrowestMask = 0xFFFFFFF8u;
 constexpr long kMinPrefixLength = 32;
 constexpr long kMaxPrefixLength = 96;
 
+// The one scan of dotted IPv4 text: the number of conversions (4 when the
+// text is exactly four numbers) and the numbers, not yet range-checked.
+int ScanIPv4(const char* text, unsigned (&v)[4]) {
+  char trailing = 0;
+  return sscanf(text, "%3u.%3u.%3u.%3u%c", &v[0], &v[1], &v[2], &v[3], &trailing);
+}
+
+bool IsHexDigit(char c) {
+  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+}
+
 }  // namespace
+
+// Digits and dots need no scanner: four groups of one to three digits, each
+// at most 255, nothing after the fourth, which is what the scan accepts on
+// such text. Anything else (signs, blanks) goes through the scan itself.
+bool IsValidIPText(std::string_view text) {
+  if (text.find_first_not_of("0123456789.") != std::string_view::npos) {
+    if (text.find('\0') != std::string_view::npos) return false;
+    const std::string copy(text);
+    unsigned v[4] = {};
+    return ScanIPv4(copy.c_str(), v) == 4 && v[0] <= 255 && v[1] <= 255 && v[2] <= 255 &&
+           v[3] <= 255;
+  }
+  unsigned groups = 0, digits = 0, value = 0;
+  for (char c : text) {
+    if (c == '.') {
+      if (digits == 0 || ++groups > 3) return false;
+      digits = value = 0;
+    } else {
+      if (++digits > 3) return false;
+      value = value * 10 + static_cast<unsigned>(c - '0');
+      if (value > 255) return false;
+    }
+  }
+  return groups == 3 && digits > 0;
+}
+
+// Text already in the standard shape (17 characters, pairs of hex digits
+// between colons) differs from its standard form at most in letter case;
+// every other form goes through PLRMACStandardizeFormat.
+bool StandardizeMACText(std::string_view text, char out[18]) {
+  bool shaped = text.size() == 17;
+  for (size_t i = 0; shaped && i < 17; ++i)
+    shaped = (i % 3 == 2) ? text[i] == ':' : IsHexDigit(text[i]);
+  if (shaped) {
+    for (size_t i = 0; i < 17; ++i)
+      out[i] =
+          (text[i] >= 'a' && text[i] <= 'f') ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
+    out[17] = '\0';
+    return true;
+  }
+  if (text.empty() || text.size() >= 32 || text.find('\0') != std::string_view::npos) return false;
+  const std::string copy(text);
+  return PLRMACStandardizeFormat(copy.c_str(), out);
+}
+
 }  // namespace plr
 
 extern "C" {
@@ -32,17 +92,16 @@ extern "C" {
 // significant. Exactly four numbers of at most three digits each, every one
 // below 256, and nothing after the fourth. `*out` is written only on success.
 bool PLRIPStr2Int(const char* text, uint32_t* out) {
-  unsigned a = 0, b = 0, c = 0, d = 0;
-  char trailing = 0;
-  if (text == nullptr || sscanf(text, "%3u.%3u.%3u.%3u%c", &a, &b, &c, &d, &trailing) != 4) {
+  unsigned v[4] = {};
+  if (text == nullptr || plr::ScanIPv4(text, v) != 4) {
     PLOG(LOG_ERR, "sscanf failed");
     return false;
   }
-  if (a > 255 || b > 255 || c > 255 || d > 255) {
-    PLOG(LOG_ERR, "Invalid values: %u, %u, %u, %u", a, b, c, d);
+  if (v[0] > 255 || v[1] > 255 || v[2] > 255 || v[3] > 255) {
+    PLOG(LOG_ERR, "Invalid values: %u, %u, %u, %u", v[0], v[1], v[2], v[3]);
     return false;
   }
-  if (out != nullptr) *out = a << 24 | b << 16 | c << 8 | d;
+  if (out != nullptr) *out = v[0] << 24 | v[1] << 16 | v[2] << 8 | v[3];
   return true;
 }
 

@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     PLRNetworkConfigurationDB* db = nullptr;
     if (!PLRNetCfgLoad(path.c_str(), &db, backup, false)) continue;
     // Whatever loaded must format: the whole-file writer touches every table.
-    plr::NetCfgWriteDatabaseFile(db, (WorkDir() + "/rewrite").c_str(), backup);
+    plr::PendingFile rewrite;  // written, then discarded
+    plr::NetCfgWriteDatabaseFile(db, &rewrite, (WorkDir() + "/rewrite").c_str(), 0600, backup);
     PLRNetCfgUnload(&db, false);
   }
   return 0;

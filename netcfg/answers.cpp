@@ -1,10 +1,7 @@
 // Answers: string values under string keys, written through to the journal.
 //
-// A change is made in the table first and then appended; a failed append
-// undoes the table change. Because an append that fails leaves nothing of
-// its record in the file, a compensating record is written only for records
-// that did land (the remove record of a replaced value), so the journal never
-// holds a remove of a key it does not have.
+// Adds go through NetCfgAddWithRollback (netcfg/tables.h), which also holds
+// the undo rules of the other record kinds.
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
@@ -17,66 +14,48 @@
 namespace plr {
 namespace {
 
-// Undoes a failed add: the table gets its old state back; the file gets a
-// compensating record when part of the change reached it. A restoring call
-// (itself an undo) leaves the table as it is.
-bool RollbackAnswer(PLRNetworkConfigurationDB* db, std::string_view key, const char* value,
-                    const std::optional<std::string>& oldValue, bool landed, bool restoring) {
-  db->modified = true;  // the cache may now differ from the file; compaction settles it
-  if (restoring) return false;
-  bool mayHaveLanded = false;
-  if (oldValue) {
-    NetCfgHashAddAnswer(db, key, *oldValue);
-    if (landed && !NetCfgAppendRecord(db, AnswerRecord(key, *oldValue), &mayHaveLanded))
-      PLOG_AS("PLRNetCfgAddAnswerString", LOG_ERR, "Failed to restore previous values %s:%s",
-              std::string(key).c_str(), oldValue->c_str());
-    return false;
-  }
-  if (!NetCfgHashRemoveAnswer(db, key) ||
-      (landed && !NetCfgAppendRecord(db, RemoveAnswerRecord(key), &mayHaveLanded)))
-    PLOG_AS("PLRNetCfgAddAnswerString", LOG_ERR, "Failed to remove newly added record, %s:%s",
-            std::string(key).c_str(), value);
-  return false;
-}
+// An answer as a record kind of NetCfgAddWithRollback.
+struct AnswerKind {
+  using Value = std::string;
+  const char* key;
+  const char* value;
+  const char* function;
 
-// Adds or replaces one answer. `restoring` marks a call that undoes another
-// change: it never starts an undo of its own.
-bool NetCfgAddAnswerStringInt(PLRNetworkConfigurationDB* db, const char* key, const char* value,
-                              bool restoring) {
-  const char* fn = "PLRNetCfgAddAnswerString";
-  if (key == nullptr || !NetCfgIsToken(key) || value == nullptr || *value == '\0' ||
-      !NetCfgIsLineText(value)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add %s:%s to hash table", key ? key : "(null)",
-            value ? value : "(null)");
-    return false;
-  }
-  std::optional<std::string> oldValue;
-  if (db->answers) {
+  std::optional<std::string> Find(const PLRNetworkConfigurationDB* db) const {
+    if (!db->answers) return std::nullopt;
     auto it = db->answers->find(std::string_view(key));
-    if (it != db->answers->end()) oldValue = it->second.value;
+    if (it == db->answers->end()) return std::nullopt;
+    return it->second.value;
   }
-  if (!NetCfgHashAddAnswer(db, key, value)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add %s:%s to hash table", key, value);
-    return false;
+  bool Put(PLRNetworkConfigurationDB* db, const std::string& v) const {
+    return NetCfgHashAddAnswer(db, key, v);
   }
-  if (db->readOnly) {
-    db->modified = true;
-    return true;
+  bool Erase(PLRNetworkConfigurationDB* db) const { return NetCfgHashRemoveAnswer(db, key); }
+  NetCfgRecord Record(const std::string& v, bool add) const {
+    return add ? AnswerRecord(key, v) : RemoveAnswerRecord(key);
   }
-  bool mayHaveLanded = false;
-  if (oldValue && !NetCfgAppendRecord(db, RemoveAnswerRecord(key), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to remove: %s from database file, error: %s", key,
-            strerror(errno));
-    return RollbackAnswer(db, key, value, oldValue, mayHaveLanded, restoring);
+  void Log(NetCfgAddStep step, const std::string* old) const {
+    switch (step) {
+      case NetCfgAddStep::kTable:
+        PLOG_AS(function, LOG_ERR, "Failed to add %s:%s to hash table", key, value);
+        break;
+      case NetCfgAddStep::kRemoveOld:
+        PLOG_AS(function, LOG_ERR, "Failed to remove: %s from database file, error: %s", key,
+                strerror(errno));
+        break;
+      case NetCfgAddStep::kWriteNew:
+        PLOG_AS(function, LOG_ERR, "Failed to write to %s:%s to database file, error: %s", key,
+                value, strerror(errno));
+        break;
+      case NetCfgAddStep::kRestoreOld:
+        PLOG_AS(function, LOG_ERR, "Failed to restore previous values %s:%s", key, old->c_str());
+        break;
+      case NetCfgAddStep::kRemoveNew:
+        PLOG_AS(function, LOG_ERR, "Failed to remove newly added record, %s:%s", key, value);
+        break;
+    }
   }
-  if (!NetCfgAppendRecord(db, AnswerRecord(key, value), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to write to %s:%s to database file, error: %s", key, value,
-            strerror(errno));
-    return RollbackAnswer(db, key, value, oldValue, oldValue.has_value() || mayHaveLanded,
-                          restoring);
-  }
-  return true;
-}
+};
 
 }  // namespace
 }  // namespace plr
@@ -122,8 +101,15 @@ bool PLRNetCfgAddAnswerString(PLRNetworkConfigurationDB* db, const char* key, co
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   if (value == nullptr) return PLRNetCfgRemoveAnswer(cache, key);
-  return plr::NetCfgGuarded(
-      __func__, [&] { return plr::NetCfgAddAnswerStringInt(cache, key, value, false); });
+  if (key == nullptr || !plr::NetCfgIsToken(key) || *value == '\0' ||
+      !plr::NetCfgIsLineText(value)) {
+    PLOG(LOG_ERR, "Failed to add %s:%s to hash table", key ? key : "(null)", value);
+    return false;
+  }
+  return plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
+    return plr::NetCfgAddWithRollback(cache, plr::AnswerKind{key, value, fnName},
+                                      std::string(value), false);
+  });
 }
 
 bool PLRNetCfgAddAnswerInt32(PLRNetworkConfigurationDB* db, const char* key, int32_t value) {
@@ -158,12 +144,13 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
       return true;
     }
     bool mayHaveLanded = false;
-    if (plr::NetCfgAppendRecord(cache, plr::RemoveAnswerRecord(key), &mayHaveLanded)) return true;
+    if (plr::NetCfgWriteRecordToConfig(cache, plr::RemoveAnswerRecord(key), &mayHaveLanded))
+      return true;
     PLOG_AS(fnName, LOG_ERR, "Failed to remove \"%s\" in database file", key);
     if (!plr::NetCfgHashAddAnswer(cache, key, oldValue))
       PLOG_AS(fnName, LOG_ERR, "Restoring %s:%s failed in hash table", key, oldValue.c_str());
     if (mayHaveLanded)
-      plr::NetCfgAppendRecord(cache, plr::AnswerRecord(key, oldValue), &mayHaveLanded);
+      plr::NetCfgWriteRecordToConfig(cache, plr::AnswerRecord(key, oldValue), &mayHaveLanded);
     return false;
   });
 }

@@ -1,5 +1,5 @@
 // Bridge mappings of host adapters to vnets (-1: bridged to nothing), written
-// through to the journal (undo rules as in answers.cpp), and the adapter
+// through to the journal (adds through NetCfgAddWithRollback), and the adapter
 // lists built from them.
 #include <errno.h>
 #include <stdlib.h>
@@ -12,62 +12,51 @@
 namespace plr {
 namespace {
 
-// Undoes a failed add; see RollbackAnswer.
-bool RollbackBridge(PLRNetworkConfigurationDB* db, const char* adapter, int32_t vnet,
-                    std::optional<int32_t> oldVnet, bool landed, bool restoring) {
-  db->modified = true;
-  if (restoring) return false;
-  bool mayHaveLanded = false;
-  if (oldVnet) {
-    NetCfgHashAddBridge(db, adapter, *oldVnet);
-    if (landed && !NetCfgAppendRecord(db, BridgeRecord(adapter, *oldVnet, true), &mayHaveLanded))
-      PLOG_AS("PLRNetCfgAddHostAdapterMapping", LOG_ERR,
-              "Failed to restore previous values of Bridge mapping adapter: %s, vnet: %d", adapter,
-              *oldVnet);
-    return false;
-  }
-  if (!NetCfgHashRemoveBridge(db, adapter) ||
-      (landed && !NetCfgAppendRecord(db, BridgeRecord(adapter, vnet, false), &mayHaveLanded)))
-    PLOG_AS("PLRNetCfgAddHostAdapterMapping", LOG_ERR,
-            "Failed to remove newly added record, adapter: %s, vnet:%d", adapter, vnet);
-  return false;
-}
+// A bridge mapping as a record kind of NetCfgAddWithRollback.
+struct BridgeKind {
+  using Value = int32_t;
+  const char* adapter;
+  int32_t vnet;
+  const char* function;
 
-bool AddBridge(PLRNetworkConfigurationDB* db, const char* adapter, int32_t vnet, bool restoring) {
-  const char* fn = "PLRNetCfgAddHostAdapterMapping";
-  std::optional<int32_t> oldVnet;
-  if (const int32_t* found = NetCfgFindBridge(db, adapter)) oldVnet = *found;
-  if (oldVnet && *oldVnet == vnet) {
-    PLOG_AS(fn, LOG_INFO2,
-            "New and old value vnet in the configuration are same: %d for adapter: %s", vnet,
-            adapter);
-    return true;
+  std::optional<int32_t> Find(const PLRNetworkConfigurationDB* db) const {
+    const int32_t* found = NetCfgFindBridge(db, adapter);
+    return found != nullptr ? std::optional<int32_t>(*found) : std::nullopt;
   }
-  if (!NetCfgHashAddBridge(db, adapter, vnet)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add Bridge mapping for adapter: %s to vnet: %d", adapter, vnet);
-    return RollbackBridge(db, adapter, vnet, oldVnet, false, restoring);
+  bool Put(PLRNetworkConfigurationDB* db, int32_t v) const {
+    return NetCfgHashAddBridge(db, adapter, v);
   }
-  if (db->readOnly) {
-    db->modified = true;
-    return true;
+  bool Erase(PLRNetworkConfigurationDB* db) const { return NetCfgHashRemoveBridge(db, adapter); }
+  NetCfgRecord Record(int32_t v, bool add) const { return BridgeRecord(adapter, v, add); }
+  void Log(NetCfgAddStep step, const int32_t* old) const {
+    switch (step) {
+      case NetCfgAddStep::kTable:
+        PLOG_AS(function, LOG_ERR, "Failed to add Bridge mapping for adapter: %s to vnet: %d",
+                adapter, vnet);
+        break;
+      case NetCfgAddStep::kRemoveOld:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove bridge mapping for adapter: %s To vnet: %d from database file, "
+                "error: %s",
+                adapter, *old, strerror(errno));
+        break;
+      case NetCfgAddStep::kWriteNew:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to write bridge for adapter: %s To vnet: %d to database file, error: %s",
+                adapter, vnet, strerror(errno));
+        break;
+      case NetCfgAddStep::kRestoreOld:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to restore previous values of Bridge mapping adapter: %s, vnet: %d",
+                adapter, *old);
+        break;
+      case NetCfgAddStep::kRemoveNew:
+        PLOG_AS(function, LOG_ERR, "Failed to remove newly added record, adapter: %s, vnet:%d",
+                adapter, vnet);
+        break;
+    }
   }
-  bool mayHaveLanded = false;
-  if (oldVnet && !NetCfgAppendRecord(db, BridgeRecord(adapter, *oldVnet, false), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR,
-            "Failed to remove bridge mapping for adapter: %s To vnet: %d from database file, "
-            "error: %s",
-            adapter, *oldVnet, strerror(errno));
-    return RollbackBridge(db, adapter, vnet, oldVnet, mayHaveLanded, restoring);
-  }
-  if (!NetCfgAppendRecord(db, BridgeRecord(adapter, vnet, true), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR,
-            "Failed to write bridge for adapter: %s To vnet: %d to database file, error: %s",
-            adapter, vnet, strerror(errno));
-    return RollbackBridge(db, adapter, vnet, oldVnet, oldVnet.has_value() || mayHaveLanded,
-                          restoring);
-  }
-  return true;
-}
+};
 
 // A separately allocated list element for a mapped adapter.
 PLR_HostAdapter* NewAdapterElement(const std::string& name, int32_t vnet) {
@@ -99,8 +88,15 @@ bool PLRNetCfgAddHostAdapterMapping(PLRNetworkConfigurationDB* db, const char* a
          adapter ? adapter : "(null)", vnet);
     return false;
   }
-  return NetCfgGuarded(
-      __func__, [&] { return AddBridge(cache, adapter, vnet, restoring); });
+  const int32_t* found = NetCfgFindBridge(cache, adapter);
+  if (found != nullptr && *found == vnet) {
+    PLOG(LOG_INFO2, "New and old value vnet in the configuration are same: %d for adapter: %s",
+         vnet, adapter);
+    return true;
+  }
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
+    return NetCfgAddWithRollback(cache, BridgeKind{adapter, vnet, fnName}, vnet, restoring);
+  });
 }
 
 // Removes the mapping of `adapter`; absent is a failure.
@@ -125,7 +121,7 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
       return true;
     }
     bool mayHaveLanded = false;
-    if (NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
+    if (NetCfgWriteRecordToConfig(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
       return true;
     PLOG_AS(fnName, LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file",
             adapter);
@@ -134,7 +130,7 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
               "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d", adapter,
               oldVnet);
     if (mayHaveLanded)
-      NetCfgAppendRecord(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
+      NetCfgWriteRecordToConfig(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
     PLOG_AS(fnName, LOG_ERR, "Removing Bridge mapping failed");
     return false;
   });

@@ -24,21 +24,21 @@ const char* LockErrorText(int err) {
 }
 
 // Adds BINDIR from the product configuration; only a failed insert fails.
-bool LoadBinDir(PLRNetworkConfigurationDB* db) {
+bool LoadBinDir(PLRNetworkConfigurationDB* db, const char* function) {
   ConfigDictionary dict;
   std::string error;
   if (!LoadConfigFile(kProductConfigPath, &dict, &error)) {
-    PLOG_AS("PLRNetCfgLoad", LOG_WRN, "Failed to load product config file: %s, error: %s",
+    PLOG_AS(function, LOG_WRN, "Failed to load product config file: %s, error: %s",
             kProductConfigPath, error.c_str());
     return true;
   }
   auto it = dict.find("bindir");
   if (it == dict.end()) {
-    PLOG_AS("PLRNetCfgLoad", LOG_WRN, "Value not found for bindir");
+    PLOG_AS(function, LOG_WRN, "Value not found for bindir");
     return true;
   }
   if (!NetCfgHashAddAnswer(db, kNetCfgBinDirKey, it->second)) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to insert value of bindir");
+    PLOG_AS(function, LOG_ERR, "Failed to insert value of bindir");
     return false;
   }
   return true;
@@ -46,9 +46,10 @@ bool LoadBinDir(PLRNetworkConfigurationDB* db) {
 
 // Steps of a load after the record exists; false leaves the record to the
 // caller's cleanup.
-bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, bool readOnly) {
+bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, bool readOnly,
+               const char* function) {
   if (!readOnly && !db->lock.Lock(path, kNetCfgLockWaitMs)) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to lock config database file, error: %s",
+    PLOG_AS(function, LOG_ERR, "Failed to lock config database file, error: %s",
             LockErrorText(errno));
     return false;
   }
@@ -57,68 +58,61 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   // stream, so the stream keeps its buffer for the read below.
   db->stream.reset(sys::fopen(path, readOnly ? "re" : "r+e"));
   if (!db->stream) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR,
-            "Unable to open network configuration database file, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Unable to open network configuration database file, error: %s",
+            strerror(errno));
     return false;
   }
   db->readOnly = readOnly;
   db->fileName = path;
-  if (!NetCfgReadDatabase(db, db->stream.get())) return false;
+  if (!NetCfgReadDatabase(db, db->stream.get(), function)) return false;
   if (db->lock.held() && !db->lock.Unlock()) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to unlock database file: %s, error: %s", path,
+    PLOG_AS(function, LOG_ERR, "Failed to unlock database file: %s, error: %s", path,
             strerror(errno));
     return false;
   }
-  return LoadBinDir(db);
+  return LoadBinDir(db, function);
 }
 
-// Rewrites the database file from the cache: temporary file beside it,
-// complete and on disk, then renamed over the database, then the directory
-// made durable. Any failure leaves the journal as it was.
-void Compact(PLRNetworkConfigurationDB* db) {
+// Rewrites the database file from the cache: temporary file beside it with
+// the database's permissions, complete and on disk, then renamed over the
+// database, then the directory made durable. Any failure leaves the journal
+// as it was.
+void Compact(PLRNetworkConfigurationDB* db, const char* function) {
   const char* path = db->fileName.c_str();
-  std::string dir = db->fileName.substr(0, db->fileName.rfind('/') + 1);
-  std::string tempPath = (dir.empty() ? std::string("./") : dir) + ".networking.XXXXXX";
-  UniqueFd fd(mkostemp(tempPath.data(), O_CLOEXEC));
-  if (!fd) {
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to create temporary backup file, error: %s",
-            strerror(errno));
-    return;
-  }
   struct stat st;
-  if (stat(path, &st) != 0 || fchmod(fd.get(), st.st_mode & 07777) != 0)
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to change permissions on backup file: %s",
-            tempPath.c_str());
-  fd.reset();
-  if (!NetCfgWriteDatabaseFile(db, tempPath.c_str(), false)) {
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to write to temp database file: %s",
-            tempPath.c_str());
-    sys::unlink(tempPath.c_str());
+  const mode_t mode = stat(path, &st) == 0 ? st.st_mode & 07777 : 0600;
+  PendingFile file;
+  if (!NetCfgWriteDatabaseFile(db, &file, path, mode, false)) {
+    PLOG_AS(function, LOG_ERR, "Failed to write to temp database file: %s",
+            file.tempPath().c_str());
     return;
   }
-  if (sys::rename(tempPath.c_str(), path) != 0) {
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to reame: %s to %s, error: %s", tempPath.c_str(),
-            path, strerror(errno));
-    sys::unlink(tempPath.c_str());
+  const bool durable = file.Commit();
+  const int err = errno;
+  if (!file.committed()) {
+    PLOG_AS(function, LOG_ERR, "Failed to reame: %s to %s, error: %s", file.tempPath().c_str(),
+            path, strerror(err));
     return;
   }
-  PLOG_AS("PLRNetCfgUnload", LOG_INFO2, "Renamed temp file: %s to %s", tempPath.c_str(), path);
-  if (!FsyncParentDir(path))
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to flush database file: %s, error: %s", dir.c_str(),
-            strerror(errno));
+  PLOG_AS(function, LOG_INFO2, "Renamed temp file: %s to %s", file.tempPath().c_str(), path);
+  if (!durable) {
+    const std::string dir = db->fileName.substr(0, db->fileName.rfind('/') + 1);
+    PLOG_AS(function, LOG_ERR, "Failed to flush database file: %s, error: %s", dir.c_str(),
+            strerror(err));
+  }
 }
 
 // Compaction runs under the database lock, so no other writer's append can
 // fall between the rewrite and the rename. Without the lock the journal is
 // left as it is: it is complete, only longer.
-void CompactLocked(PLRNetworkConfigurationDB* db) {
+void CompactLocked(PLRNetworkConfigurationDB* db, const char* function) {
   FileLock ownLock;
   if (!db->lock.held() && !ownLock.Lock(db->fileName.c_str(), kNetCfgLockWaitMs)) {
-    PLOG_AS("PLRNetCfgUnload", LOG_ERR, "Failed to lock config database file, error: %s",
+    PLOG_AS(function, LOG_ERR, "Failed to lock config database file, error: %s",
             LockErrorText(errno));
     return;
   }
-  Compact(db);
+  Compact(db, function);
 }
 
 }  // namespace
@@ -146,8 +140,9 @@ bool PLRNetCfgLoad(const char* path, PLRNetworkConfigurationDB** cacheOut, bool 
          strerror(ENOMEM));
     return false;
   }
-  bool ok =
-      plr::NetCfgGuarded(__func__, [&] { return plr::FillCache(db, path, backup, readOnly); });
+  bool ok = plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
+    return plr::FillCache(db, path, backup, readOnly, fnName);
+  });
   if (!ok) {
     PLOG(LOG_ERR, "Failed to load database cache with contents of file: %s", path);
     PLRNetCfgUnload(&db, false);
@@ -173,7 +168,7 @@ bool PLRNetCfgUnload(PLRNetworkConfigurationDB** cachePointer, bool compact) {
   db->stream.reset();
   if (compact && db->modified && !db->readOnly) {
     try {
-      plr::CompactLocked(db);
+      plr::CompactLocked(db, __func__);
     } catch (const std::bad_alloc&) {
       PLOG(LOG_ERR, "Failed to write to temp database file: %s", db->fileName.c_str());
     }

@@ -11,6 +11,7 @@
 #include <stdint.h>
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -20,6 +21,7 @@
 
 #include "base/fd-util.h"
 #include "base/file-lock.h"
+#include "base/fs-util.h"
 #include "pelorus/netcfg.h"
 
 namespace plr {
@@ -164,15 +166,6 @@ struct NetCfgRecord {
 // logs "Invalid record type: %u" and fails.
 bool NetCfgFormatRecord(const NetCfgRecord& record, std::string* out);
 
-// The export-to-memory form: appends the record to `buffer`, growing it in
-// steps of 1024 bytes. An answer keyed "BINDIR" fails the record.
-bool NetCfgWriteRecord(std::string* buffer, const NetCfgRecord& record);
-
-// Appends one record to the cache's journal: formatted, then written with one
-// write() at the current end of the file; marks the cache modified. On
-// failure nothing of the record stays in the file; errno tells why.
-bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord& record);
-
 // The add records of one group in the order of the compacting writer:
 // answers (kRecAnswer) by key in byte order, BINDIR included; port forwards
 // (kRecAddNatPortFwd) by vnet, TCP before UDP, host port; DHCP mappings
@@ -185,10 +178,26 @@ void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
 inline constexpr uint32_t kNetCfgWrittenTypes[] = {kRecAnswer, kRecAddNatPortFwd,
                                                    kRecAddDhcpMacToIp, kRecAddBridgeMapping};
 
-// Writes the whole cache to `path` afresh: version line ("VERSION=1,0", or
-// "BACKUP_VERSION=1,0" for a backup), then the groups above, BINDIR skipped,
-// then fsync. On failure the file is removed.
-bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bool backup);
+// Takes each piece of a formatted database away: `text` holds what was
+// formatted since the last call (null after a record that failed to format),
+// `type` the group (0 for the version line), `count` its records so far,
+// `groupEnd` whether the group is complete. False stops the formatting.
+using NetCfgDatabaseSink =
+    std::function<bool(std::string* text, uint32_t type, size_t count, bool groupEnd)>;
+
+// The one formatter of whole database files: the version line
+// ("VERSION=1,0", or "BACKUP_VERSION=1,0" for a backup), then the groups
+// above, BINDIR skipped. `sink` gets the text after the version line, after
+// every group and whenever a large chunk is pending; false from it or from a
+// record makes the whole call false.
+bool NetCfgFormatDatabase(const PLRNetworkConfigurationDB* db, bool backup, std::string* text,
+                          const NetCfgDatabaseSink& sink);
+
+// Writes the whole cache into `file`, created beside `path` with exactly
+// `mode`, and puts it on disk; the caller commits or keeps it. Each failure
+// has its log line and removes the temporary file.
+bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, PendingFile* file, const char* path,
+                             mode_t mode, bool backup);
 
 // "MAJOR,MINOR" with MAJOR 0 or 1 and any non-negative MINOR; logs the reason
 // of a refusal under ParseVersionString.

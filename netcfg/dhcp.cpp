@@ -1,5 +1,5 @@
 // DHCP MAC-to-IP mappings: one table per vnet keyed by the standard form of
-// the MAC, written through to the journal (undo rules as in answers.cpp).
+// the MAC, written through to the journal (adds through NetCfgAddWithRollback).
 #include <errno.h>
 #include <string.h>
 
@@ -18,52 +18,48 @@ bool CopyOut(std::string_view text, char* buf, size_t size) {
   return true;
 }
 
-// Undoes a failed add; see RollbackAnswer.
-bool RollbackDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac, const char* ip,
-                  const std::optional<std::string>& oldIp, bool landed, bool restoring) {
-  db->modified = true;
-  if (restoring) return false;
-  bool mayHaveLanded = false;
-  if (oldIp) {
-    NetCfgHashAddDhcp(db, vnet, mac, *oldIp);
-    if (landed && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, *oldIp, true), &mayHaveLanded))
-      PLOG_AS("PLRNetCfgAddDHCPMACToIP", LOG_ERR, "Failed to restore previous values %s:%s", mac,
-              oldIp->c_str());
-    return false;
-  }
-  if (!NetCfgHashRemoveDhcp(db, vnet, mac) ||
-      (landed && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, ip, false), &mayHaveLanded)))
-    PLOG_AS("PLRNetCfgAddDHCPMACToIP", LOG_ERR, "Failed to remove newly added record, %s:%s", mac,
-            ip);
-  return false;
-}
+// A DHCP mapping as a record kind of NetCfgAddWithRollback.
+struct DhcpKind {
+  using Value = std::string;
+  uint32_t vnet;
+  const char* mac;  // standard form
+  const char* ip;
+  const char* function;
 
-bool AddDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, const char* mac, const char* ip,
-             bool restoring) {
-  const char* fn = "PLRNetCfgAddDHCPMACToIP";
-  std::optional<std::string> oldIp;
-  if (const std::string* found = NetCfgFindDhcp(db, vnet, mac)) oldIp = *found;
-  if (!NetCfgHashAddDhcp(db, vnet, mac, ip)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac, ip);
-    return RollbackDhcp(db, vnet, mac, ip, oldIp, false, restoring);
+  std::optional<std::string> Find(const PLRNetworkConfigurationDB* db) const {
+    const std::string* found = NetCfgFindDhcp(db, vnet, mac);
+    return found != nullptr ? std::optional<std::string>(*found) : std::nullopt;
   }
-  if (db->readOnly) {
-    db->modified = true;
-    return true;
+  bool Put(PLRNetworkConfigurationDB* db, const std::string& v) const {
+    return NetCfgHashAddDhcp(db, vnet, mac, v);
   }
-  bool mayHaveLanded = false;
-  if (oldIp && !NetCfgAppendRecord(db, DhcpRecord(vnet, mac, *oldIp, false), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s To IP: %s", mac,
-            oldIp->c_str());
-    return RollbackDhcp(db, vnet, mac, ip, oldIp, mayHaveLanded, restoring);
+  bool Erase(PLRNetworkConfigurationDB* db) const { return NetCfgHashRemoveDhcp(db, vnet, mac); }
+  NetCfgRecord Record(const std::string& v, bool add) const {
+    return DhcpRecord(vnet, mac, v, add);
   }
-  if (!NetCfgAppendRecord(db, DhcpRecord(vnet, mac, ip, true), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add DHCP address mapping record for MAC: %s To IP: %s", mac,
-            ip);
-    return RollbackDhcp(db, vnet, mac, ip, oldIp, oldIp.has_value() || mayHaveLanded, restoring);
+  void Log(NetCfgAddStep step, const std::string* old) const {
+    switch (step) {
+      case NetCfgAddStep::kTable:
+        PLOG_AS(function, LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac,
+                ip);
+        break;
+      case NetCfgAddStep::kRemoveOld:
+        PLOG_AS(function, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s To IP: %s",
+                mac, old->c_str());
+        break;
+      case NetCfgAddStep::kWriteNew:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to add DHCP address mapping record for MAC: %s To IP: %s", mac, ip);
+        break;
+      case NetCfgAddStep::kRestoreOld:
+        PLOG_AS(function, LOG_ERR, "Failed to restore previous values %s:%s", mac, old->c_str());
+        break;
+      case NetCfgAddStep::kRemoveNew:
+        PLOG_AS(function, LOG_ERR, "Failed to remove newly added record, %s:%s", mac, ip);
+        break;
+    }
   }
-  return true;
-}
+};
 
 }  // namespace
 }  // namespace plr
@@ -78,14 +74,16 @@ bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   char standard[18];
-  if (vnet >= PLR_MAX_VNETS || mac == nullptr || !NetCfgStandardizeMAC(mac, standard) ||
-      ip == nullptr || !NetCfgIsValidIP(ip)) {
+  if (vnet >= PLR_MAX_VNETS || mac == nullptr || !StandardizeMACText(mac, standard) ||
+      ip == nullptr || !IsValidIPText(ip)) {
     PLOG(LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac ? mac : "(null)",
          ip ? ip : "(null)");
     return false;
   }
-  return NetCfgGuarded(
-      __func__, [&] { return AddDhcp(cache, vnet, standard, ip, restoring); });
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
+    return NetCfgAddWithRollback(cache, DhcpKind{vnet, standard, ip, fnName}, std::string(ip),
+                                 restoring);
+  });
 }
 
 // Removes the mapping of `mac` on `vnet`; absent is a failure.
@@ -94,7 +92,7 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   if (cache == nullptr) return false;
   char standard[18];
   const std::string* found = nullptr;
-  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard))
+  if (mac != nullptr && StandardizeMACText(mac, standard))
     found = NetCfgFindDhcp(cache, vnet, standard);
   if (found == nullptr) {
     PLOG(LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", mac ? mac : "(null)");
@@ -108,14 +106,14 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
       return true;
     }
     bool mayHaveLanded = false;
-    if (NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, false), &mayHaveLanded))
+    if (NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, standard, oldIp, false), &mayHaveLanded))
       return true;
     PLOG_AS(fnName, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
     if (!NetCfgHashAddDhcp(cache, vnet, standard, oldIp))
       PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s",
               standard, oldIp.c_str());
     if (mayHaveLanded)
-      NetCfgAppendRecord(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
+      NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
     return false;
   });
 }
@@ -132,7 +130,7 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   DhcpVnetTable* table = cache->dhcp[vnet].get();
   char standard[18];
   const std::string* ip = nullptr;
-  if (mac != nullptr && NetCfgStandardizeMAC(mac, standard))
+  if (mac != nullptr && StandardizeMACText(mac, standard))
     ip = NetCfgFindDhcp(cache, vnet, standard);
   if (ip == nullptr) {
     PLOG(LOG_INFO2, "Cannot find mapping for MAC: %s in hash: %p", mac ? mac : "(null)",
@@ -203,8 +201,8 @@ bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_
       bool ok = true;
       for (const auto* node : nodes) {
         bool mayHaveLanded = false;
-        ok = NetCfgAppendRecord(cache, DhcpRecord(vnet, node->first, node->second, false),
-                                &mayHaveLanded) &&
+        ok = NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, node->first, node->second, false),
+                                       &mayHaveLanded) &&
              ok;
       }
       return ok;

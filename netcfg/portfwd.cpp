@@ -1,6 +1,5 @@
 // NAT port forwards: per vnet, a TCP and a UDP table keyed by host port,
-// written through to the journal like answers (see answers.cpp for the undo
-// rules: only records that reached the file get a compensating record).
+// written through to the journal (adds through NetCfgAddWithRollback).
 #include <errno.h>
 #include <string.h>
 
@@ -9,6 +8,7 @@
 
 #include "netcfg/tables.h"
 #include "pelorus/core.h"
+#include "pelorus/dbapi.h"
 
 namespace plr {
 namespace {
@@ -40,64 +40,57 @@ bool CopyDescription(const std::string& description, char* buf, uint32_t* length
   return true;
 }
 
-// Undoes a failed add; see RollbackAnswer.
-bool RollbackPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& added,
-                     const std::optional<NATPortFwdEntry>& old, bool landed, bool restoring) {
-  db->modified = true;
-  if (restoring) return false;
-  bool mayHaveLanded = false;
-  const char* proto = NetCfgProtoName(added.isTCP);
-  if (old) {
-    NetCfgHashAddPortFwd(db, *old);
-    if (landed && !NetCfgAppendRecord(db, PortFwdRecord(*old, true), &mayHaveLanded))
-      PLOG_AS("PLRNetCfgAddNATPortFwd", LOG_ERR,
-              "Failed to restore previous values, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
-              old->vnet, proto, old->hostPort, old->vmIP.c_str(), old->vmPort);
-    return false;
-  }
-  if (!NetCfgHashRemovePortFwd(db, added.vnet, added.isTCP, added.hostPort) ||
-      (landed && !NetCfgAppendRecord(db, PortFwdRecord(added, false), &mayHaveLanded)))
-    PLOG_AS("PLRNetCfgAddNATPortFwd", LOG_ERR,
-            "Failed to remove newly added record, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
-            added.vnet, proto, added.hostPort, added.vmIP.c_str(), added.vmPort);
-  return false;
-}
+// A port forward as a record kind of NetCfgAddWithRollback.
+struct PortFwdKind {
+  using Value = NATPortFwdEntry;
+  const NATPortFwdEntry& entry;
+  const char* function;
 
-bool AddPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& entry, bool restoring) {
-  const char* fn = "PLRNetCfgAddNATPortFwd";
-  const char* proto = NetCfgProtoName(entry.isTCP);
-  std::optional<NATPortFwdEntry> old;
-  if (const NATPortFwdEntry* found = NetCfgFindPortFwd(db, entry.vnet, entry.isTCP, entry.hostPort))
-    old = *found;
-  if (!NetCfgHashAddPortFwd(db, entry)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add port forward record for %s port %u", proto, entry.hostPort);
-    return RollbackPortFwd(db, entry, old, false, restoring);
+  std::optional<NATPortFwdEntry> Find(const PLRNetworkConfigurationDB* db) const {
+    const NATPortFwdEntry* found = NetCfgFindPortFwd(db, entry.vnet, entry.isTCP, entry.hostPort);
+    return found != nullptr ? std::optional<NATPortFwdEntry>(*found) : std::nullopt;
   }
-  if (db->readOnly) {
-    db->modified = true;
-    return true;
+  bool Put(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& v) const {
+    return NetCfgHashAddPortFwd(db, v);
   }
-  bool mayHaveLanded = false;
-  if (old && !NetCfgAppendRecord(db, PortFwdRecord(*old, false), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to remove port forward record for %s port %u", proto,
-            entry.hostPort);
-    return RollbackPortFwd(db, entry, old, mayHaveLanded, restoring);
+  bool Erase(PLRNetworkConfigurationDB* db) const {
+    return NetCfgHashRemovePortFwd(db, entry.vnet, entry.isTCP, entry.hostPort);
   }
-  if (!NetCfgAppendRecord(db, PortFwdRecord(entry, true), &mayHaveLanded)) {
-    PLOG_AS(fn, LOG_ERR, "Failed to add port forward record for %s port %u", proto, entry.hostPort);
-    return RollbackPortFwd(db, entry, old, old.has_value() || mayHaveLanded, restoring);
+  NetCfgRecord Record(const NATPortFwdEntry& v, bool add) const { return PortFwdRecord(v, add); }
+  void Log(NetCfgAddStep step, const NATPortFwdEntry* old) const {
+    const char* proto = NetCfgProtoName(entry.isTCP);
+    switch (step) {
+      case NetCfgAddStep::kTable:
+      case NetCfgAddStep::kWriteNew:
+        PLOG_AS(function, LOG_ERR, "Failed to add port forward record for %s port %u", proto,
+                entry.hostPort);
+        break;
+      case NetCfgAddStep::kRemoveOld:
+        PLOG_AS(function, LOG_ERR, "Failed to remove port forward record for %s port %u", proto,
+                entry.hostPort);
+        break;
+      case NetCfgAddStep::kRestoreOld:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to restore previous values, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
+                old->vnet, proto, old->hostPort, old->vmIP.c_str(), old->vmPort);
+        break;
+      case NetCfgAddStep::kRemoveNew:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove newly added record, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
+                entry.vnet, proto, entry.hostPort, entry.vmIP.c_str(), entry.vmPort);
+        break;
+    }
   }
-  return true;
-}
+};
 
 // Builds the enumeration array of a group from its table when it has none.
-bool EnsureArray(NATPortFwdGroup& group) {
+bool EnsureArray(NATPortFwdGroup& group, const char* function) {
   if (group.arrayValid) return true;
   group.array.clear();
   group.array.reserve(group.table->size());
   for (const auto& [port, entry] : *group.table) group.array.push_back(&entry);
   group.arrayValid = true;
-  PLOG_AS("PLRNetCfgEnumNATPortFwd", LOG_INFO2, "Created array of forwarded ports");
+  PLOG_AS(function, LOG_INFO2, "Created array of forwarded ports");
   return true;
 }
 
@@ -117,7 +110,7 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
     std::string_view desc = description != nullptr ? description : "";
     if (vnet >= PLR_MAX_VNETS || hostPort == 0 || vmPort == 0 || vmIP == nullptr ||
-        !NetCfgIsValidIP(vmIP) || !NetCfgIsLineText(desc)) {
+        !IsValidIPText(vmIP) || !NetCfgIsLineText(desc)) {
       PLOG_AS(fnName, LOG_ERR, "Failed to add port forward record for %s port %u",
               NetCfgProtoName(isTCP), hostPort);
       return false;
@@ -133,7 +126,7 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
     entry.vmIP = vmIP;
     entry.vmPort = vmPort;
     entry.description.assign(desc);
-    return AddPortFwd(cache, entry, restoring);
+    return NetCfgAddWithRollback(cache, PortFwdKind{entry, fnName}, entry, restoring);
   });
 }
 
@@ -157,7 +150,7 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
       return true;
     }
     bool mayHaveLanded = false;
-    if (NetCfgAppendRecord(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
+    if (NetCfgWriteRecordToConfig(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
     PLOG_AS(fnName, LOG_ERR,
             "Failed to remove NAT port forward for %s port %u from database file, error: %s", proto,
             hostPort, strerror(errno));
@@ -166,7 +159,7 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
               "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
               "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
               vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
-    if (mayHaveLanded) NetCfgAppendRecord(cache, PortFwdRecord(*old, true), &mayHaveLanded);
+    if (mayHaveLanded) NetCfgWriteRecordToConfig(cache, PortFwdRecord(*old, true), &mayHaveLanded);
     return false;
   });
 }
@@ -206,7 +199,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
     return false;
   }
   NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
-  if (!NetCfgGuarded(__func__, [&] { return EnsureArray(group); })) {
+  if (!NetCfgGuarded(__func__, [&, fnName = __func__] { return EnsureArray(group, fnName); })) {
     PLOG(LOG_ERR, "Failed to create array of forwarded ports");
     return false;
   }
@@ -249,8 +242,8 @@ bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, 
         bool ok = true;
         for (uint16_t port : ports) {
           bool mayHaveLanded = false;
-          ok = NetCfgAppendRecord(cache, PortFwdRecord(group.table->at(port), false),
-                                  &mayHaveLanded) &&
+          ok = NetCfgWriteRecordToConfig(cache, PortFwdRecord(group.table->at(port), false),
+                                         &mayHaveLanded) &&
                ok;
         }
         return ok;
@@ -266,6 +259,41 @@ bool PLRNetCfgRemoveAllNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, 
   }
   if (!holder.groups[0].table && !holder.groups[1].table) cache->portFwds[vnet].reset();
   return true;
+}
+
+// True when the vnet's port forwards differ between `newCache` and the
+// default cache.
+bool PLRNetCfgMergeConfigPortFwdCmp(PLRNetworkConfigurationDB* newCache, uint32_t vnet) {
+  using namespace plr;
+  if (newCache == nullptr || vnet >= PLR_MAX_VNETS || netCfgDefaultCache == nullptr) return false;
+  const bool hasNew = newCache->portFwds[vnet] != nullptr;
+  const bool hasOld = netCfgDefaultCache->portFwds[vnet] != nullptr;
+  if (!hasNew) return hasOld;
+  if (!hasOld) return true;
+  return PLRNetCfgMergeConfigPortFwdCmpHash(newCache, true, vnet) ||
+         PLRNetCfgMergeConfigPortFwdCmpHash(newCache, false, vnet);
+}
+
+// True when one protocol's port forwards of the vnet differ.
+bool PLRNetCfgMergeConfigPortFwdCmpHash(PLRNetworkConfigurationDB* newCache, bool isTCP,
+                                        uint32_t vnet) {
+  using namespace plr;
+  if (newCache == nullptr || vnet >= PLR_MAX_VNETS || netCfgDefaultCache == nullptr) return false;
+  const NATVnetPortFwdConfig* newHolder = newCache->portFwds[vnet].get();
+  const NATVnetPortFwdConfig* oldHolder = netCfgDefaultCache->portFwds[vnet].get();
+  const auto* newTable = newHolder != nullptr ? newHolder->group(isTCP).table.get() : nullptr;
+  const auto* oldTable = oldHolder != nullptr ? oldHolder->group(isTCP).table.get() : nullptr;
+  if (newTable == nullptr) return oldTable != nullptr;
+  if (oldTable == nullptr) return true;
+  if (newTable->size() != oldTable->size()) return true;
+  for (const auto& [port, entry] : *newTable) {
+    auto old = oldTable->find(port);
+    if (old == oldTable->end()) return true;
+    if (old->second.vmIP != entry.vmIP || old->second.vmPort != entry.vmPort ||
+        old->second.description != entry.description)
+      return true;
+  }
+  return false;
 }
 
 }  // extern "C"

@@ -47,10 +47,12 @@ bool PLRNetCfgAddNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, const c
       return true;
     }
     bool mayHaveLanded = false;
-    if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded)) return true;
+    if (NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded))
+      return true;
     PLOG_AS(fnName, LOG_ERR, "Failed to add prefix record");
     NetCfgHashRemovePrefix(cache, vnet, prefix);
-    if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded);
+    if (mayHaveLanded)
+      NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded);
     return false;
   });
 }
@@ -69,14 +71,16 @@ bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, cons
       return true;
     }
     bool mayHaveLanded = false;
-    if (NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded)) return true;
+    if (NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded))
+      return true;
     int err = errno;
     PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s",
             prefix, strerror(err));
     if (!NetCfgHashAddPrefix(cache, vnet, prefix))
       PLOG_AS(fnName, LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s",
               prefix, strerror(err));
-    if (mayHaveLanded) NetCfgAppendRecord(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
+    if (mayHaveLanded)
+      NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
     return false;
   });
 }

@@ -110,7 +110,7 @@ static bool NatFwdRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type,
     }
     return true;
   }
-  if (!fields.Next(&token) || !NetCfgIsValidIP(token)) {
+  if (!fields.Next(&token) || !IsValidIPText(token)) {
     PLOG(LOG_WRN, "Failed to parse VM IP address or invalid address");
     return false;
   }
@@ -143,7 +143,7 @@ static bool DhcpMacRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type
   }
   std::string_view token;
   char mac[18];
-  if (!fields.Next(&token) || !NetCfgStandardizeMAC(token, mac)) {
+  if (!fields.Next(&token) || !StandardizeMACText(token, mac)) {
     PLOG(LOG_WRN, "Failed to parse MAC address or invalid MAC address");
     return false;
   }
@@ -155,7 +155,7 @@ static bool DhcpMacRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type
     return true;
   }
   std::string_view ip = fields.Rest();
-  if (!NetCfgIsValidIP(ip)) {
+  if (!IsValidIPText(ip)) {
     PLOG(LOG_WRN, "Failed to parse IP address or invalid IP address");
     return false;
   }
@@ -260,11 +260,11 @@ bool KeywordMatches(std::string_view keyword, std::string_view text) {
 // One line of the journal (not the version line). Lines of 1024 characters
 // or more were cut by the reader and are refused whole.
 static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_view line,
-                                  uint32_t lineNumber) {
+                                  uint32_t lineNumber, const char* function) {
   FieldReader fields(line);
   std::string_view keyword;
   if (line.size() >= kNetCfgMaxLine || !fields.Next(&keyword)) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to parse record at line #: %u, data: %s", lineNumber,
+    PLOG_AS(function, LOG_ERR, "Failed to parse record at line #: %u, data: %s", lineNumber,
             std::string(line).c_str());
     return;
   }
@@ -273,8 +273,8 @@ static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_vie
     if (!entry.parse(db, entry.type, fields)) {
       std::string_view rest =
           line.substr(std::min(line.size(), keyword.data() - line.data() + keyword.size() + 1));
-      PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to parse record at line #: %u, data: %s",
-              lineNumber, std::string(rest).c_str());
+      PLOG_AS(function, LOG_ERR, "Failed to parse record at line #: %u, data: %s", lineNumber,
+              std::string(rest).c_str());
     }
     return;  // keywords are unique: at most one entry matches
   }
@@ -306,17 +306,17 @@ bool ParseVersionString(const char* text, uint32_t* major, uint32_t* minor) {
 // Reads the version line into the cache. `firstRecord` is set when a backup
 // file has no version line, so line 1 must be replayed as a record.
 static bool NetCfgReadVersionLine(PLRNetworkConfigurationDB* db, const std::string& line,
-                                  bool* firstRecord) {
+                                  bool* firstRecord, const char* function) {
   *firstRecord = false;
   size_t eq = line.find('=');
   std::string_view key = std::string_view(line).substr(0, eq);
   const char* wanted = db->backup ? "BACKUP_VERSION" : "VERSION";
   if (eq == std::string::npos || key != wanted) {
     if (!db->backup) {
-      PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Database file must have version number, aborting");
+      PLOG_AS(function, LOG_ERR, "Database file must have version number, aborting");
       return false;
     }
-    PLOG_AS("PLRNetCfgLoad", LOG_INFO,
+    PLOG_AS(function, LOG_INFO,
             "Version line not found in database file, defaulting to legacy version");
     db->majorVersion = 0;
     db->minorVersion = 0;
@@ -325,12 +325,12 @@ static bool NetCfgReadVersionLine(PLRNetworkConfigurationDB* db, const std::stri
   }
   if (!ParseVersionString(line.c_str() + eq + 1, &db->majorVersion, &db->minorVersion))
     return false;
-  PLOG_AS("PLRNetCfgLoad", LOG_INFO2, "Database file, Major version: %u, Minor version: %u",
+  PLOG_AS(function, LOG_INFO2, "Database file, Major version: %u, Minor version: %u",
           db->majorVersion, db->minorVersion);
   return true;
 }
 
-bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream) {
+bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function) {
   // A larger stream buffer: the file is read once, front to back.
   setvbuf(stream, nullptr, _IOFBF, 64 * 1024);
   // One byte more than a line may hold, so an overlong line is recognisable.
@@ -340,12 +340,12 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream) {
   errno = 0;
   LineReader::Status status = reader.Next(line);
   if (status == LineReader::Status::kError) {
-    PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Failed to read version number, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Failed to read version number, error: %s", strerror(errno));
     return false;
   }
   if (status == LineReader::Status::kEof) {
     if (!db->backup) {
-      PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Database file cannot be empty, aborting");
+      PLOG_AS(function, LOG_ERR, "Database file cannot be empty, aborting");
       return false;
     }
     db->majorVersion = 0;
@@ -353,18 +353,17 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream) {
     return true;
   }
   bool firstRecord = false;
-  if (!NetCfgReadVersionLine(db, line, &firstRecord)) return false;
+  if (!NetCfgReadVersionLine(db, line, &firstRecord, function)) return false;
   uint32_t lineNumber = 1;
-  if (firstRecord) NetCfgParseRecordLine(db, line, lineNumber);
+  if (firstRecord) NetCfgParseRecordLine(db, line, lineNumber, function);
   for (;;) {
     status = reader.Next(line);
     if (status == LineReader::Status::kEof) return true;
     if (status == LineReader::Status::kError) {
-      PLOG_AS("PLRNetCfgLoad", LOG_ERR, "Error while reading database file, error: %s",
-              strerror(errno));
+      PLOG_AS(function, LOG_ERR, "Error while reading database file, error: %s", strerror(errno));
       return false;
     }
-    NetCfgParseRecordLine(db, line, ++lineNumber);
+    NetCfgParseRecordLine(db, line, ++lineNumber, function);
   }
 }
 

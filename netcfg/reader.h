@@ -9,7 +9,8 @@ namespace plr {
 
 // Reads the version line and replays every record of `stream` into `db`,
 // whose backup flag says which version key is expected. False, with its log
-// line, for an empty database, a bad version line or a read error.
-bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream);
+// line under `function`, for an empty database, a bad version line or a
+// read error.
+bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function);
 
 }  // namespace plr

@@ -40,48 +40,6 @@ static bool CopyForCheck(std::string_view text, char (&buf)[N]) {
   return true;
 }
 
-// Dotted IPv4 text as PLRIsValidIP accepts it on digits and dots: four
-// groups of one to three digits, each at most 255, nothing after the fourth.
-// Checked here without the scanner because every loaded record needs it.
-bool NetCfgIsValidIP(std::string_view text) {
-  if (text.empty() || text.size() > 15) return false;
-  unsigned groups = 0, digits = 0, value = 0;
-  for (char c : text) {
-    if (c == '.') {
-      if (digits == 0 || ++groups > 3) return false;
-      digits = value = 0;
-    } else if (c >= '0' && c <= '9') {
-      if (++digits > 3) return false;
-      value = value * 10 + static_cast<unsigned>(c - '0');
-      if (value > 255) return false;
-    } else {
-      return false;
-    }
-  }
-  return groups == 3 && digits > 0;
-}
-
-// The standard form needs no scanning when the text already has its shape
-// (17 characters, pairs of hex digits between colons): only the case may
-// differ. Every other form goes through the core's conversion.
-bool NetCfgStandardizeMAC(std::string_view text, char out[18]) {
-  auto isHex = [](char c) {
-    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-  };
-  bool shaped = text.size() == 17;
-  for (size_t i = 0; shaped && i < 17; ++i) shaped = (i % 3 == 2) ? text[i] == ':' : isHex(text[i]);
-  if (shaped) {
-    for (size_t i = 0; i < 17; ++i)
-      out[i] =
-          (text[i] >= 'a' && text[i] <= 'f') ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
-    out[17] = '\0';
-    return true;
-  }
-  char buf[32];
-  if (text.empty() || !CopyForCheck(text, buf)) return false;
-  return PLRMACStandardizeFormat(buf, out);
-}
-
 bool NetCfgIsValidPrefix(std::string_view text) {
   char buf[128];
   if (!NetCfgIsToken(text) || !CopyForCheck(text, buf)) return false;

@@ -1,13 +1,15 @@
 // Table operations of the netcfg code itself: insert with replacement, find
 // and erase for every record kind, field checks shared by the replay and the
 // change functions, and the journal append with its "may have landed" report.
-// Nothing here writes a record except NetCfgAppendRecord.
+// Nothing here writes a record except NetCfgWriteRecordToConfig.
 #pragma once
 
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "core/address.h"
 #include "core/log.h"
 #include "netcfg/db-internal.h"
 
@@ -29,16 +31,77 @@ bool NetCfgGuarded(const char* function, F&& body) {
 // under `function` when there is none.
 PLRNetworkConfigurationDB* NetCfgCacheFor(PLRNetworkConfigurationDB* db, const char* function);
 
-// Appends one record. On failure errno tells why, and *mayHaveLanded says
+// Appends one record to the cache's journal: formatted, then written with
+// one write() at the current end of the file; marks the cache modified. On
+// failure it logs the record, errno tells why, and *mayHaveLanded says
 // whether bytes of it could not be taken back out of the file (the record
 // must then be compensated like a written one).
-bool NetCfgAppendRecord(PLRNetworkConfigurationDB* db, const NetCfgRecord& record,
-                        bool* mayHaveLanded);
+bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord& record,
+                               bool* mayHaveLanded);
+
+// The failure points of an add, for the record kind's own log lines.
+enum class NetCfgAddStep {
+  kTable,       // the table insert failed
+  kRemoveOld,   // the remove record of the replaced value was not written
+  kWriteNew,    // the add record was not written
+  kRestoreOld,  // undo: the replaced value's add record was not written
+  kRemoveNew,   // undo: the new entry could not be taken out again
+};
+
+// Adds or replaces one entry and writes it through: the table changes first,
+// then the remove record of a replaced value and the add record go to the
+// journal. A failure undoes the table change; only records that reached the
+// file get a compensating record, so the journal never removes what it does
+// not hold. `restoring` marks a call that is itself an undo: it starts no
+// undo of its own. `Kind` supplies, for one key:
+//   Value                      what the table holds under the key
+//   std::optional<Value> Find(db)
+//   bool Put(db, const Value&) insert or replace
+//   bool Erase(db)
+//   NetCfgRecord Record(const Value&, bool add)
+//   void Log(NetCfgAddStep, const Value* old)   one line per failure point
+template <class Kind>
+bool NetCfgAddWithRollback(PLRNetworkConfigurationDB* db, const Kind& kind,
+                           const typename Kind::Value& value, bool restoring) {
+  const std::optional<typename Kind::Value> old = kind.Find(db);
+  const typename Kind::Value* oldPtr = old ? &*old : nullptr;
+  bool landed = false;
+  auto rollBack = [&] {
+    db->modified = true;  // the cache may now differ from the file; compaction settles it
+    if (restoring) return false;
+    bool mayHaveLanded = false;
+    if (old) {
+      kind.Put(db, *old);
+      if (landed && !NetCfgWriteRecordToConfig(db, kind.Record(*old, true), &mayHaveLanded))
+        kind.Log(NetCfgAddStep::kRestoreOld, oldPtr);
+    } else if (!kind.Erase(db) || (landed && !NetCfgWriteRecordToConfig(
+                                                 db, kind.Record(value, false), &mayHaveLanded))) {
+      kind.Log(NetCfgAddStep::kRemoveNew, oldPtr);
+    }
+    return false;
+  };
+  if (!kind.Put(db, value)) {
+    kind.Log(NetCfgAddStep::kTable, oldPtr);
+    return rollBack();
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  if (old && !NetCfgWriteRecordToConfig(db, kind.Record(*old, false), &landed)) {
+    kind.Log(NetCfgAddStep::kRemoveOld, oldPtr);
+    return rollBack();
+  }
+  if (!NetCfgWriteRecordToConfig(db, kind.Record(value, true), &landed)) {
+    kind.Log(NetCfgAddStep::kWriteNew, oldPtr);
+    landed = landed || old.has_value();
+    return rollBack();
+  }
+  return true;
+}
 
 // Field checks (the reader's rules; the writers produce only what passes).
 bool NetCfgParseDecimal(std::string_view text, uint32_t max, uint32_t* out);
-bool NetCfgIsValidIP(std::string_view text);
-bool NetCfgStandardizeMAC(std::string_view text, char out[18]);
 bool NetCfgIsValidPrefix(std::string_view text);
 bool NetCfgIsValidAdapterName(std::string_view name);
 bool NetCfgIsValidBridgeVnet(int32_t vnet);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/fs-util.h"
 #include "base/sys-util.h"
 #include "netcfg/tables.h"
 
@@ -138,19 +139,8 @@ bool NetCfgFormatRecord(const NetCfgRecord& r, std::string* out) {
   return true;
 }
 
-bool NetCfgWriteRecord(std::string* buffer, const NetCfgRecord& record) {
-  if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) {
-    PLOG(LOG_ERR, "Memory allocation failure, error: %s", strerror(EINVAL));
-    return false;
-  }
-  // The string grows geometrically, never by less than the 1024-byte step.
-  if (buffer->capacity() - buffer->size() < kNetCfgMaxLine)
-    buffer->reserve(std::max(buffer->capacity() * 2, buffer->size() + 1024));
-  return NetCfgFormatRecord(record, buffer);
-}
-
-bool NetCfgAppendRecord(PLRNetworkConfigurationDB* db, const NetCfgRecord& record,
-                        bool* mayHaveLanded) {
+bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord& record,
+                               bool* mayHaveLanded) {
   *mayHaveLanded = false;
   std::string text;
   if (!NetCfgFormatRecord(record, &text)) {
@@ -159,25 +149,18 @@ bool NetCfgAppendRecord(PLRNetworkConfigurationDB* db, const NetCfgRecord& recor
   }
   // A reader refuses lines this long; a record it cannot read back is not written.
   if (text.size() > kNetCfgMaxLine) {
-    PLOG_AS("NetCfgWriteRecordToConfig", LOG_ERR, "Failed to write record to database file: %s",
-            RecordForLog(text).c_str());
+    PLOG(LOG_ERR, "Failed to write record to database file: %s", RecordForLog(text).c_str());
     errno = EMSGSIZE;
     return false;
   }
   if (!AppendText(db, text, mayHaveLanded)) {
     int err = errno;
-    PLOG_AS("NetCfgWriteRecordToConfig", LOG_ERR, "Failed to write record to database file: %s",
-            RecordForLog(text).c_str());
+    PLOG(LOG_ERR, "Failed to write record to database file: %s", RecordForLog(text).c_str());
     errno = err;
     return false;
   }
   db->modified = true;
   return true;
-}
-
-bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord& record) {
-  bool mayHaveLanded = false;
-  return NetCfgAppendRecord(db, record, &mayHaveLanded);
 }
 
 void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
@@ -236,68 +219,68 @@ void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
   }
 }
 
-bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, const char* path, bool backup) {
-  return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    UniqueFd fd(sys::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-    if (!fd) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to open file: %s, error: %s", path, strerror(errno));
-      return false;
+bool NetCfgFormatDatabase(const PLRNetworkConfigurationDB* db, bool backup, std::string* text,
+                          const NetCfgDatabaseSink& sink) {
+  *text += backup ? "BACKUP_VERSION=" : "VERSION=";
+  *text += std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
+  if (!sink(text, 0, 0, true)) return false;
+  std::vector<NetCfgRecord> records;
+  for (uint32_t type : kNetCfgWrittenTypes) {
+    NetCfgCollectRecords(db, type, &records);
+    size_t count = 0;
+    for (const NetCfgRecord& record : records) {
+      if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) continue;
+      if (!NetCfgFormatRecord(record, text)) return sink(nullptr, type, count, true);
+      ++count;
+      if (text->size() >= kWriteChunk && !sink(text, type, count, false)) return false;
     }
-    // Undo: a half-written file is never left behind.
-    ScopeExit removeFile([&] {
-      fd.reset();
-      sys::unlink(path);
-    });
+    if (!sink(text, type, count, true)) return false;
+  }
+  return true;
+}
 
-    std::string buffer = backup ? "BACKUP_VERSION=" : "VERSION=";
-    buffer +=
-        std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
-    if (!sys::WriteAll(fd.get(), buffer.data(), buffer.size())) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to write initialization data into file: %serror: %s", path,
+bool NetCfgWriteDatabaseFile(PLRNetworkConfigurationDB* db, PendingFile* file, const char* path,
+                             mode_t mode, bool backup) {
+  return NetCfgGuarded(__func__, [&, fnName = __func__] {
+    if (!file->Create(path, mode)) {
+      PLOG_AS(fnName, LOG_ERR, "Failed to open file: %s, error: %s", file->tempPath().c_str(),
               strerror(errno));
       return false;
     }
-    buffer.clear();
-    buffer.reserve(kWriteChunk + kNetCfgMaxLine * 2);
-
-    std::vector<NetCfgRecord> records;
-    for (uint32_t type : kNetCfgWrittenTypes) {
-      try {
-        NetCfgCollectRecords(db, type, &records);
-      } catch (const std::bad_alloc&) {
-        PLOG_AS(fnName, LOG_ERR, "Failed to create array of records of type: %u", type);
-        return false;
-      }
-      size_t count = 0;
-      for (size_t i = 0; i <= records.size(); ++i) {
-        bool last = i == records.size();
-        if (!last) {
-          const NetCfgRecord& record = records[i];
-          if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) continue;
-          if (!NetCfgFormatRecord(record, &buffer)) {
-            PLOG_AS(fnName, LOG_ERR, "Failed to write record of type: %u to  database file", type);
+    const char* temp = file->tempPath().c_str();
+    std::string text;
+    text.reserve(kWriteChunk + kNetCfgMaxLine * 2);
+    // Each piece goes out as it is ready: the version line, every full chunk
+    // and the end of every group.
+    bool ok = NetCfgFormatDatabase(
+        db, backup, &text, [&](std::string* pending, uint32_t type, size_t count, bool groupEnd) {
+          if (pending == nullptr ||
+              (!pending->empty() && !sys::WriteAll(file->fd(), pending->data(), pending->size()))) {
+            if (type == 0)
+              PLOG_AS(fnName, LOG_ERR, "Failed to write initialization data into file: %serror: %s",
+                      temp, strerror(errno));
+            else
+              PLOG_AS(fnName, LOG_ERR, "Failed to write record of type: %u to  database file",
+                      type);
             return false;
           }
-          ++count;
-        }
-        if ((last || buffer.size() >= kWriteChunk) && !buffer.empty()) {
-          if (!sys::WriteAll(fd.get(), buffer.data(), buffer.size())) {
-            PLOG_AS(fnName, LOG_ERR, "Failed to write record of type: %u to  database file", type);
-            return false;
-          }
-          buffer.clear();
-        }
-      }
-      PLOG_AS(fnName, LOG_INFO, "Records of type: %u, count %zu written to database file", type,
-              count);
+          pending->clear();
+          if (groupEnd && type != 0)
+            PLOG_AS(fnName, LOG_INFO, "Records of type: %u, count %zu written to database file",
+                    type, count);
+          return true;
+        });
+    if (!ok) {
+      file->Discard();
+      return false;
     }
     // The file must be on disk before anyone renames it over a database.
-    if (sys::fsync(fd.get()) != 0) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to flush database file: %s, error: %s", path,
+    if (!file->Sync()) {
+      PLOG_AS(fnName, LOG_ERR, "Failed to flush database file: %s, error: %s", temp,
               strerror(errno));
+      file->Discard();
       return false;
     }
-    removeFile.dismiss();
     return true;
   });
 }
