@@ -4,6 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <iterator>
+#include <set>
+
+#include "base/sys-util.h"
 #include "tests/netcfg/netcfg_util.h"
 
 namespace plr::test {
@@ -20,6 +24,7 @@ const struct Step {
   bool (*run)(Db);
   bool ok;
   const char* appended;
+  bool removeAll = false;  // goes on past a failed record
 } kSteps[] = {
     {DO(PLRNetCfgAddAnswerString(db, "VNET_1_DISPLAY_NAME", "my net")), true,
      "answer VNET_1_DISPLAY_NAME my net\n"},
@@ -46,7 +51,7 @@ const struct Step {
     {DO(PLRNetCfgAddNATPortFwd(db, 8, false, 7, "10.0.0.2", 7, nullptr, false)), true,
      "add_nat_portfwd 8 udp 7 10.0.0.2 7\n"},
     {DO(PLRNetCfgRemoveAllNATPortFwd(db, 8, true, false, true)), true,
-     "remove_nat_portfwd 8 tcp 20\nremove_nat_portfwd 8 tcp 80\n"},
+     "remove_nat_portfwd 8 tcp 20\nremove_nat_portfwd 8 tcp 80\n", true},
     {DO(PLRNetCfgRemoveAllNATPortFwd(db, 8, false, true, false)), true, ""},  // cache only
     {DO(PLRNetCfgAddDHCPMACToIP(db, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false)), true,
      "add_dhcp_mac_to_ip 8 02:7A:3E:2A:10:01 192.168.120.130\n"},
@@ -60,7 +65,8 @@ const struct Step {
     {DO(PLRNetCfgAddDHCPMACToIP(db, 9, "00:00:00:00:00:0a", "10.0.0.3", false)), true,
      "add_dhcp_mac_to_ip 9 00:00:00:00:00:0A 10.0.0.3\n"},
     {DO(PLRNetCfgRemoveAllDHCPMACToIPMapping(db, 9, true)), true,
-     "remove_dhcp_mac_to_ip 9 00:00:00:00:00:0A\nremove_dhcp_mac_to_ip 9 00:00:00:00:00:0B\n"},
+     "remove_dhcp_mac_to_ip 9 00:00:00:00:00:0A\nremove_dhcp_mac_to_ip 9 00:00:00:00:00:0B\n",
+     true},
     {DO(PLRNetCfgAddHostAdapterMapping(db, "eth0", 0, false)), true, "add_bridge_mapping eth0 0\n"},
     {DO(PLRNetCfgAddHostAdapterMapping(db, "eth0", 0, false)), true, ""},
     {DO(PLRNetCfgAddHostAdapterMapping(db, "eth0", -1, false)), true,
@@ -116,6 +122,61 @@ TEST_F(CacheTest, EachChangeAppendsExactlyItsRecords) {
   EXPECT_EQ(StateOfFile(),
             "A VNET_1_DISPLAY_NAME=other\nA VNET_8_NAT=no\nP 2 tcp 22 10.0.0.2 22 []\n"
             "P 8 udp 7 10.0.0.2 7 []\nX 7 fd00:7::/64\nX 8 fd00:2::/64\n");
+}
+
+// Failing any write of a change (the database holding the journal of the
+// steps before it) fails the change, leaves cache and file state as they
+// were, leaves no partial record, and the cache goes on working.
+TEST_F(CacheTest, FailedWriteAtEveryPositionUndoesTheChange) {
+  std::string journal;
+  for (size_t i = 0; i < std::size(kSteps); journal += kSteps[i++].appended) {
+    for (unsigned nth = 1; *kSteps[i].appended != '\0' && !kSteps[i].removeAll; ++nth) {
+      SCOPED_TRACE("step " + std::to_string(i) + ", write " + std::to_string(nth));
+      Open(journal);
+      const std::string before = StateOf(db_);
+      sys::FailNth(sys::Op::kWrite, nth, ENOSPC);
+      bool ok = kSteps[i].run(db_);
+      bool reached = sys::CallCount(sys::Op::kWrite) >= nth;
+      sys::ClearFaults();
+      if (!reached) break;
+      EXPECT_FALSE(ok);
+      EXPECT_EQ(StateOf(db_), before);
+      EXPECT_EQ(StateOfFile(), before);
+      EXPECT_EQ(ReadFile(kDatabasePath).back(), '\n');
+      ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "AFTER", "1"));
+      EXPECT_EQ(StateOfFile(), StateOf(db_));
+    }
+  }
+}
+
+// The journal of all steps cut at every byte loads to the state of its last
+// complete record, or that state changed in at most one entry by the partial
+// last record; a cut version line does not load.
+TEST_F(CacheTest, EveryPrefixOfTheJournalLoadsToACompleteState) {
+  Open();
+  for (const Step& step : kSteps) step.run(db_);
+  const std::string file = ReadFile(kDatabasePath);
+  auto stateOf = [](const std::string& text) {
+    WriteFile(kDatabasePath, text);
+    return StateOfFile();
+  };
+  auto lines = [](const std::string& s) {
+    std::multiset<std::string> out;
+    for (size_t b = 0, e; b < s.size(); b = e + 1)
+      out.insert(s.substr(b, (e = s.find('\n', b)) - b));
+    return out;
+  };
+  EXPECT_EQ(stateOf("VERSION=1,"), "<load failed>");
+  std::string complete;
+  for (size_t cut = sizeof "VERSION=1,0", end = 0; cut <= file.size(); ++cut) {
+    if (file[cut - 1] == '\n') complete = stateOf(file.substr(0, end = cut));
+    std::string state = stateOf(file.substr(0, cut));
+    auto a = lines(complete), b = lines(state);
+    std::vector<std::string> onlyA, onlyB;
+    std::set_difference(a.begin(), a.end(), b.begin(), b.end(), std::back_inserter(onlyA));
+    std::set_difference(b.begin(), b.end(), a.begin(), a.end(), std::back_inserter(onlyB));
+    EXPECT_LE(onlyA.size() + onlyB.size(), 2u) << "cut " << cut << " after " << end;
+  }
 }
 
 TEST_F(CacheTest, AppendLandsAtTheEndAfterAnotherWriter) {

@@ -7,6 +7,7 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -38,6 +39,16 @@ class LogToFile {
  private:
   FILE* stream_;
 };
+
+// The arguments printed with one space between each two.
+template <class... T>
+std::string StrCat(const T&... parts) {
+  std::ostringstream out;
+  ((out << parts << ' '), ...);
+  std::string text = out.str();
+  text.pop_back();
+  return text;
+}
 
 // Loads `path` into a private cache; null on failure.
 inline PLRNetworkConfigurationDB* LoadCache(const char* path = kDatabasePath, bool backup = false,
