@@ -16,7 +16,8 @@ namespace {
 using Db = PLRNetworkConfigurationDB*;
 #define DO(call) [](Db db) { return call; }
 
-const std::string kLongDesc(128, 'd');
+const std::string kLongDesc(128, 'd'), kDesc127(127, 'd');
+const std::string kDesc127Record = "add_nat_portfwd 2 tcp 23 10.0.0.2 23 " + kDesc127 + "\n";
 const std::string kLongValue(1100, 'v');  // a record the reader would refuse
 
 // One change, whether it succeeds, and the records it appends.
@@ -102,6 +103,8 @@ const struct Step {
     // An overlong description is dropped, the forward kept.
     {DO(PLRNetCfgAddNATPortFwd(db, 2, true, 22, "10.0.0.2", 22, kLongDesc.c_str(), false)), true,
      "add_nat_portfwd 2 tcp 22 10.0.0.2 22\n"},
+    {DO(PLRNetCfgAddNATPortFwd(db, 2, true, 23, "10.0.0.2", 23, kDesc127.c_str(), false)), true,
+     kDesc127Record.c_str()},
 };
 #undef DO
 
@@ -115,13 +118,14 @@ TEST_F(CacheTest, EachChangeAppendsExactlyItsRecords) {
     ASSERT_EQ(Tail(), journal);
   }
   EXPECT_EQ(StateOf(db_),
-            "A VNET_1_DISPLAY_NAME=other\nA VNET_8_NAT=no\nP 2 tcp 22 10.0.0.2 22 []\n"
-            "X 7 fd00:7::/64\n");
+            "A VNET_1_DISPLAY_NAME=other\nA VNET_8_NAT=no\nP 2 tcp 22 10.0.0.2 22 []\n" +
+                StrCat("P 2 tcp 23 10.0.0.2 23", "[" + kDesc127 + "]\n") + "X 7 fd00:7::/64\n");
   EXPECT_EQ(db_->portFwds[8], nullptr);  // the holder goes with its last table
   // The cache-only removals are not in the file.
   EXPECT_EQ(StateOfFile(),
-            "A VNET_1_DISPLAY_NAME=other\nA VNET_8_NAT=no\nP 2 tcp 22 10.0.0.2 22 []\n"
-            "P 8 udp 7 10.0.0.2 7 []\nX 7 fd00:7::/64\nX 8 fd00:2::/64\n");
+            "A VNET_1_DISPLAY_NAME=other\nA VNET_8_NAT=no\nP 2 tcp 22 10.0.0.2 22 []\n" +
+                StrCat("P 2 tcp 23 10.0.0.2 23", "[" + kDesc127 + "]\n") +
+                "P 8 udp 7 10.0.0.2 7 []\nX 7 fd00:7::/64\nX 8 fd00:2::/64\n");
 }
 
 // Failing any write of a change (the database holding the journal of the
