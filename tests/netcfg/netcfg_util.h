@@ -1,91 +1,82 @@
-// Shared helpers of the netcfg tests: log capture, private caches, and a
-// canonical text of a cache's whole state for comparisons.
+// Shared helpers of the netcfg tests: the library log sent to its usual file
+// (read with the shared probe), private caches, and a canonical text of a
+// cache's whole state for comparisons.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <stdio.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "netcfg/db-internal.h"
 #include "pelorus/core.h"
 #include "tests/support/sandbox.h"
+#include "tests/support/services_util.h"
 
 namespace plr::test {
 
-inline constexpr const char* kNetLog = "/tmp/netcfg-test.log";
+using svc::LogCount;
+using svc::LogHas;
+using svc::LogText;
 
-// Sends every log level to a file of the test's own for the scope.
-class LogCapture {
+// Sends every log level to the library's log file for the scope.
+class LogToFile {
  public:
-  LogCapture() {
-    stream_ = fopen(kNetLog, "w+");
+  LogToFile() : stream_(fopen(kLogPath, "a")) {
     plrContext.logStream = stream_;
     plrContext.currentLevel = PLR_LOG_MAX_LEVEL;
   }
-  ~LogCapture() {
+  ~LogToFile() {
     plrContext.logStream = nullptr;
     if (stream_ != nullptr) fclose(stream_);
   }
-  std::string Text() const {
-    fflush(stream_);
-    return ReadFile(kNetLog);
-  }
-  // Occurrences of `message` (a line ends with it after "<function> - ").
-  int Count(const std::string& message) const {
-    std::string text = Text();
-    int n = 0;
-    for (size_t pos = 0; (pos = text.find(message, pos)) != std::string::npos;
-         pos += message.size())
-      ++n;
-    return n;
-  }
-  bool Has(const std::string& message) const { return Count(message) > 0; }
-  // True when a line reads "<function> - <message>" exactly at its end.
-  bool HasLine(const std::string& function, const std::string& message) const {
-    return Text().find(" " + function + " - " + message + "\n") != std::string::npos;
-  }
+  LogToFile(const LogToFile&) = delete;
+  LogToFile& operator=(const LogToFile&) = delete;
 
  private:
-  FILE* stream_ = nullptr;
+  FILE* stream_;
 };
+
+// The arguments printed with one space between each two.
+template <class... T>
+std::string StrCat(const T&... parts) {
+  std::ostringstream out;
+  ((out << parts << ' '), ...);
+  std::string text = out.str();
+  text.pop_back();
+  return text;
+}
 
 // Loads `path` into a private cache; null on failure.
 inline PLRNetworkConfigurationDB* LoadCache(const char* path = kDatabasePath, bool backup = false,
                                             bool readOnly = false) {
   PLRNetworkConfigurationDB* db = nullptr;
-  if (!PLRNetCfgLoad(path, &db, backup, readOnly)) return nullptr;
-  return db;
+  return PLRNetCfgLoad(path, &db, backup, readOnly) ? db : nullptr;
 }
 
-// Every entry of a cache as sorted lines; two caches with equal text hold
-// the same answers and records. BINDIR is left out (it comes from the
-// product configuration, not the file).
+// Every entry of a cache as sorted lines; equal texts mean equal answers and
+// records. BINDIR is left out (it comes from the product configuration).
 inline std::string StateOf(const PLRNetworkConfigurationDB* db) {
   std::vector<std::string> lines;
   if (db->answers)
     for (const auto& [key, entry] : *db->answers)
       if (key != "BINDIR") lines.push_back("A " + key + "=" + entry.value);
   for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
+    const std::string v = std::to_string(vnet);
     if (db->portFwds[vnet])
-      for (bool tcp : {true, false}) {
-        const auto& group = db->portFwds[vnet]->group(tcp);
-        if (!group.table) continue;
-        for (const auto& [port, e] : *group.table)
-          lines.push_back("P " + std::to_string(vnet) + (tcp ? " tcp " : " udp ") +
-                          std::to_string(port) + " " + e.vmIP + " " + std::to_string(e.vmPort) +
-                          " [" + e.description + "]");
-      }
+      for (bool tcp : {true, false})
+        if (const auto& table = db->portFwds[vnet]->group(tcp).table)
+          for (const auto& [port, e] : *table)
+            lines.push_back("P " + v + (tcp ? " tcp " : " udp ") + std::to_string(port) + " " +
+                            e.vmIP + " " + std::to_string(e.vmPort) + " [" + e.description + "]");
     if (db->dhcp[vnet])
       for (const auto& [mac, ip] : db->dhcp[vnet]->table)
-        lines.push_back("D " + std::to_string(vnet) + " " + mac + " " + ip);
+        lines.push_back("D " + v + " " + mac + " " + ip);
     if (db->prefixes[vnet])
-      for (const auto& prefix : *db->prefixes[vnet])
-        lines.push_back("X " + std::to_string(vnet) + " " + prefix);
+      for (const auto& prefix : *db->prefixes[vnet]) lines.push_back("X " + v + " " + prefix);
   }
   if (db->bridges)
     for (const auto& [adapter, vnet] : *db->bridges)
@@ -104,5 +95,25 @@ inline std::string StateOfFile(const char* path = kDatabasePath) {
   PLRNetCfgUnload(&db, false);
   return state;
 }
+
+// A writable private cache of the database holding `records` (Open unloads
+// the previous one), unloaded without compaction at the end of the test.
+class CacheTest : public ::testing::Test {
+ protected:
+  void Open(const std::string& records = "") {
+    if (db_ != nullptr) PLRNetCfgUnload(&db_, false);
+    WriteDatabase(records);
+    db_ = LoadCache();
+    ASSERT_NE(db_, nullptr);
+  }
+  void TearDown() override {
+    if (db_ != nullptr) PLRNetCfgUnload(&db_, false);
+  }
+  // The journal after the version line.
+  static std::string Tail() { return ReadFile(kDatabasePath).substr(sizeof "VERSION=1,0"); }
+
+  LogToFile log_;
+  PLRNetworkConfigurationDB* db_ = nullptr;
+};
 
 }  // namespace plr::test

@@ -1,0 +1,252 @@
+// The base utilities, one row per input: strict number conversion, the
+// configuration and line readers, SHA-1, atomic file replacement, the file
+// lock within one process and the random source. (The lock between
+// processes is tested with the database.)
+#include <dirent.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "base/config-file.h"
+#include "base/fd-util.h"
+#include "base/file-lock.h"
+#include "base/fs-util.h"
+#include "base/line-reader.h"
+#include "base/random-util.h"
+#include "base/sha1.h"
+#include "base/str-util.h"
+#include "base/sys-util.h"
+#include "tests/support/sandbox.h"
+
+namespace plr {
+namespace {
+
+constexpr int64_t kRefused = -1LL << 40;
+
+TEST(StrTo, AcceptsDecimalHexAndSignStrictly) {
+  const struct {
+    const char* text;
+    int64_t value;
+  } kRows[] = {{"0", 0},
+               {"42", 42},
+               {"-42", -42},
+               {"+7", 7},
+               {"007", 7},
+               {"0x1f", 31},
+               {"0X1F", 31},
+               {"-0x10", -16},
+               {"2147483647", INT32_MAX},
+               {"-2147483648", INT32_MIN},
+               {"4294967295", UINT32_MAX},
+               {"0xFFFFFFFF", UINT32_MAX},
+               {"4294967296", kRefused},
+               {"0x100000000", kRefused},
+               {"", kRefused},
+               {"-", kRefused},
+               {"0x", kRefused},
+               {" 5", kRefused},
+               {"5 ", kRefused},
+               {"12a", kRefused},
+               {"0x1g", kRefused},
+               {"1.5", kRefused},
+               {"--1", kRefused},
+               {"+-1", kRefused},
+               {"99999999999999999999", kRefused}};
+  for (const auto& r : kRows) {
+    int32_t i = 12345;
+    uint32_t u = 12345;
+    bool fitsInt = r.value >= INT32_MIN && r.value <= INT32_MAX;
+    bool fitsUint = r.value >= 0 && r.value <= UINT32_MAX && r.text[0] != '+';
+    EXPECT_EQ(StrToInt32(r.text, &i), fitsInt) << r.text;
+    EXPECT_EQ(i, fitsInt ? r.value : 12345) << r.text;
+    EXPECT_EQ(StrToUint32(r.text, &u), fitsUint) << r.text;
+    EXPECT_EQ(u, fitsUint ? r.value : 12345) << r.text;
+  }
+  int32_t i;
+  EXPECT_FALSE(StrToInt32(nullptr, &i));
+  const std::string x(5000, 'x');
+  EXPECT_EQ(StrPrintf("<%s>%d", x.c_str(), 8), "<" + x + ">8");
+}
+
+TEST(ConfigFile, ReadsValuesAndNamesTheBadLine) {
+  const struct {
+    const char* text;
+    const char* result;  // the dictionary as "key=value;" in key order, or the error
+  } kRows[] = {{"# c\n\n \t\nbindir = \"/usr/lib/x\"\nlib=/a   \n  name  =  \"two # w \"  # c\n"
+                "bare = a b # c\nempty = \"\"\nnothing =\ncrlf = \"x\"\r\nlib = /b",
+                "bare=a b;bindir=/usr/lib/x;crlf=x;empty=;lib=/b;name=two # w ;nothing=;"},
+               {"bindir = \"/x\"\njust text\n", "/etc/tarsis/config:2: missing \"=\""},
+               {"\n\nbindir = \"/x\n", "/etc/tarsis/config:3: unterminated quote"},
+               {"bindir = \"/x\" junk\n", "/etc/tarsis/config:1: text after closing quote"},
+               {"= value\n", "/etc/tarsis/config:1: bad key"},
+               {"two words = value\n", "/etc/tarsis/config:1: bad key"}};
+  for (const auto& r : kRows) {
+    test::WriteFile("/etc/tarsis/config", r.text);
+    ConfigDictionary dict;
+    std::string error, got;
+    if (LoadConfigFile("/etc/tarsis/config", &dict, &error)) {
+      for (const auto& [key, value] : std::map<std::string, std::string>(dict.begin(), dict.end()))
+        got += key + "=" + value + ";";
+    } else {
+      got = error;
+      EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(got, r.result);
+  }
+  ConfigDictionary dict;
+  std::string error;
+  EXPECT_FALSE(LoadConfigFile("/etc/tarsis/absent", &dict, &error));
+  EXPECT_EQ(error, "/etc/tarsis/absent: No such file or directory");
+}
+
+TEST(LineReader, SplitsAndCutsLines) {
+  const std::string a(1023, 'a'), c(1023, 'c');
+  const struct {
+    std::string text;
+    size_t max;
+    std::vector<std::string> lines;
+  } kRows[] = {{"", 1024, {}},
+               {"\n", 1024, {""}},
+               {"a\nb", 1024, {"a", "b"}},
+               {"a\n\n\nb\n", 1024, {"a", "", "", "b"}},
+               {"a\r\nb\r\n", 1024, {"a\r", "b\r"}},
+               {std::string("x\0y\n", 4), 1024, {std::string("x\0y", 3)}},
+               {a + "\nn\n", 1024, {a, "n"}},
+               {c + "cc\nn", 1024, {c, "n"}},
+               {"abcdef\ngh\n", 4, {"abc", "gh"}}};
+  for (const auto& r : kRows) {
+    test::WriteFile("/tmp/lines", r.text);
+    UniqueFile f(fopen("/tmp/lines", "r"));
+    LineReader reader(f.get(), r.max);
+    std::vector<std::string> lines;
+    std::string line;
+    LineReader::Status status;
+    while ((status = reader.Next(line)) == LineReader::Status::kLine) lines.push_back(line);
+    EXPECT_EQ(status, LineReader::Status::kEof);
+    EXPECT_EQ(lines, r.lines) << r.text.substr(0, 20);
+  }
+  UniqueFile dir(fopen("/tmp", "r"));  // reading a directory fails with EISDIR
+  std::string line;
+  EXPECT_EQ(LineReader(dir.get()).Next(line), LineReader::Status::kError);
+  EXPECT_EQ(errno, EISDIR);
+}
+
+// Published vectors and sizes around the padding boundaries (a tail of 55
+// bytes still takes the length, 56 needs another block), fed in every chunking.
+TEST(Sha1, VectorsInAnyChunking) {
+  const struct {
+    std::string data;
+    const char* hex;
+  } kRows[] = {{"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+               {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+               {"abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq",
+                "84983e441c3bd26ebaae4aa1f95129e5e54670f1"},
+               {std::string(55, 'a'), "c1c8bbdc22796e28c0e15163d20899b65621d65a"},
+               {std::string(56, 'a'), "c2db330f6083854c99d4b5bfb6e8f29f201be699"},
+               {std::string(63, 'a'), "03f09f5b158a7a8cdad920bddc29b81c18a551f5"},
+               {std::string(64, 'a'), "0098ba824b5c16427bd7a1122a5a442a25ec644d"},
+               {std::string(65, 'a'), "11655326c708d70319be2610e8a57d9a5b959d3b"},
+               {std::string(119, 'a'), "ee971065aaa017e0632a8ca6c77bb3bf8b1dfc56"},
+               {std::string(120, 'a'), "f34c1488385346a55709ba056ddd08280dd4c6d6"},
+               {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
+  for (const auto& r : kRows) {
+    EXPECT_EQ(Sha1Hex(r.data), r.hex) << r.data.size();
+    for (size_t chunk : {1, 7, 63, 64, 65, 1000}) {
+      if (r.data.size() > 100000 && chunk < 1000) continue;
+      Sha1 sha;
+      for (size_t at = 0; at < r.data.size(); at += chunk)
+        sha.Update(r.data.data() + at, std::min(chunk, r.data.size() - at));
+      sha.Update(nullptr, 0);
+      EXPECT_EQ(DigestHex(sha.Final()), r.hex) << r.data.size() << " in " << chunk;
+    }
+  }
+}
+
+// The names in a directory.
+std::set<std::string> Entries(const char* path) {
+  std::set<std::string> names;
+  DIR* dir = opendir(path);
+  while (dirent* e = dir != nullptr ? readdir(dir) : nullptr)
+    if (e->d_name != std::string(".") && e->d_name != std::string("..")) names.insert(e->d_name);
+  if (dir != nullptr) closedir(dir);
+  return names;
+}
+
+// The fault-injecting write of the call table, chained under short writes so
+// that large contents take several write calls.
+ssize_t (*gInjectingWrite)(int, const void*, size_t);
+ssize_t ShortWrite(int fd, const void* buf, size_t n) {
+  return gInjectingWrite(fd, buf, n < 4096 ? n : 4096);
+}
+
+TEST(ReplaceFile, ReplacesWithExactModeOrKeepsTheOldFileOnAnyFault) {
+  ASSERT_EQ(mkdir("/tmp/r", 0755), 0);
+  const char* kFile = "/tmp/r/networking";
+  const std::string data(100000, 'n');
+  const struct {
+    sys::Op op;
+    unsigned nth;
+  } kFaults[] = {{sys::Op::kOpen, 1},  {sys::Op::kWrite, 1},  {sys::Op::kWrite, 2},
+                 {sys::Op::kFsync, 1}, {sys::Op::kRename, 1}, {sys::Op::kFsync, 2}};
+  for (const auto& f : kFaults) {
+    test::WriteFile(kFile, "old\n", 0640);
+    gInjectingWrite = sys::calls().write;
+    sys::calls().write = ShortWrite;
+    sys::FailNth(f.op, f.nth, EIO);
+    errno = 0;
+    EXPECT_FALSE(ReplaceFileAtomically(kFile, data, 0644));
+    EXPECT_EQ(errno, EIO);
+    sys::ResetCalls();
+    sys::ClearFaults();
+    bool replaced = f.op == sys::Op::kFsync && f.nth == 2;  // the directory sync comes last
+    EXPECT_TRUE(test::ReadFile(kFile) == (replaced ? data : "old\n")) << static_cast<int>(f.op);
+    EXPECT_EQ(Entries("/tmp/r"), std::set<std::string>{"networking"});
+  }
+  umask(022);
+  ASSERT_TRUE(ReplaceFileAtomically(kFile, data, 0664));
+  struct stat st = {};
+  ASSERT_EQ(stat(kFile, &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0664u) << "the mode is exact, not masked";
+  EXPECT_TRUE(test::ReadFile(kFile) == data);
+  ASSERT_EQ(chdir("/tmp/r"), 0);
+  ASSERT_TRUE(ReplaceFileAtomically("networking", "", 0600));  // a relative path
+  std::string out = "stale";
+  ASSERT_TRUE(ReadWholeFile(kFile, &out));
+  EXPECT_EQ(out, "");
+  EXPECT_FALSE(ReadWholeFile("/tmp/absent", &out));
+  EXPECT_EQ(Entries("/tmp/r"), std::set<std::string>{"networking"});
+}
+
+TEST(FileLock, OneOwnerAtATimeMovesAndReleases) {
+  FileLock first, second;
+  ASSERT_TRUE(first.Lock("/tmp/db", 0));
+  EXPECT_FALSE(second.Lock("/tmp/db", 50));
+  EXPECT_EQ(errno, 0) << "a timeout reports no system error";
+  EXPECT_FALSE(first.Lock("/tmp/db", 0));
+  EXPECT_EQ(errno, EBUSY) << "an owner holds one lock at a time";
+  FileLock moved(std::move(first));
+  EXPECT_FALSE(first.held());
+  EXPECT_FALSE(second.Lock("/tmp/db", 0)) << "the moved lock still excludes";
+  moved = FileLock();  // assigning over a held lock releases it
+  EXPECT_TRUE(second.Lock("/tmp/db", 0));
+  EXPECT_TRUE(second.Unlock());
+  EXPECT_TRUE(second.Unlock()) << "unlocking nothing succeeds";
+  EXPECT_FALSE(second.Lock("/tmp/missing-dir/db", 0));
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST(CryptoRandom, FillsLargeBuffersCompletely) {
+  // Above the kernel's per-call limit; zeros in the last kilobyte are a 2^-8192 event.
+  std::string a(40 << 20, '\0');
+  ASSERT_TRUE(CryptoRandom(a.data(), a.size()));
+  EXPECT_NE(a.substr(a.size() - 1024), std::string(1024, '\0'));
+  EXPECT_NE(a.substr(0, 1024), a.substr(1024, 1024));
+}
+
+}  // namespace
+}  // namespace plr
