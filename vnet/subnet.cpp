@@ -92,14 +92,13 @@ void AddSubnetCandidates(CandidateTable& table) {
   }
 }
 
-bool ShuffleSubnetCandidates(CandidateTable& table, RandomSource random) {
+bool ShuffleSubnetCandidates(const char* function, CandidateTable& table, RandomSource random) {
   uint32_t n = table.count;
   for (uint64_t swap = 0; n != 0 && swap < 2ull * n; ++swap) {
     uint32_t first = 0;
     uint32_t second = 0;
     if (!random(&first, sizeof first) || !random(&second, sizeof second)) {
-      PLOG_AS("PLRShuffleAvailSubnets", LOG_ERR, "Failed to read random data, error: %s",
-              strerror(errno));
+      PLOG_AS(function, LOG_ERR, "Failed to read random data, error: %s", strerror(errno));
       return false;
     }
     std::swap(table.entries[first % n], table.entries[second % n]);
@@ -178,7 +177,7 @@ bool PLRPopulateAvailSubnets(void) {
 
 // Randomises the trial order with the cryptographic random source.
 bool PLRShuffleAvailSubnets(void) {
-  return plr::ShuffleSubnetCandidates(plr::AvailSubnetTable(), plr::CryptoRandom);
+  return plr::ShuffleSubnetCandidates(__func__, plr::AvailSubnetTable(), plr::CryptoRandom);
 }
 
 // Sets the taken flag of every candidate equal to `subnet`; given back
