@@ -47,8 +47,10 @@ using RandomSource = bool (*)(void* buf, size_t size);
 // under `function`.
 bool ShuffleSubnetCandidates(const char* function, CandidateTable& table, RandomSource random);
 
-// Runs `command` through /bin/sh and returns its wait status as system()
-// does (-1 when no child could be started).
-int RunShellCommand(const char* command);
+// Runs the program argv[0] with the NULL-terminated `argv`, its standard
+// output and error going to /dev/null, and returns its wait status as
+// system() does: -1 when no child could be started, exit code 127 when the
+// program could not be executed.
+int RunQuietly(const char* const argv[]);
 
 }  // namespace plr
