@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <string>
+#include <string_view>
 
 #include "base/fd-util.h"
 #include "base/fs-util.h"
@@ -126,13 +127,14 @@ bool ReadNatValues(const char* function, uint32_t vnet, NatValues* v) {
   return GetParams(function, vnet, lookups, PLRNATGetParameter);
 }
 
-// printf with one of the exported template formats.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-std::string FormatTemplate(const char* format, const char* value) {
-  return StrPrintf(format, value);
+// Appends an exported "<key> = %s\n" template with `value` in place of its
+// one conversion (the templates hold no other).
+void AppendTemplate(std::string& out, std::string_view format, const char* value) {
+  size_t at = format.find("%s");
+  out.append(format.substr(0, at));
+  out += value;
+  out.append(format.substr(at + 2));
 }
-#pragma GCC diagnostic pop
 
 // The forwards of one protocol, one line each. Descriptions stay in the
 // database: the line's two trailing fields are always empty.
@@ -158,24 +160,24 @@ std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
   out += PLRNATConfigFileHeader;
   out += PLRNATConfigFileHostSectionHeader;
   out += PLRNATConfigFileIPDesc;
-  out += FormatTemplate(PLRNATConfigFileIPParam, v.gateway);
-  out += FormatTemplate(PLRNATConfigFileNetmaskParam, v.netmask);
+  AppendTemplate(out, PLRNATConfigFileIPParam, v.gateway);
+  AppendTemplate(out, PLRNATConfigFileNetmaskParam, v.netmask);
   out += PLRNATConfigFileDeviceDesc;
-  out += FormatTemplate(PLRNATConfigFileDeviceParam, v.device);
+  AppendTemplate(out, PLRNATConfigFileDeviceParam, v.device);
   out += PLRNATConfigFileActiveFTPDesc;
-  out += FormatTemplate(PLRNATConfigFileActiveFTPParam, v.activeFtp);
+  AppendTemplate(out, PLRNATConfigFileActiveFTPParam, v.activeFtp);
   out += PLRNATConfigFileAllowAnyOUIDesc;
-  out += FormatTemplate(PLRNATConfigFileAllowAnyOUIParam, v.allowAnyOui);
+  AppendTemplate(out, PLRNATConfigFileAllowAnyOUIParam, v.allowAnyOui);
   out += PLRNATConfigHostDefaultOptions;
   out += PLRNATConfigFileNat6Desc;
-  out += FormatTemplate(PLRNATConfigFileNat6Param, v.nat6);
+  AppendTemplate(out, PLRNATConfigFileNat6Param, v.nat6);
   out += PLRNATConfigFileNat6PrefixDesc;
-  out += FormatTemplate(PLRNATConfigFileNat6PrefixParam, v.nat6Prefix);
+  AppendTemplate(out, PLRNATConfigFileNat6PrefixParam, v.nat6Prefix);
   out += PLRNATConfigFileTCPSectionHeader;
   out += PLRNATConfigFileTCPDefaultOptions;
   out += PLRNATConfigFileUDPSectionHeader;
   out += PLRNATConfigFileUDPTimeoutDesc;
-  out += FormatTemplate(PLRNATConfigFileUDPTimeoutParam, v.udpTimeout);
+  AppendTemplate(out, PLRNATConfigFileUDPTimeoutParam, v.udpTimeout);
   out += PLRNATConfigFileNetbiosSectionHeader;
   out += PLRNATConfigNetbiosDefaultOptions;
   // The two port-forward sections, TCP first.
