@@ -16,24 +16,25 @@ namespace {
 
 constexpr size_t kCopyChunk = 1024;
 
-// Copies everything readable from `source` to `destination` in chunks.
-bool CopyContents(int source, int destination, const char* sourcePath,
+// Copies everything readable from `source` to `destination` in chunks;
+// logs under `function`.
+bool CopyContents(const char* function, int source, int destination, const char* sourcePath,
                   const char* destinationPath) {
   char chunk[kCopyChunk];
   for (;;) {
     ssize_t got = sys::read(source, chunk, sizeof chunk);
     if (got < 0) {
-      PLOG_AS("PLRCopyFile", LOG_ERR, "Reading from source file: %s failed, error: %s", sourcePath,
+      PLOG_AS(function, LOG_ERR, "Reading from source file: %s failed, error: %s", sourcePath,
               strerror(errno));
       return false;
     }
     if (got == 0) {
-      PLOG_AS("PLRCopyFile", LOG_INFO2, "Finished reading from source file: %s", sourcePath);
+      PLOG_AS(function, LOG_INFO2, "Finished reading from source file: %s", sourcePath);
       return true;
     }
     ssize_t put = sys::write(destination, chunk, static_cast<size_t>(got));
     if (put != got) {
-      PLOG_AS("PLRCopyFile", LOG_ERR, "Writing to destination file: %s failed, error: %s",
+      PLOG_AS(function, LOG_ERR, "Writing to destination file: %s failed, error: %s",
               destinationPath, strerror(put < 0 ? errno : EIO));
       return false;
     }
@@ -71,7 +72,7 @@ bool PLRCopyFile(const char* source, const char* destination) {
     PLOG(LOG_ERR, "Could not open destination file: %s, error: %s", destination, strerror(errno));
     return false;
   }
-  return plr::CopyContents(in.get(), out.get(), source, destination);
+  return plr::CopyContents(__func__, in.get(), out.get(), source, destination);
 }
 
 }  // extern "C"

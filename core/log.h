@@ -2,6 +2,8 @@
 // printf-checked, so each fixed message is checked against its arguments.
 #pragma once
 
+#include <source_location>
+
 #include "pelorus/core.h"
 
 namespace plr {
@@ -17,7 +19,41 @@ enum LogLevel : unsigned {
 };
 
 // True when the library has been loaded and not yet released.
-inline bool IsLoaded() { return plrContext.loadCount != 0; }
+inline bool IsLoaded() {
+  return plrContext.loadCount != 0;
+}
+
+// The " Entering Function" / " Exiting Function" lines that internal service
+// functions write around their work. The exit line is written when the trace
+// goes out of scope, after every other local has been destroyed, and names
+// the source line of the return that went through Exit():
+//   plr::FunctionTrace trace(__func__);
+//   ...
+//   return trace.Exit(ok);
+class FunctionTrace {
+ public:
+  // Writes the entry line unless `enter` is false (functions that trace
+  // only their exit).
+  explicit FunctionTrace(const char* function, bool enter = true,
+                         std::source_location where = std::source_location::current())
+      : function_(function), line_(static_cast<int>(where.line())) {
+    if (enter) PLRLog(LOG_INFO2, function_, " Entering Function, %s:%d", function_, line_);
+  }
+  FunctionTrace(const FunctionTrace&) = delete;
+  FunctionTrace& operator=(const FunctionTrace&) = delete;
+  ~FunctionTrace() { PLRLog(LOG_INFO2, function_, " Exiting Function, %s:%d", function_, line_); }
+
+  // Records the line of the return statement and passes `value` through.
+  template <typename T>
+  T Exit(T value, std::source_location where = std::source_location::current()) {
+    line_ = static_cast<int>(where.line());
+    return value;
+  }
+
+ private:
+  const char* function_;
+  int line_;
+};
 
 }  // namespace plr
 
@@ -25,7 +61,3 @@ inline bool IsLoaded() { return plrContext.loadCount != 0; }
 #define PLOG(level, ...) PLRLog(::plr::level, __func__, __VA_ARGS__)
 // Logs under an explicit name (for lambdas and helpers speaking for a caller).
 #define PLOG_AS(name, level, ...) PLRLog(::plr::level, (name), __VA_ARGS__)
-
-// The trace lines that internal service functions write around their work.
-#define PLOG_ENTER() PLOG(LOG_INFO2, " Entering Function, %s:%d", __func__, __LINE__)
-#define PLOG_EXIT() PLOG(LOG_INFO2, " Exiting Function, %s:%d", __func__, __LINE__)

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     data += 4;
     size -= 4;
   }
-  const plr::NetlinkWalkResult result = plr::WalkLinkDump(data, size, pid);
+  const plr::NetlinkWalkResult result = plr::WalkLinkDump("PLRCreateHostAdapList", data, size, pid);
   for (const plr::NetlinkLink& link : result.links)
     if (link.name.empty() || link.name.size() >= plr::kMaxAdapterNameChars) abort();
   return 0;

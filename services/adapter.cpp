@@ -37,10 +37,10 @@ std::string InterfaceNameOfLine(const std::string& line) {
 
 // Whether /proc/net/dev lists exactly `name` (case-sensitive). Returns
 // PLR_ADAPTER_UP as "found" and the status to report otherwise.
-uint32_t FindInProcNetDev(const char* name) {
+uint32_t FindInProcNetDev(const char* function, const char* name) {
   UniqueFile file(sys::fopen("/proc/net/dev", "re"));
   if (!file) {
-    PLOG_AS("PLRAdapterStatus", LOG_ERR, "fopen(/proc/net/dev) failed: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "fopen(/proc/net/dev) failed: %s", strerror(errno));
     return PLR_ADAPTER_STATUS_ERROR;
   }
   LineReader reader(file.get(), 1024);
@@ -48,11 +48,11 @@ uint32_t FindInProcNetDev(const char* name) {
   for (;;) {
     LineReader::Status status = reader.Next(line);
     if (status == LineReader::Status::kEof) {
-      PLOG_AS("PLRAdapterStatus", LOG_INFO, "'%s' not in /proc/net/dev", name);
+      PLOG_AS(function, LOG_INFO, "'%s' not in /proc/net/dev", name);
       return PLR_ADAPTER_ABSENT;
     }
     if (status == LineReader::Status::kError) {
-      PLOG_AS("PLRAdapterStatus", LOG_ERR, "fgets() failed: %s", strerror(errno));
+      PLOG_AS(function, LOG_ERR, "fgets() failed: %s", strerror(errno));
       return PLR_ADAPTER_STATUS_ERROR;
     }
     if (InterfaceNameOfLine(line) == name) return PLR_ADAPTER_UP;
@@ -83,91 +83,90 @@ struct AdapterAddresses {
 };
 
 // Reads and converts the adapter's three addresses; one log line on failure.
-bool ResolveAddresses(uint32_t vnet, AdapterAddresses* out) {
-  const char* fn = "PLRVirtAdapterEnable";
+bool ResolveAddresses(const char* function, uint32_t vnet, AdapterAddresses* out) {
   char addr[16], mask[16], bcast[16];
   if (!PLRGetVnetVirtAdapterAddr(vnet, addr, sizeof addr, true)) {
-    PLOG_AS(fn, LOG_ERR, "Getting virtual adapter address failed");
+    PLOG_AS(function, LOG_ERR, "Getting virtual adapter address failed");
     return false;
   }
   if (!PLRGetVnetSubnetMask(vnet, mask, sizeof mask)) {
-    PLOG_AS(fn, LOG_ERR, "Getting virtual adapter mask failed");
+    PLOG_AS(function, LOG_ERR, "Getting virtual adapter mask failed");
     return false;
   }
   if (!PLRGetBcastAddr(addr, mask, bcast)) {
-    PLOG_AS(fn, LOG_ERR, "Getting virtual adapter broadcast address failed");
+    PLOG_AS(function, LOG_ERR, "Getting virtual adapter broadcast address failed");
     return false;
   }
   if (inet_pton(AF_INET, addr, &out->addr) != 1) {
-    PLOG_AS(fn, LOG_ERR, "Converting interface address: %s to network format failed", addr);
+    PLOG_AS(function, LOG_ERR, "Converting interface address: %s to network format failed", addr);
     return false;
   }
   if (inet_pton(AF_INET, mask, &out->mask) != 1) {
-    PLOG_AS(fn, LOG_ERR, "Converting interface netmask: %s to network format failed", mask);
+    PLOG_AS(function, LOG_ERR, "Converting interface netmask: %s to network format failed", mask);
     return false;
   }
   if (inet_pton(AF_INET, bcast, &out->bcast) != 1) {
-    PLOG_AS(fn, LOG_ERR, "Converting interface broadcast: %s to network format failed", bcast);
+    PLOG_AS(function, LOG_ERR, "Converting interface broadcast: %s to network format failed",
+            bcast);
     return false;
   }
   return true;
 }
 
 // Reads the interface flags into ifr; both enable and disable log alike.
-bool GetFlags(int sock, struct ifreq* ifr, const char* fn) {
+bool GetFlags(const char* function, int sock, struct ifreq* ifr) {
   if (sys::ioctl(sock, SIOCGIFFLAGS, ifr) != 0) {
-    PLOG_AS(fn, LOG_ERR, "ioctl: SIOCGIFFLAGS failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "ioctl: SIOCGIFFLAGS failed, error: %s", strerror(errno));
     return false;
   }
-  PLOG_AS(fn, LOG_INFO, "ioctl: SIOCGIFFLAGS get interface flags: 0x%x for interface: %s",
+  PLOG_AS(function, LOG_INFO, "ioctl: SIOCGIFFLAGS get interface flags: 0x%x for interface: %s",
           static_cast<unsigned>(static_cast<unsigned short>(ifr->ifr_flags)), ifr->ifr_name);
   return true;
 }
 
 // Writes the flags held in ifr; logged alike for enable and disable.
-bool SetFlags(int sock, struct ifreq* ifr, const char* fn) {
+bool SetFlags(const char* function, int sock, struct ifreq* ifr) {
   if (sys::ioctl(sock, SIOCSIFFLAGS, ifr) != 0) {
-    PLOG_AS(fn, LOG_ERR, "ioctl: SIOCSIFFLAGS failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "ioctl: SIOCSIFFLAGS failed, error: %s", strerror(errno));
     return false;
   }
-  PLOG_AS(fn, LOG_INFO, "ioctl: SIOCSIFFLAGS set interface flags to: 0x%x for interface: %s",
+  PLOG_AS(function, LOG_INFO, "ioctl: SIOCSIFFLAGS set interface flags to: 0x%x for interface: %s",
           static_cast<unsigned>(static_cast<unsigned short>(ifr->ifr_flags)), ifr->ifr_name);
   return true;
 }
 
 // The five ioctls of enabling, in their fixed order; stops at the first
 // failure and leaves what was already set.
-bool ApplyEnable(int sock, struct ifreq* ifr, const AdapterAddresses& a) {
-  const char* fn = "PLRVirtAdapterEnable";
+bool ApplyEnable(const char* function, int sock, struct ifreq* ifr, const AdapterAddresses& a) {
   SetInetAddr(&ifr->ifr_addr, a.addr);
   if (sys::ioctl(sock, SIOCSIFADDR, ifr) != 0) {
-    PLOG_AS(fn, LOG_ERR, "ioctl: SIOCAIFADDR failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "ioctl: SIOCAIFADDR failed, error: %s", strerror(errno));
     return false;
   }
-  PLOG_AS(fn, LOG_INFO, "ioctl: SIOCSIFADDR set interface address to: %.8x for interface: %s",
+  PLOG_AS(function, LOG_INFO, "ioctl: SIOCSIFADDR set interface address to: %.8x for interface: %s",
           a.addr.s_addr, ifr->ifr_name);
 
   SetInetAddr(&ifr->ifr_netmask, a.mask);
   if (sys::ioctl(sock, SIOCSIFNETMASK, ifr) != 0) {
-    PLOG_AS(fn, LOG_ERR, "ioctl: SIOCSIFNETMASK failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "ioctl: SIOCSIFNETMASK failed, error: %s", strerror(errno));
     return false;
   }
-  PLOG_AS(fn, LOG_INFO,
+  PLOG_AS(function, LOG_INFO,
           "ioctl: SIOCSIFNETMASK set interface netmask address to: %.8x for interface: %s",
           a.mask.s_addr, ifr->ifr_name);
 
   SetInetAddr(&ifr->ifr_broadaddr, a.bcast);
   if (sys::ioctl(sock, SIOCSIFBRDADDR, ifr) != 0) {
-    PLOG_AS(fn, LOG_ERR, "ioctl: SIOCSIFBRDADDR failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "ioctl: SIOCSIFBRDADDR failed, error: %s", strerror(errno));
     return false;
   }
-  PLOG_AS(fn, LOG_INFO,
+  PLOG_AS(function, LOG_INFO,
           "ioctl: SIOCSIFBRDADDR set interface broadcast address to: %.8x for interface: %s",
           a.bcast.s_addr, ifr->ifr_name);
 
-  if (!GetFlags(sock, ifr, fn)) return false;
+  if (!GetFlags(function, sock, ifr)) return false;
   ifr->ifr_flags = static_cast<short>(ifr->ifr_flags | kEnableFlags);
-  return SetFlags(sock, ifr, fn);
+  return SetFlags(function, sock, ifr);
 }
 
 }  // namespace
@@ -182,7 +181,7 @@ uint32_t PLRAdapterStatus(const char* name) {
     PLOG(LOG_ERR, "Invalid arguments");
     return PLR_ADAPTER_STATUS_ERROR;
   }
-  uint32_t listed = plr::FindInProcNetDev(name);
+  uint32_t listed = plr::FindInProcNetDev(__func__, name);
   if (listed != PLR_ADAPTER_UP) return listed;
 
   plr::UniqueFd sock(plr::sys::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -228,7 +227,7 @@ bool PLRVirtAdapterEnable(uint32_t vnet) {
     return true;
   }
   plr::AdapterAddresses addresses;
-  if (!plr::ResolveAddresses(vnet, &addresses)) return false;
+  if (!plr::ResolveAddresses(__func__, vnet, &addresses)) return false;
 
   plr::UniqueFd sock(plr::sys::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!sock) {
@@ -236,7 +235,7 @@ bool PLRVirtAdapterEnable(uint32_t vnet) {
     return false;
   }
   struct ifreq ifr = plr::RequestFor(name);
-  return plr::ApplyEnable(sock.get(), &ifr, addresses);
+  return plr::ApplyEnable(__func__, sock.get(), &ifr, addresses);
 }
 
 // Clears IFF_UP on the vnet's adapter and nothing else: its addresses stay,
@@ -258,9 +257,9 @@ bool PLRVirtAdapterDisable(uint32_t vnet) {
     return false;
   }
   struct ifreq ifr = plr::RequestFor(name);
-  if (!plr::GetFlags(sock.get(), &ifr, __func__)) return false;
+  if (!plr::GetFlags(__func__, sock.get(), &ifr)) return false;
   ifr.ifr_flags = static_cast<short>(ifr.ifr_flags & ~IFF_UP);
-  return plr::SetFlags(sock.get(), &ifr, __func__);
+  return plr::SetFlags(__func__, sock.get(), &ifr);
 }
 
 // Loading the kernel driver is not this library's business.

@@ -30,33 +30,13 @@
 #include "pelorus/services.h"
 #include "pelorus/vnet.h"
 #include "services/service-internal.h"
-
-// The exit trace line of start, stop and status, written before every return.
-#define SVC_RETURN(value) \
-  do {                    \
-    PLOG_EXIT();          \
-    return (value);       \
-  } while (0)
+#include "vnet/bridge-util.h"
 
 namespace plr {
 namespace {
 
 constexpr uint64_t kStopPollUs = 50000;
 constexpr uint64_t kStopTimeoutUs = 3000000;
-
-// Owns a host adapter list built by the bridge or database layer.
-class AdapterList {
- public:
-  AdapterList() = default;
-  AdapterList(const AdapterList&) = delete;
-  AdapterList& operator=(const AdapterList&) = delete;
-  ~AdapterList() { PLRFreeHostAdapList(&head_); }
-  PLR_HostAdapter** out() { return &head_; }
-  const PLR_HostAdapter* head() const { return head_; }
-
- private:
-  PLR_HostAdapter* head_ = nullptr;
-};
 
 // The daemon's command line: owned strings plus the NULL-terminated pointer
 // array execv wants, built before the fork so the child allocates nothing.
@@ -85,10 +65,10 @@ bool FileNameOf(uint32_t vnet, uint32_t type, std::string* out) {
 // Appends one "-i<name>" or "-e<name>" per host adapter the bridge daemon
 // serves: for the default bridge vnet the adapters mapped elsewhere are
 // excluded; any other vnet includes exactly the adapters bridged to it.
-bool AddBridgeAdapters(uint32_t vnet, CommandLine* cmd) {
+bool AddBridgeAdapters(const char* function, uint32_t vnet, CommandLine* cmd) {
   uint32_t defaultBridge = PLR_VNET_NONE;
   if (!PLRGetDefaultBridgeVnet(&defaultBridge)) {
-    PLOG_AS("PLRServiceStart", LOG_ERR, "Cannot obtain value of DefaultBridge");
+    PLOG_AS(function, LOG_ERR, "Cannot obtain value of DefaultBridge");
     return false;
   }
   AdapterList list;
@@ -96,34 +76,34 @@ bool AddBridgeAdapters(uint32_t vnet, CommandLine* cmd) {
   const char* flag;
   if (vnet == defaultBridge) {
     if (!PLRNetCfgLookupHostAdaptersForVnet(nullptr, vnet, &count, list.out(), true)) {
-      PLOG_AS("PLRServiceStart", LOG_ERR, "Cannot obtain list of adapters excluded from vnet: %d",
+      PLOG_AS(function, LOG_ERR, "Cannot obtain list of adapters excluded from vnet: %d",
               static_cast<int>(vnet));
       return false;
     }
     flag = "-e";
   } else {
     if (!PLRGetVnetBridge(vnet, &count, list.out())) {
-      PLOG_AS("PLRServiceStart", LOG_ERR, "Cannot obtain list of adapters bridged to vnet: %d",
+      PLOG_AS(function, LOG_ERR, "Cannot obtain list of adapters bridged to vnet: %d",
               static_cast<int>(vnet));
       return false;
     }
     flag = "-i";
   }
-  for (const PLR_HostAdapter* a = list.head(); a != nullptr; a = a->next)
+  for (const PLR_HostAdapter* a = list.get(); a != nullptr; a = a->next)
     cmd->Add(StrPrintf("%s%s", flag, a->name));
   return true;
 }
 
 // Fills the service's fixed command line after the program path.
-bool BuildArguments(uint32_t vnet, uint32_t service, int statusFd, const char* pidFile,
-                    CommandLine* cmd) {
+bool BuildArguments(const char* function, uint32_t vnet, uint32_t service, int statusFd,
+                    const char* pidFile, CommandLine* cmd) {
   const std::string fd = StrPrintf("%d", statusFd);
   const std::string vnetName = VnetNameOf(vnet);
   switch (service) {
     case PLR_SERVICE_BRIDGE:
       for (const char* arg : {"-s", fd.c_str(), "-d", pidFile, "-n"}) cmd->Add(arg);
       cmd->Add(StrPrintf("%d", static_cast<int>(vnet)));
-      return AddBridgeAdapters(vnet, cmd);
+      return AddBridgeAdapters(function, vnet, cmd);
     case PLR_SERVICE_NETIFUP: {
       cmd->Add("-s");
       cmd->Add(fd);
@@ -135,7 +115,7 @@ bool BuildArguments(uint32_t vnet, uint32_t service, int statusFd, const char* p
       if (!FileNameOf(vnet, PLR_FILE_KAVIX_DEVICE, &device)) return false;
       char adapter[16];
       if (!PLRGetVnetVirtAdapter(vnet, adapter, sizeof adapter)) {
-        PLOG_AS("PLRServiceStart", LOG_ERR, "Cannot obtain virtual adapter name");
+        PLOG_AS(function, LOG_ERR, "Cannot obtain virtual adapter name");
         return false;
       }
       for (const char* arg : {"-d", pidFile, device.c_str(), static_cast<const char*>(adapter)})
@@ -162,17 +142,17 @@ bool BuildArguments(uint32_t vnet, uint32_t service, int statusFd, const char* p
       return true;
     }
     default:
-      PLOG_AS("PLRServiceStart", LOG_ERR, "Invalid service name %d", static_cast<int>(service));
+      PLOG_AS(function, LOG_ERR, "Invalid service name %d", static_cast<int>(service));
       return false;
   }
 }
 
 // Builds the whole command line of `service`; the PID file name is part of it.
-bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int statusFd,
-                      CommandLine* cmd) {
+bool BuildCommandLine(const char* function, uint32_t vnet, uint32_t service, const char* binDir,
+                      int statusFd, CommandLine* cmd) {
   const char* program = DefaultProgramForService(service);
   if (program == nullptr) {
-    PLOG_AS("PLRServiceStart", LOG_ERR, "Invalid service name %d", static_cast<int>(service));
+    PLOG_AS(function, LOG_ERR, "Invalid service name %d", static_cast<int>(service));
     return false;
   }
   char* pidFile = nullptr;
@@ -180,7 +160,7 @@ bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int s
   std::string pid(pidFile);
   free(pidFile);
   cmd->Add(StrPrintf("%s/%s", binDir, program));
-  if (!BuildArguments(vnet, service, statusFd, pid.c_str(), cmd)) return false;
+  if (!BuildArguments(function, vnet, service, statusFd, pid.c_str(), cmd)) return false;
   cmd->Seal();
   return true;
 }
@@ -189,20 +169,20 @@ bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int s
 // the library's log file, it inherits the status pipe's write end but not
 // the log descriptor itself (the library opens everything else close-on-exec)
 // and starts with no signal blocked. The child never returns.
-[[noreturn]] void ExecDaemon(const CommandLine& cmd, int readFd, int writeFd) {
-  const char* fn = "PLRServiceStart";
+[[noreturn]] void ExecDaemon(const char* function, const CommandLine& cmd, int readFd,
+                             int writeFd) {
   int logFd = plrContext.logStream != nullptr ? fileno(plrContext.logStream) : -1;
   if (logFd > 2) {
     close(1);
     close(2);
     int err = dup2(logFd, 2);
     int out = dup2(logFd, 1);
-    PLOG_AS(fn, LOG_INFO, "Duping Fds status %d, %d", err, out);
+    PLOG_AS(function, LOG_INFO, "Duping Fds status %d, %d", err, out);
     // The log descriptor itself must not reach the daemon; keeping it open
     // until the exec lets the child's own lines below still reach the log.
     fcntl(logFd, F_SETFD, fcntl(logFd, F_GETFD) | FD_CLOEXEC);
   } else {
-    PLOG_AS(fn, LOG_ERR, "Could not open log fd in child");
+    PLOG_AS(function, LOG_ERR, "Could not open log fd in child");
   }
   close(readFd);
   int flags = fcntl(writeFd, F_GETFD);
@@ -210,9 +190,9 @@ bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int s
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_UNBLOCK, &all, nullptr);
-  PLOG_AS(fn, LOG_INFO, "Child process started");
+  PLOG_AS(function, LOG_INFO, "Child process started");
   execv(cmd.path(), cmd.argv.data());
-  PLOG_AS(fn, LOG_ERR, "exec(): Error while starting daemon: %s, error: %s", cmd.path(),
+  PLOG_AS(function, LOG_ERR, "exec(): Error while starting daemon: %s, error: %s", cmd.path(),
           strerror(errno));
   // _exit: the caller's atexit handlers and stdio buffers belong to the parent.
   _exit(1);
@@ -220,22 +200,22 @@ bool BuildCommandLine(uint32_t vnet, uint32_t service, const char* binDir, int s
 
 // Reaps the forked process, which exits as soon as the daemon has detached.
 // Its result is only logged: the status pipe decides the outcome.
-void WaitForDetach(pid_t pid) {
+void WaitForDetach(const char* function, pid_t pid) {
   pid_t reported;
   do {
     reported = waitpid(pid, nullptr, 0);
   } while (reported < 0 && errno == EINTR);
   if (reported < 1)
-    PLOG_AS("PLRServiceStart", LOG_WRN, "waitpid() reported pid: %d, reported error: %s",
+    PLOG_AS(function, LOG_WRN, "waitpid() reported pid: %d, reported error: %s",
             static_cast<int>(reported), strerror(errno));
   else
-    PLOG_AS("PLRServiceStart", LOG_INFO, "waitpid() reported pid: %d, reported error: %s",
+    PLOG_AS(function, LOG_INFO, "waitpid() reported pid: %d, reported error: %s",
             static_cast<int>(reported), "none");
 }
 
 // Reads the daemon's status: any byte means it started (the value is only
 // logged); end of file means every copy of the write end closed unwritten.
-bool ReadDaemonStatus(int readFd) {
+bool ReadDaemonStatus(const char* function, int readFd) {
   unsigned char bytes[2] = {0, 0};
   ssize_t n;
   do {
@@ -244,14 +224,14 @@ bool ReadDaemonStatus(int readFd) {
   if (n > 0) {
     uint16_t value;
     memcpy(&value, bytes, sizeof value);
-    PLOG_AS("PLRServiceStart", LOG_INFO, "Child process wrote status value: %u", value);
+    PLOG_AS(function, LOG_INFO, "Child process wrote status value: %u", value);
     return true;
   }
   if (n == 0) {
-    PLOG_AS("PLRServiceStart", LOG_WRN, "Daemon process did not report status, returning failure");
+    PLOG_AS(function, LOG_WRN, "Daemon process did not report status, returning failure");
     return false;
   }
-  PLOG_AS("PLRServiceStart", LOG_ERR, "read() failed, error: %s", strerror(errno));
+  PLOG_AS(function, LOG_ERR, "read() failed, error: %s", strerror(errno));
   return false;
 }
 
@@ -262,17 +242,17 @@ uint64_t NowUs() {
 
 // Waits, polling every 50 ms, for a process that was sent SIGTERM to go away;
 // after 3 s it is sent SIGKILL and not waited for again.
-void AwaitExitOrKill(pid_t pid, const char* desc) {
+void AwaitExitOrKill(const char* function, pid_t pid, const char* desc) {
   const uint64_t start = NowUs();
   for (;;) {
     usleep(kStopPollUs);
     if (kill(pid, 0) != 0 && errno == ESRCH) {
-      PLOG_AS("PLRServiceStop", LOG_INFO, "Successfully killed %s service daemon, pid: %ld", desc,
+      PLOG_AS(function, LOG_INFO, "Successfully killed %s service daemon, pid: %ld", desc,
               static_cast<long>(pid));
       return;
     }
     if (NowUs() - start > kStopTimeoutUs) {
-      PLOG_AS("PLRServiceStop", LOG_INFO,
+      PLOG_AS(function, LOG_INFO,
               "Timeout expired while waiting for %s service daemon, pid: %ld to quit", desc,
               static_cast<long>(pid));
       kill(pid, SIGKILL);
@@ -297,7 +277,7 @@ extern "C" {
 // at an existing PID file: callers ask PLRServiceStatus first. TRUE once the
 // daemon has written any status bytes.
 bool PLRServiceStart(uint32_t vnet, uint32_t service) {
-  PLOG_ENTER();
+  plr::FunctionTrace trace(__func__);
   const char* binDir = nullptr;
   if (!PLRNetCfgGetAnswerString(nullptr, "BINDIR", &binDir) || binDir == nullptr) {
     PLOG(LOG_INFO2, "Cannot find BINDIR value in Vnet Config");
@@ -307,17 +287,18 @@ bool PLRServiceStart(uint32_t vnet, uint32_t service) {
   int fds[2];
   if (pipe2(fds, O_CLOEXEC) != 0) {
     PLOG(LOG_ERR, "pipe(): error: %s", strerror(errno));
-    SVC_RETURN(false);
+    return trace.Exit(false);
   }
   plr::UniqueFd readEnd(fds[0]);
   plr::UniqueFd writeEnd(fds[1]);
 
   plr::CommandLine cmd;
   try {
-    if (!plr::BuildCommandLine(vnet, service, binDir, writeEnd.get(), &cmd)) SVC_RETURN(false);
+    if (!plr::BuildCommandLine(__func__, vnet, service, binDir, writeEnd.get(), &cmd))
+      return trace.Exit(false);
   } catch (const std::bad_alloc&) {
     PLOG(LOG_ERR, "Memory allocation error");
-    SVC_RETURN(false);
+    return trace.Exit(false);
   }
 
   PLOG(LOG_INFO, "Fork and exec command: %s", cmd.path());
@@ -329,9 +310,9 @@ bool PLRServiceStart(uint32_t vnet, uint32_t service) {
   if (pid < 0) {
     PLOG(LOG_ERR, "fork(): Error while forking child to start daemon: %s, error: %s", cmd.path(),
          strerror(errno));
-    SVC_RETURN(false);
+    return trace.Exit(false);
   }
-  if (pid == 0) plr::ExecDaemon(cmd, readEnd.get(), writeEnd.get());
+  if (pid == 0) plr::ExecDaemon(__func__, cmd, readEnd.get(), writeEnd.get());
 
   // Only the daemon may hold the write end now, so its exit ends the read.
   writeEnd.reset();
@@ -339,28 +320,28 @@ bool PLRServiceStart(uint32_t vnet, uint32_t service) {
        "Successfully forked off child process to start daemon: %s, pid: %d, waiting for child "
        "to complete",
        cmd.path(), static_cast<int>(pid));
-  plr::WaitForDetach(pid);
-  bool started = plr::ReadDaemonStatus(readEnd.get());
-  SVC_RETURN(started);
+  plr::WaitForDetach(__func__, pid);
+  bool started = plr::ReadDaemonStatus(__func__, readEnd.get());
+  return trace.Exit(started);
 }
 
 // Stops the daemon named by the service's PID file: SIGTERM, up to 3 s of
 // waiting, then SIGKILL; removes the PID file. No PID file means already
 // stopped (TRUE); a file without a usable PID is FALSE and is left alone.
 bool PLRServiceStop(uint32_t vnet, uint32_t service) {
-  PLOG_ENTER();
+  plr::FunctionTrace trace(__func__);
   plr::PidFileName pidFile;
-  if (!PLRGetPidFilename(vnet, service, &pidFile.path, &pidFile.desc)) SVC_RETURN(false);
+  if (!PLRGetPidFilename(vnet, service, &pidFile.path, &pidFile.desc)) return trace.Exit(false);
 
   bool noFile = false;
   pid_t pid = PLRExtractPidFromFile(pidFile.path, &noFile);
   if (pid < 1) {
     PLOG(LOG_WRN, "Could not extract PID of %s", pidFile.desc);
-    SVC_RETURN(noFile);
+    return trace.Exit(noFile);
   }
 
   if (kill(pid, SIGTERM) == 0) {
-    plr::AwaitExitOrKill(pid, pidFile.desc);
+    plr::AwaitExitOrKill(__func__, pid, pidFile.desc);
   } else if (errno == ESRCH) {
     PLOG(LOG_INFO, "%s service daemon does not seem to be running, pid: %ld", pidFile.desc,
          static_cast<long>(pid));
@@ -371,35 +352,35 @@ bool PLRServiceStop(uint32_t vnet, uint32_t service) {
   }
 
   plr::sys::unlink(pidFile.path);
-  SVC_RETURN(true);
+  return trace.Exit(true);
 }
 
 // Whether the process recorded in the service's PID file exists. A stale PID
 // file reads as stopped and stays in place until the next stop.
 uint32_t PLRServiceStatus(uint32_t vnet, uint32_t service) {
-  PLOG_ENTER();
+  plr::FunctionTrace trace(__func__);
   plr::PidFileName pidFile;
   if (!PLRGetPidFilename(vnet, service, &pidFile.path, &pidFile.desc))
-    SVC_RETURN(PLR_SERVICE_STATUS_UNKNOWN);
+    return trace.Exit(PLR_SERVICE_STATUS_UNKNOWN);
 
   bool noFile = false;
   pid_t pid = PLRExtractPidFromFile(pidFile.path, &noFile);
   if (pid < 1) {
     PLOG(LOG_INFO, "Could not extract PID of %s", pidFile.desc);
-    SVC_RETURN(noFile ? PLR_SERVICE_STOPPED : PLR_SERVICE_STATUS_UNKNOWN);
+    return trace.Exit(noFile ? PLR_SERVICE_STOPPED : PLR_SERVICE_STATUS_UNKNOWN);
   }
   if (kill(pid, 0) == 0) {
     PLOG(LOG_INFO2, "Successfully tracked %s daemon on vnet: %d, pid: %ld", pidFile.desc,
          static_cast<int>(vnet), static_cast<long>(pid));
-    SVC_RETURN(PLR_SERVICE_RUNNING);
+    return trace.Exit(PLR_SERVICE_RUNNING);
   }
   if (errno == ESRCH) {
     PLOG(LOG_WRN, "pid: %ld for %s service daemon on vnet: %d is stale", static_cast<long>(pid),
          pidFile.desc, static_cast<int>(vnet));
-    SVC_RETURN(PLR_SERVICE_STOPPED);
+    return trace.Exit(PLR_SERVICE_STOPPED);
   }
   PLOG(LOG_ERR, "kill(): failed for pid: %ld, error: %s", static_cast<long>(pid), strerror(errno));
-  SVC_RETURN(PLR_SERVICE_STATUS_UNKNOWN);
+  return trace.Exit(PLR_SERVICE_STATUS_UNKNOWN);
 }
 
 // Stops a running service and starts it again if the vnet still wants it;

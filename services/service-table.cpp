@@ -47,10 +47,10 @@ const ServiceRow* FindService(uint32_t service) {
 
 // The program name that names the PID file: the program answer, or the
 // daemon's fixed name when the database has none.
-const char* PidProgramName(const ServiceRow& row) {
+const char* PidProgramName(const char* function, const ServiceRow& row) {
   const char* value = nullptr;
   if (PLRNetCfgGetAnswerString(nullptr, row.programKey, &value) && value != nullptr) return value;
-  PLOG_AS("PLRGetPidFilename", LOG_INFO2, "Cannot find %s value in Vnet Config", row.programKey);
+  PLOG_AS(function, LOG_INFO2, "Cannot find %s value in Vnet Config", row.programKey);
   return row.defaultProgram;
 }
 
@@ -102,7 +102,7 @@ bool PLRGetPidFilename(uint32_t vnet, uint32_t service, char** pidFile, const ch
     return false;
   }
   const char* runDir = plr::GlobalAnswerOr("RUNDIR", "/var/run");
-  const char* program = plr::PidProgramName(*row);
+  const char* program = plr::PidProgramName(__func__, *row);
 
   std::string name;
   try {

@@ -29,7 +29,6 @@
 namespace plr {
 namespace {
 
-constexpr const char* kWriter = "PLRDHCPWriteDHCPCfg";
 constexpr size_t kAddrSize = 16;
 constexpr size_t kTimeSize = 10;
 constexpr size_t kDomainSize = 64;
@@ -52,13 +51,6 @@ struct SubnetValues {
   char netbios[kAddrSize] = "";
   char routers[kAddrSize] = "";
 };
-
-// A parameter with its default; a failure is logged with `failure`.
-bool GetParam(uint32_t vnet, uint32_t id, char* buffer, size_t size, const char* failure) {
-  if (PLRDHCPGetParameter(vnet, id, true, buffer, size)) return true;
-  PLOG_AS(kWriter, LOG_ERR, "%s", failure);
-  return false;
-}
 
 void AppendHeader(std::string& out, uint32_t vnet) {
   out += StrPrintf("# Configuration file for ISC 2.0 kavix-dhcpd operating on kavix%d.\n",
@@ -96,55 +88,58 @@ void AppendBlockStart(std::string& out) {
   out += StrPrintf("# Written at: %s\n", stamp);
 }
 
-bool AppendGlobal(std::string& out, uint32_t vnet) {
+bool AppendGlobal(const char* function, std::string& out, uint32_t vnet) {
   char defaultLease[kTimeSize];
   char maxLease[kTimeSize];
-  if (!GetParam(vnet, PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, defaultLease, sizeof defaultLease,
-                "Getting PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, maxLease, sizeof maxLease,
-                "Getting PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC failed")) {
-    return false;
-  }
+  const ParamLookup lookups[] = {
+      {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC, defaultLease, sizeof defaultLease,
+       "Getting PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC failed"},
+      {PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, maxLease, sizeof maxLease,
+       "Getting PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC failed"},
+  };
+  if (!GetParams(function, vnet, lookups, PLRDHCPGetParameter)) return false;
   out += "allow unknown-clients;\n";
   out += StrPrintf("default-lease-time %s;                # default is 30 minutes\n", defaultLease);
   out += StrPrintf("max-lease-time %s;                    # default is 2 hours\n", maxLease);
   out += "\n";
-  PLOG_AS(kWriter, LOG_INFO2, "Finished writing global values, writing subnet values now");
+  PLOG_AS(function, LOG_INFO2, "Finished writing global values, writing subnet values now");
   return true;
 }
 
-bool ReadSubnetValues(uint32_t vnet, SubnetValues* v) {
+bool ReadSubnetValues(const char* function, uint32_t vnet, SubnetValues* v) {
   if (!PLRGetVnetSubnetAddr(vnet, v->subnet, sizeof v->subnet)) {
-    PLOG_AS(kWriter, LOG_ERR, "Getting Subnet address failed");
+    PLOG_AS(function, LOG_ERR, "Getting Subnet address failed");
     return false;
   }
   if (!PLRGetVnetSubnetMask(vnet, v->mask, sizeof v->mask)) {
-    PLOG_AS(kWriter, LOG_ERR, "Getting Subnet mask failed");
+    PLOG_AS(function, LOG_ERR, "Getting Subnet mask failed");
     return false;
   }
-  if (!GetParam(vnet, PLR_DHCP_PARAM_LEASE_BEGIN_IP, v->leaseBegin, sizeof v->leaseBegin,
-                "Getting PLR_DHCP_PARAM_LEASE_BEGIN_IP failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_LEASE_END_IP, v->leaseEnd, sizeof v->leaseEnd,
-                "Getting PLR_DHCP_PARAM_LEASE_END_IP failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_BROADCAST_ADDR, v->broadcast, sizeof v->broadcast,
-                "Getting PLR_DHCP_PARAM_BROADCAST_ADDR failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_DNS_ADDR, v->dns, sizeof v->dns,
-                "Getting PLR_DHCP_PARAM_DNS_ADDR failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_DOMAIN_NAME, v->domain, sizeof v->domain,
-                "Getting PLR_DHCP_PARAM_DOMAIN_NAME failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, v->defaultLease,
-                sizeof v->defaultLease,
-                "Getting PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC failed") ||
-      !GetParam(vnet, PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, v->maxLease, sizeof v->maxLease,
-                "Getting PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC failed")) {
-    return false;
-  }
+  const ParamLookup subnetLookups[] = {
+      {PLR_DHCP_PARAM_LEASE_BEGIN_IP, v->leaseBegin, sizeof v->leaseBegin,
+       "Getting PLR_DHCP_PARAM_LEASE_BEGIN_IP failed"},
+      {PLR_DHCP_PARAM_LEASE_END_IP, v->leaseEnd, sizeof v->leaseEnd,
+       "Getting PLR_DHCP_PARAM_LEASE_END_IP failed"},
+      {PLR_DHCP_PARAM_BROADCAST_ADDR, v->broadcast, sizeof v->broadcast,
+       "Getting PLR_DHCP_PARAM_BROADCAST_ADDR failed"},
+      {PLR_DHCP_PARAM_DNS_ADDR, v->dns, sizeof v->dns, "Getting PLR_DHCP_PARAM_DNS_ADDR failed"},
+      {PLR_DHCP_PARAM_DOMAIN_NAME, v->domain, sizeof v->domain,
+       "Getting PLR_DHCP_PARAM_DOMAIN_NAME failed"},
+      {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, v->defaultLease, sizeof v->defaultLease,
+       "Getting PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC failed"},
+      {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, v->maxLease, sizeof v->maxLease,
+       "Getting PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC failed"},
+  };
+  if (!GetParams(function, vnet, subnetLookups, PLRDHCPGetParameter)) return false;
   v->nat = PLRGetVnetUseNAT(vnet);
   if (!v->nat) return true;
-  return GetParam(vnet, PLR_DHCP_PARAM_NETBIOS, v->netbios, sizeof v->netbios,
-                  "Getting PLR_DHCP_PARAM_NETBIOS failed") &&
-         GetParam(vnet, PLR_DHCP_PARAM_ROUTERS, v->routers, sizeof v->routers,
-                  "Getting PLR_DHCP_PARAM_ROUTERS failed");
+  const ParamLookup natLookups[] = {
+      {PLR_DHCP_PARAM_NETBIOS, v->netbios, sizeof v->netbios,
+       "Getting PLR_DHCP_PARAM_NETBIOS failed"},
+      {PLR_DHCP_PARAM_ROUTERS, v->routers, sizeof v->routers,
+       "Getting PLR_DHCP_PARAM_ROUTERS failed"},
+  };
+  return GetParams(function, vnet, natLookups, PLRDHCPGetParameter);
 }
 
 // The NAT gateway's lines, given to the subnet and to every static mapping.
@@ -153,7 +148,7 @@ void AppendNatOptions(std::string& out, const SubnetValues& v) {
       StrPrintf("\toption netbios-name-servers %s;\n\toption routers %s;\n", v.netbios, v.routers);
 }
 
-void AppendSubnet(std::string& out, const SubnetValues& v) {
+void AppendSubnet(const char* function, std::string& out, const SubnetValues& v) {
   out += StrPrintf("subnet %s netmask %s {\n", v.subnet, v.mask);
   out += StrPrintf("\trange %s %s;\n", v.leaseBegin, v.leaseEnd);
   out += StrPrintf("\toption broadcast-address %s;\n", v.broadcast);
@@ -164,7 +159,7 @@ void AppendSubnet(std::string& out, const SubnetValues& v) {
   out += StrPrintf("\tmax-lease-time %s;                    # default is 2 hours\n", v.maxLease);
   if (v.nat) AppendNatOptions(out, v);
   out += "}\n";
-  PLOG_AS(kWriter, LOG_INFO2, "Finished writing DHCP subnet values");
+  PLOG_AS(function, LOG_INFO2, "Finished writing DHCP subnet values");
 }
 
 void AppendHostLines(std::string& out, const char* name, const char* mac, const char* ip,
@@ -180,15 +175,15 @@ void AppendHostLines(std::string& out, const char* name, const char* mac, const 
 
 // The host's own virtual adapter: a fixed address and a MAC derived from the
 // vnet number, no name service and, with NAT, no gateway.
-bool AppendHostAdapterEntry(std::string& out, uint32_t vnet, bool nat) {
+bool AppendHostAdapterEntry(const char* function, std::string& out, uint32_t vnet, bool nat) {
   char name[kAddrSize];
   char address[kAddrSize];
   if (!PLRGetVnetVirtAdapter(vnet, name, sizeof name)) {
-    PLOG_AS(kWriter, LOG_ERR, "Failed to get name for vnet %u\n", vnet);
+    PLOG_AS(function, LOG_ERR, "Failed to get name for vnet %u\n", vnet);
     return false;
   }
   if (!PLRGetVnetVirtAdapterAddr(vnet, address, sizeof address, true)) {
-    PLOG_AS(kWriter, LOG_ERR, "Couldn't get hostonly IP addr for vnet %u\n", vnet);
+    PLOG_AS(function, LOG_ERR, "Couldn't get hostonly IP addr for vnet %u\n", vnet);
     return false;
   }
   std::string mac = StrPrintf("%02X:%02X:%02X:%02X:%02X:%02X", 0x02, 0x7A, 0x3E,
@@ -212,13 +207,13 @@ void AppendStaticMappings(std::string& out, uint32_t vnet, const SubnetValues& v
 }
 
 // The protected block from its start marker to its end marker.
-bool AppendBlock(std::string& out, uint32_t vnet) {
+bool AppendBlock(const char* function, std::string& out, uint32_t vnet) {
   AppendBlockStart(out);
-  if (!AppendGlobal(out, vnet)) return false;
+  if (!AppendGlobal(function, out, vnet)) return false;
   SubnetValues values;
-  if (!ReadSubnetValues(vnet, &values)) return false;
-  AppendSubnet(out, values);
-  if (!AppendHostAdapterEntry(out, vnet, values.nat)) return false;
+  if (!ReadSubnetValues(function, vnet, &values)) return false;
+  AppendSubnet(function, out, values);
+  if (!AppendHostAdapterEntry(function, out, vnet, values.nat)) return false;
   AppendStaticMappings(out, vnet, values);
   out += kDhcpBlockEndMarker;
   return true;
@@ -227,62 +222,62 @@ bool AppendBlock(std::string& out, uint32_t vnet) {
 // Where the old file's block lies if it may be replaced in place; {0, 0}
 // when it is missing, unhashable or edited (then the old file survives only
 // in the backup).
-DhcpBlockPos CheckOldBlock(uint32_t vnet, std::string_view old) {
+DhcpBlockPos CheckOldBlock(const char* function, uint32_t vnet, std::string_view old) {
   DhcpBlockPos pos = PLRLocateKavixDHCPBlock(old);
   if (pos.end == 0) return {};
-  PLOG_AS(kWriter, LOG_INFO2, "Located positions: Start: %li, End: %li, Size: %li", pos.start,
+  PLOG_AS(function, LOG_INFO2, "Located positions: Start: %li, End: %li, Size: %li", pos.start,
           pos.end, pos.end - pos.start);
   std::string computed = PLRCalculateHashStrForBlock(old, pos.start, pos.end);
   if (computed.empty()) {
-    PLOG_AS(kWriter, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Hash for DHCP config could not be calculated, creating a new config file and "
             "backing up existing file");
     return {};
   }
   const char* stored = PLRGetVnetCfg(vnet, kDhcpCfgHashKey);
   if (stored == nullptr) {
-    PLOG_AS(kWriter, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "DHCP config hash not found in vnet config, creating a new config file and backing "
             "up existing file");
     return {};
   }
   if (strncasecmp(stored, computed.c_str(), kHashCompareLength) != 0) {
-    PLOG_AS(kWriter, LOG_WRN,
+    PLOG_AS(function, LOG_WRN,
             "DHCP config modified by user, creating a new config file and backing up existing "
             "file");
     return {};
   }
-  PLOG_AS(kWriter, LOG_INFO, "DHCP config block is not modified");
+  PLOG_AS(function, LOG_INFO, "DHCP config block is not modified");
   return pos;
 }
 
 // Copies the existing dhcpd.conf to its ".bak" sibling before any change.
-bool BackUpDhcpConfig(uint32_t vnet, const char* path) {
+bool BackUpDhcpConfig(const char* function, uint32_t vnet, const char* path) {
   char backup[PLR_PATH_SIZE];
   if (!PLRGetFileName(vnet, PLR_FILE_DHCP_CONF_BAK, backup, sizeof backup)) {
-    PLOG_AS(kWriter, LOG_ERR, "Cannot get the DHCP config backup file name");
+    PLOG_AS(function, LOG_ERR, "Cannot get the DHCP config backup file name");
     return false;
   }
-  PLOG_AS(kWriter, LOG_WRN, "Backing up DHCP config into \"%s\" before modification", backup);
+  PLOG_AS(function, LOG_WRN, "Backing up DHCP config into \"%s\" before modification", backup);
   if (!PLRCopyFile(path, backup)) {
-    PLOG_AS(kWriter, LOG_ERR, "Failed to backup DHCP file. Aborting");
+    PLOG_AS(function, LOG_ERR, "Failed to backup DHCP file. Aborting");
     return false;
   }
   return true;
 }
 
 // The vnet directory, the dhcpd directory and an empty dhcpd.conf.
-bool CreateDhcpFiles(uint32_t vnet) {
+bool CreateDhcpFiles(const char* function, uint32_t vnet) {
   if (!PLRCreateFile(vnet, PLR_FILE_VNET_DIR, nullptr)) {
-    PLOG_AS(kWriter, LOG_ERR, "Cannot create kavix Directory");
+    PLOG_AS(function, LOG_ERR, "Cannot create kavix Directory");
     return false;
   }
   if (!PLRCreateFile(vnet, PLR_FILE_DHCP_DIR, nullptr)) {
-    PLOG_AS(kWriter, LOG_ERR, "Cannot create DHCP Directory");
+    PLOG_AS(function, LOG_ERR, "Cannot create DHCP Directory");
     return false;
   }
   if (!PLRCreateFile(vnet, PLR_FILE_DHCP_CONF, nullptr)) {
-    PLOG_AS(kWriter, LOG_ERR, "Cannot create DHCP config file");
+    PLOG_AS(function, LOG_ERR, "Cannot create DHCP config file");
     return false;
   }
   return true;
@@ -350,28 +345,28 @@ extern "C" {
 // file in dhcpd.conf.bak, the block's hash in DHCP_CFG_HASH, and the leases
 // file created.
 PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   char path[PLR_PATH_SIZE];
   if (!PLRGetFileName(vnet, PLR_FILE_DHCP_CONF, path, sizeof path)) {
     PLOG(LOG_ERR, "Cannot get the DHCP config file name");
-    return false;
+    return trace.Exit(false);
   }
 
   std::string old;
   plr::DhcpBlockPos keep;
   bool created = false;
   if (plr::ReadWholeFile(path, &old)) {
-    keep = plr::CheckOldBlock(vnet, old);
-    if (!plr::BackUpDhcpConfig(vnet, path)) return false;
+    keep = plr::CheckOldBlock(__func__, vnet, old);
+    if (!plr::BackUpDhcpConfig(__func__, vnet, path)) return trace.Exit(false);
   } else if (errno == ENOENT) {
     PLOG(LOG_INFO, "DHCP Config %s does not exist yet, Creating new", path);
-    if (!plr::CreateDhcpFiles(vnet)) return false;
+    if (!plr::CreateDhcpFiles(__func__, vnet)) return trace.Exit(false);
     created = true;
   } else {
     // An unreadable file is never overwritten: its text could not be saved.
     PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
          strerror(errno));
-    return false;
+    return trace.Exit(false);
   }
   // Undo: a file this call created does not outlive its failure.
   plr::ScopeExit removeCreated([&] {
@@ -389,12 +384,12 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     plr::AppendHeader(text, vnet);
   }
   size_t blockStart = text.size();
-  if (!plr::AppendBlock(text, vnet)) return false;
+  if (!plr::AppendBlock(__func__, text, vnet)) return trace.Exit(false);
   std::string hash = plr::PLRCalculateHashStrForBlock(text, static_cast<long>(blockStart),
                                                       static_cast<long>(text.size()));
   if (hash.empty()) {
     PLOG(LOG_ERR, "Hash for DHCP config block could not be calculated");
-    return false;
+    return trace.Exit(false);
   }
   if (keep.end != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%li-%d", keep.end, static_cast<int>(old.size()));
@@ -404,26 +399,26 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   if (!plr::ReplaceFileAtomically(path, text, 0644)) {
     PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
          strerror(errno));
-    return false;
+    return trace.Exit(false);
   }
   if (!PLRSetVnetCfg(vnet, plr::kDhcpCfgHashKey, hash.c_str())) {
     PLOG(LOG_ERR, "Could not set DHCP config hash in vnet config");
-    return false;
+    return trace.Exit(false);
   }
   PLOG(LOG_INFO, "Hash of DHCP config block set in vnet config");
   if (!PLRCreateFile(vnet, PLR_FILE_DHCP_LEASES, nullptr)) {
     PLOG(LOG_ERR, "Cannot create DHCP leases file");
-    return false;
+    return trace.Exit(false);
   }
   removeCreated.dismiss();
-  return true;
+  return trace.Exit(true);
 }
 
 // Brings the DHCP files in line with the vnet's DHCP setting: written when
 // DHCP is on, every trace removed when it is off.
 PLR_EXPORT bool PLRDHCPUpdateFromConfig(uint32_t vnet) {
-  PLR_TRACE_FUNCTION();
-  if (PLRGetVnetUseDHCP(vnet)) return PLRDHCPWriteDHCPCfg(vnet);
+  plr::FunctionTrace trace(__func__);
+  if (PLRGetVnetUseDHCP(vnet)) return trace.Exit(PLRDHCPWriteDHCPCfg(vnet));
   PLRRemoveFile(vnet, PLR_FILE_DHCP_CONF_BAK, nullptr);
   PLRRemoveFile(vnet, PLR_FILE_DHCP_LEASES_OLD, nullptr);
   bool confRemoved = PLRRemoveFile(vnet, PLR_FILE_DHCP_CONF, nullptr);
@@ -433,10 +428,10 @@ PLR_EXPORT bool PLRDHCPUpdateFromConfig(uint32_t vnet) {
   PLRRemoveFile(vnet, PLR_FILE_VNET_DIR, nullptr);
   if (confRemoved && leasesRemoved) {
     PLOG(LOG_INFO, "Removed all traces of DHCP configuration for vnet: %d", static_cast<int>(vnet));
-    return true;
+    return trace.Exit(true);
   }
   PLOG(LOG_ERR, "Removing DHCP configuration files failed");
-  return false;
+  return trace.Exit(false);
 }
 
 }  // extern "C"

@@ -66,21 +66,12 @@ namespace {
 constexpr size_t kMaxDomainNameLength = 63;
 constexpr size_t kAddressTextSize = 16;
 
-// Display name of `id` for log lines; identifiers outside the table have none.
-const char* DhcpParamName(uint32_t id) {
-  uint32_t index = id - PLR_DHCP_PARAM_BASE;
-  if (id < PLR_DHCP_PARAM_BASE || index >= PLR_DHCP_PARAM_TABLE_SIZE) {
-    return "Invalid DHCP Parameter";
-  }
-  return PLRDHCPParamIDToName[index];
-}
-
-// Answer key of `id`, or nullptr outside the table.
-const char* DhcpParamKey(uint32_t id) {
-  uint32_t index = id - PLR_DHCP_PARAM_BASE;
-  if (id < PLR_DHCP_PARAM_BASE || index >= PLR_DHCP_PARAM_TABLE_SIZE) return nullptr;
-  return PLRDHCPParamIDToConfigOption[index];
-}
+const ParamTable kDhcpTable = {"DHCP",
+                               PLR_DHCP_PARAM_BASE,
+                               PLR_DHCP_PARAM_TABLE_SIZE,
+                               PLRDHCPParamIDToConfigOption,
+                               PLRDHCPParamIDToName,
+                               "Invalid DHCP Parameter"};
 
 // The identifiers a caller may set or ask a default for: the named rows.
 bool IsSettableDhcpParam(uint32_t id) {
@@ -102,20 +93,18 @@ bool IsTimeParam(uint32_t id) {
 }
 
 // Checks `value` against the rules of parameter `id`; logs the rejection
-// under the setter's name.
-bool ValidateDhcpValue(uint32_t id, const char* value) {
-  const char* name = DhcpParamName(id);
+// under `function`.
+bool ValidateDhcpValue(const char* function, uint32_t id, const char* value) {
+  const char* name = ParamName(kDhcpTable, id);
   if (IsAddressParam(id)) {
     size_t length = strlen(value);
     if (length >= kAddressTextSize) {
-      PLOG_AS("PLRDHCPSetParameter", LOG_ERR,
-              "Invalid value length: %u, value: %s for parameter: %s",
+      PLOG_AS(function, LOG_ERR, "Invalid value length: %u, value: %s for parameter: %s",
               static_cast<unsigned>(length), value, name);
       return false;
     }
     if (!PLRIsValidIP(value)) {
-      PLOG_AS("PLRDHCPSetParameter", LOG_ERR, "Invalid IP address: %s for parameter: %s", value,
-              name);
+      PLOG_AS(function, LOG_ERR, "Invalid IP address: %s for parameter: %s", value, name);
       return false;
     }
     return true;
@@ -123,14 +112,14 @@ bool ValidateDhcpValue(uint32_t id, const char* value) {
   if (IsTimeParam(id)) {
     int32_t seconds = 0;
     if (!StrToInt32(value, &seconds) || seconds < 0) {
-      PLOG_AS("PLRDHCPSetParameter", LOG_ERR, "Invalid argument for time");
+      PLOG_AS(function, LOG_ERR, "Invalid argument for time");
       return false;
     }
     return true;
   }
   size_t length = strlen(value);  // the domain name
   if (length > kMaxDomainNameLength) {
-    PLOG_AS("PLRDHCPSetParameter", LOG_ERR, "Invalid value length: %u, value: %s for parameter: %s",
+    PLOG_AS(function, LOG_ERR, "Invalid value length: %u, value: %s for parameter: %s",
             static_cast<unsigned>(length), value, name);
     return false;
   }
@@ -138,11 +127,11 @@ bool ValidateDhcpValue(uint32_t id, const char* value) {
 }
 
 // Copies `text` into the caller's buffer when it fits with its terminator.
-bool CopyDefault(const std::string& text, uint32_t id, char* buffer, size_t bufferSize) {
+bool CopyDefault(const char* function, const std::string& text, uint32_t id, char* buffer,
+                 size_t bufferSize) {
   if (text.size() + 1 > bufferSize) {
-    PLOG_AS("PLRDHCPGetParameterDefault", LOG_ERR,
-            "Insufficient buffer size: %zu for DHCP parameter: %s required: %zu", bufferSize,
-            DhcpParamName(id), text.size() + 1);
+    PLOG_AS(function, LOG_ERR, "Insufficient buffer size: %zu for DHCP parameter: %s required: %zu",
+            bufferSize, ParamName(kDhcpTable, id), text.size() + 1);
     return false;
   }
   memcpy(buffer, text.c_str(), text.size() + 1);
@@ -151,22 +140,22 @@ bool CopyDefault(const std::string& text, uint32_t id, char* buffer, size_t buff
 
 // The address defaults, computed from the vnet's subnet: the upper half of
 // the subnet is leased, the gateway and name services sit at the bottom.
-bool ComputeAddressDefault(uint32_t vnet, uint32_t id, std::string* out) {
+bool ComputeAddressDefault(const char* function, uint32_t vnet, uint32_t id, std::string* out) {
   char subnet[kAddressTextSize];
   char mask[kAddressTextSize];
   uint32_t address = 0;
   uint32_t netmask = 0;
   if (!PLRGetVnetSubnetAddr(vnet, subnet, sizeof subnet) || !PLRIPStr2Int(subnet, &address)) {
-    PLOG_AS("PLRDHCPGetParameterDefault", LOG_ERR, "Cannot obtain subnet address");
+    PLOG_AS(function, LOG_ERR, "Cannot obtain subnet address");
     return false;
   }
   if (!PLRGetVnetSubnetMask(vnet, mask, sizeof mask) || !PLRIPStr2Int(mask, &netmask)) {
-    PLOG_AS("PLRDHCPGetParameterDefault", LOG_ERR, "Cannot obtain subnet netmask");
+    PLOG_AS(function, LOG_ERR, "Cannot obtain subnet netmask");
     return false;
   }
   if (netmask > 0xFFFFFFF8u) {
-    PLOG_AS("PLRDHCPGetParameterDefault", LOG_ERR,
-            "The subnet: %s, mask: %s is too small, we need atleast 8 hosts", subnet, mask);
+    PLOG_AS(function, LOG_ERR, "The subnet: %s, mask: %s is too small, we need atleast 8 hosts",
+            subnet, mask);
     return false;
   }
   uint32_t net = address & netmask;
@@ -243,121 +232,110 @@ PLR_EXPORT uint32_t PLRDHCPMapIntParamID(uint32_t externalId) {
 // Validates `value` for parameter `id` and stores it unchanged as the vnet's
 // answer; a NULL value removes the parameter.
 PLR_EXPORT bool PLRDHCPSetParameter(uint32_t vnet, uint32_t paramId, const char* value) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   if (!plr::IsSettableDhcpParam(paramId)) {
     PLOG(LOG_ERR, "Invalid DHCP Param Name %d", static_cast<int>(paramId));
-    return false;
+    return trace.Exit(false);
   }
-  if (value == nullptr) return PLRDHCPRemoveParameter(vnet, paramId);
-  if (!plr::ValidateDhcpValue(paramId, value)) return false;
-  const char* name = plr::DhcpParamName(paramId);
-  if (!PLRSetVnetCfg(vnet, plr::DhcpParamKey(paramId), value)) {
-    PLOG(LOG_ERR, "Setting value of DHCP parameter: %s failed for vnet: %d", name,
-         static_cast<int>(vnet));
-    return false;
-  }
-  PLOG(LOG_INFO2, "Successfully set value of DHCP parameter: %s to value: %s for vnet: %d", name,
-       value, static_cast<int>(vnet));
-  return true;
+  if (value == nullptr) return trace.Exit(PLRDHCPRemoveParameter(vnet, paramId));
+  return trace.Exit(plr::ValidateDhcpValue(__func__, paramId, value) &&
+                    plr::StoreParam(__func__, plr::kDhcpTable, vnet, paramId, value));
 }
 
 // Copies the stored value of `id` into `buffer`; when none is stored and
 // `useDefault` is set, the computed default instead.
 PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
                                     size_t bufferSize) {
-  PLR_TRACE_FUNCTION();
-  const char* name = plr::DhcpParamName(paramId);
+  plr::FunctionTrace trace(__func__);
+  const char* name = plr::ParamName(plr::kDhcpTable, paramId);
   const char* value = nullptr;
   if (paramId > PLR_DHCP_PARAM_BASE && paramId <= PLR_DHCP_PARAM_UNMAPPED) {
-    value = PLRGetVnetCfg(vnet, plr::DhcpParamKey(paramId));
+    value = PLRGetVnetCfg(vnet, plr::ParamKey(plr::kDhcpTable, paramId));
   }
   if (value != nullptr) {
     size_t required = strlen(value) + 1;
     if (required > bufferSize) {
       PLOG(LOG_ERR, "Insufficient space %zu to store value of DHCP parameter: %s, required: %zu",
            bufferSize, name, required);
-      return false;
+      return trace.Exit(false);
     }
     memcpy(buffer, value, required);
     PLOG(LOG_INFO2, "Value of DHCP parameter: %s is: %s for vnet: %d", name, buffer,
          static_cast<int>(vnet));
-    return true;
+    return trace.Exit(true);
   }
   PLOG(LOG_ERR, "Value for DHCP parameter: %s not found in configuration for vnet: %d", name,
        static_cast<int>(vnet));
-  if (!useDefault) return false;
+  if (!useDefault) return trace.Exit(false);
   PLOG(LOG_INFO2, "Reverting to getting default value");
   if (!PLRDHCPGetParameterDefault(vnet, paramId, buffer, bufferSize)) {
     PLOG(LOG_ERR, "Failure in getting default value of parameter");
-    return false;
+    return trace.Exit(false);
   }
-  return true;
+  return trace.Exit(true);
 }
 
 // The value a parameter has when the vnet stores none.
 PLR_EXPORT bool PLRDHCPGetParameterDefault(uint32_t vnet, uint32_t paramId, char* buffer,
                                            size_t bufferSize) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   if (!plr::IsSettableDhcpParam(paramId)) {
     PLOG(LOG_ERR, "Invalid DHCP Param Name %d", static_cast<int>(paramId));
-    return false;
+    return trace.Exit(false);
   }
   std::string text;
   if (plr::IsAddressParam(paramId)) {
-    if (!plr::ComputeAddressDefault(vnet, paramId, &text)) return false;
-    if (!plr::CopyDefault(text, paramId, buffer, bufferSize)) return false;
+    if (!plr::ComputeAddressDefault(__func__, vnet, paramId, &text) ||
+        !plr::CopyDefault(__func__, text, paramId, buffer, bufferSize))
+      return trace.Exit(false);
   } else if (plr::IsTimeParam(paramId)) {
     bool isDefault = paramId == PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC ||
                      paramId == PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC;
     text = isDefault ? "1800" : "7200";
     // A short buffer is reported but not a failure; callers have always
     // relied on this and pass at least 10 bytes themselves.
-    if (!plr::CopyDefault(text, paramId, buffer, bufferSize)) return true;
+    if (!plr::CopyDefault(__func__, text, paramId, buffer, bufferSize)) return trace.Exit(true);
   } else {
     text = "localdomain";
-    if (!plr::CopyDefault(text, paramId, buffer, bufferSize)) return false;
+    if (!plr::CopyDefault(__func__, text, paramId, buffer, bufferSize)) return trace.Exit(false);
   }
   PLOG(LOG_INFO2, "Default value of DHCP parameter: %s is: %s for vnet: %d",
-       plr::DhcpParamName(paramId), buffer, static_cast<int>(vnet));
-  return true;
+       plr::ParamName(plr::kDhcpTable, paramId), buffer, static_cast<int>(vnet));
+  return trace.Exit(true);
 }
 
 // Removes the vnet's stored value of `id`, so that its default applies again.
 PLR_EXPORT bool PLRDHCPRemoveParameter(uint32_t vnet, uint32_t paramId) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   if (paramId <= PLR_DHCP_PARAM_BASE || paramId > PLR_DHCP_PARAM_UNMAPPED) {
     PLOG(LOG_ERR, "Invalid DHCP parameter: %u", paramId);
-    return false;
+    return trace.Exit(false);
   }
-  const char* name = plr::DhcpParamName(paramId);
-  if (!PLRRemoveVnetCfg(vnet, plr::DhcpParamKey(paramId))) {
+  const char* name = plr::ParamName(plr::kDhcpTable, paramId);
+  if (!PLRRemoveVnetCfg(vnet, plr::ParamKey(plr::kDhcpTable, paramId))) {
     PLOG(LOG_ERR, "Removing value of DHCP parameter: %s failed for vnet: %d", name,
          static_cast<int>(vnet));
-    return false;
+    return trace.Exit(false);
   }
   PLOG(LOG_INFO2, "Removed value of DHCP parameter: %s for vnet: %d", name, static_cast<int>(vnet));
-  return true;
+  return trace.Exit(true);
 }
 
 // Forgets every DHCP setting of the vnet: parameters, block hash and static
 // mappings. Goes on after a failure; fails if any parameter stayed.
 PLR_EXPORT bool PLRDHCPRemoveDHCPConfig(uint32_t vnet) {
-  PLR_TRACE_FUNCTION();
-  struct Step {
-    uint32_t id;
-    const char* failure;
-  };
-  static constexpr Step kBefore[] = {
+  plr::FunctionTrace trace(__func__);
+  static constexpr plr::ParamRemoval kBefore[] = {
       {PLR_DHCP_PARAM_LEASE_BEGIN_IP, "Failure in deleting DHCP parameter Lease Start IP"},
       {PLR_DHCP_PARAM_LEASE_END_IP, "Failure in deleting DHCP parameter lease end IP"},
       {PLR_DHCP_PARAM_BROADCAST_ADDR, "Failure in deleting DHCP parameter broadcast address"},
       {PLR_DHCP_PARAM_DNS_ADDR, "Failure in deleting DHCP parameter DNS address"},
   };
-  static constexpr Step kNatOnly[] = {
+  static constexpr plr::ParamRemoval kNatOnly[] = {
       {PLR_DHCP_PARAM_NETBIOS, "Failure in deleting DHCP parameter netbios"},
       {PLR_DHCP_PARAM_ROUTERS, "Failure in deleting DHCP parameter routers"},
   };
-  static constexpr Step kAfter[] = {
+  static constexpr plr::ParamRemoval kAfter[] = {
       {PLR_DHCP_PARAM_DOMAIN_NAME, "Failure in deleting DHCP parameter domain name"},
       {PLR_DHCP_PARAM_DEFAULT_LEASE_DURATION_SEC,
        "Failure in deleting DHCP parameter default lease time"},
@@ -367,51 +345,43 @@ PLR_EXPORT bool PLRDHCPRemoveDHCPConfig(uint32_t vnet) {
       {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC,
        "Failure in deleting DHCP subnet parameter max lease time"},
   };
-  bool ok = true;
-  auto run = [&](const auto& steps) {
-    for (const Step& step : steps) {
-      if (!PLRDHCPRemoveParameter(vnet, step.id)) {
-        PLOG_AS("PLRDHCPRemoveDHCPConfig", LOG_ERR, "%s", step.failure);
-        ok = false;
-      }
-    }
-  };
-  run(kBefore);
-  if (PLRGetVnetUseNAT(vnet)) run(kNatOnly);
-  run(kAfter);
+  bool ok = plr::RemoveParams(__func__, vnet, kBefore, PLRDHCPRemoveParameter);
+  if (PLRGetVnetUseNAT(vnet))
+    ok = plr::RemoveParams(__func__, vnet, kNatOnly, PLRDHCPRemoveParameter) && ok;
+  ok = plr::RemoveParams(__func__, vnet, kAfter, PLRDHCPRemoveParameter) && ok;
   PLRRemoveVnetCfg(vnet, plr::kDhcpCfgHashKey);
   PLRNetCfgRemoveAllDHCPMACToIPMapping(nullptr, vnet, true);
-  return ok;
+  return trace.Exit(ok);
 }
 
 // The IP statically mapped to `mac` on the vnet.
 PLR_EXPORT bool PLRDHCPGetIPToMAC(uint32_t vnet, char* ipBuffer, size_t ipBufferSize,
                                   const char* mac) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   if (!PLRNetCfgLookupDHCPMACToIP(nullptr, vnet, mac, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Failure while getting the value of DHCP IP to MAC in vnet config");
-    return false;
+    return trace.Exit(false);
   }
-  return true;
+  return trace.Exit(true);
 }
 
 // Maps `mac` to `ip` on the vnet; a NULL ip removes the MAC's mapping.
 PLR_EXPORT bool PLRDHCPSetIPToMAC(uint32_t vnet, const char* ip, const char* mac) {
-  PLR_TRACE_FUNCTION();
-  if (ip == nullptr) return PLRNetCfgRemoveDHCPMACToIP(nullptr, vnet, mac);
+  plr::FunctionTrace trace(__func__);
+  if (ip == nullptr) return trace.Exit(PLRNetCfgRemoveDHCPMACToIP(nullptr, vnet, mac));
   if (!PLRIsValidIP(ip)) {
     PLOG(LOG_ERR, "IP address: %s is not valid", ip);
-    return false;
+    return trace.Exit(false);
   }
-  return PLRNetCfgAddDHCPMACToIP(nullptr, vnet, mac, ip, false);
+  return trace.Exit(PLRNetCfgAddDHCPMACToIP(nullptr, vnet, mac, ip, false));
 }
 
 // The mapping at `*enumOffset`, which moves on by one on success.
 PLR_EXPORT bool PLRDHCPEnumIPToMAC(uint32_t vnet, uint32_t* enumOffset, char* ipBuffer,
                                    size_t ipBufferSize, char* macBuffer, size_t macBufferSize) {
-  PLR_TRACE_FUNCTION();
-  return PLRNetCfgEnumDHCPMACToIP(nullptr, vnet, enumOffset, macBuffer, macBufferSize, ipBuffer,
-                                  ipBufferSize);
+  plr::FunctionTrace trace(__func__);
+  return trace.Exit(PLRNetCfgEnumDHCPMACToIP(nullptr, vnet, enumOffset, macBuffer, macBufferSize,
+                                             ipBuffer, ipBufferSize));
 }
 
 }  // extern "C"

@@ -109,15 +109,14 @@ bool BuildPath(const char* function, uint32_t vnet, uint32_t type, const char* c
 
 // Creates a regular file (mode 0644) unless it exists, leaving its contents
 // alone: no O_EXCL and no truncation.
-bool CreateRegularFile(const char* path) {
+bool CreateRegularFile(const char* function, const char* path) {
   UniqueFd fd(sys::open(path, O_RDONLY | O_CREAT | O_CLOEXEC, kFileMode));
   if (fd) {
-    PLOG_AS("PLRCreateFile", LOG_INFO2, "File: %s created", path);
+    PLOG_AS(function, LOG_INFO2, "File: %s created", path);
   } else if (errno == EEXIST) {
-    PLOG_AS("PLRCreateFile", LOG_WRN, "File: %s already exists", path);
+    PLOG_AS(function, LOG_WRN, "File: %s already exists", path);
   } else {
-    PLOG_AS("PLRCreateFile", LOG_ERR, "Cannot create File: %s because of: %s", path,
-            strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Cannot create File: %s because of: %s", path, strerror(errno));
     return false;
   }
   return true;
@@ -125,38 +124,37 @@ bool CreateRegularFile(const char* path) {
 
 // Creates the kavix character device of a vnet (major 119, minor = vnet); an
 // existing node is fine and not worth a line.
-bool CreateDeviceNode(const char* path, uint32_t vnet) {
+bool CreateDeviceNode(const char* function, const char* path, uint32_t vnet) {
   if (sys::mknod(path, kDeviceMode, makedev(PLR_KAVIX_DEVICE_MAJOR, vnet)) != 0 &&
       errno != EEXIST) {
-    PLOG_AS("PLRCreateFile", LOG_ERR, "Creating kavix device failed, error: %s", strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Creating kavix device failed, error: %s", strerror(errno));
     return false;
   }
   return true;
 }
 
 // Creates a directory (mode 0755); an existing one is only a warning.
-bool CreateDirectory(const char* path) {
+bool CreateDirectory(const char* function, const char* path) {
   if (sys::mkdir(path, kDirMode) == 0) {
-    PLOG_AS("PLRCreateFile", LOG_INFO2, "Directory: %s created", path);
+    PLOG_AS(function, LOG_INFO2, "Directory: %s created", path);
   } else if (errno == EEXIST) {
-    PLOG_AS("PLRCreateFile", LOG_WRN, "Directory: %s already exists", path);
+    PLOG_AS(function, LOG_WRN, "Directory: %s already exists", path);
   } else {
-    PLOG_AS("PLRCreateFile", LOG_ERR, "Cannot create Directory: %s because of: %s", path,
-            strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Cannot create Directory: %s because of: %s", path, strerror(errno));
     return false;
   }
   return true;
 }
 
 // Creates what `kind` names at `path`; logs its own failure.
-bool CreateKind(Kind kind, const char* path, uint32_t vnet) {
+bool CreateKind(const char* function, Kind kind, const char* path, uint32_t vnet) {
   switch (kind) {
     case Kind::kRegular:
-      return CreateRegularFile(path);
+      return CreateRegularFile(function, path);
     case Kind::kDevice:
-      return CreateDeviceNode(path, vnet);
+      return CreateDeviceNode(function, path, vnet);
     case Kind::kDirectory:
-      return CreateDirectory(path);
+      return CreateDirectory(function, path);
     default:
       return false;
   }
@@ -174,14 +172,13 @@ bool RecordCreation(Kind kind, const char* path) {
 }
 
 // Unlinks a file or device node; a missing one counts as removed.
-bool RemovePlainFile(const char* path) {
+bool RemovePlainFile(const char* function, const char* path) {
   if (sys::unlink(path) == 0) {
-    PLOG_AS("PLRRemoveFile", LOG_INFO2, "File: %s deleted", path);
+    PLOG_AS(function, LOG_INFO2, "File: %s deleted", path);
   } else if (errno == ENOENT) {
-    PLOG_AS("PLRRemoveFile", LOG_INFO, "File %s does not exist", path);
+    PLOG_AS(function, LOG_INFO, "File %s does not exist", path);
   } else {
-    PLOG_AS("PLRRemoveFile", LOG_ERR, "Cannot delete File: %s because of: %s", path,
-            strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Cannot delete File: %s because of: %s", path, strerror(errno));
     return false;
   }
   return PLRRecordFileDeletion(path);
@@ -189,14 +186,13 @@ bool RemovePlainFile(const char* path) {
 
 // Removes an empty directory; a missing one counts as removed, one that
 // still holds files is an error.
-bool RemoveDirectory(const char* path) {
+bool RemoveDirectory(const char* function, const char* path) {
   if (sys::rmdir(path) == 0) {
-    PLOG_AS("PLRRemoveFile", LOG_INFO2, "Directory: %s deleted", path);
+    PLOG_AS(function, LOG_INFO2, "Directory: %s deleted", path);
   } else if (errno == ENOENT) {
-    PLOG_AS("PLRRemoveFile", LOG_INFO, "Directory %s does not exist", path);
+    PLOG_AS(function, LOG_INFO, "Directory %s does not exist", path);
   } else {
-    PLOG_AS("PLRRemoveFile", LOG_ERR, "Cannot delete Directory: %s because of: %s", path,
-            strerror(errno));
+    PLOG_AS(function, LOG_ERR, "Cannot delete Directory: %s because of: %s", path, strerror(errno));
     return false;
   }
   return PLRRecordDirectoryDeletion(path);
@@ -259,7 +255,7 @@ bool PLRCreateFile(uint32_t vnet, uint32_t type, const char* customName) {
 
   mode_t oldMask = umask(plr::kCreateUmask);
   plr::ScopeExit restoreUmask([oldMask] { umask(oldMask); });
-  if (plr::CreateKind(rule->create, path, vnet)) {
+  if (plr::CreateKind(__func__, rule->create, path, vnet)) {
     if (plr::RecordCreation(rule->create, path)) return true;
     PLOG(LOG_ERR, "Error adding configuration record for creation of file: %s", path);
   }
@@ -278,8 +274,8 @@ bool PLRRemoveFile(uint32_t vnet, uint32_t type, const char* customName) {
   }
   char path[PLR_PATH_SIZE];
   if (!plr::BuildPath(__func__, vnet, type, customName, path, sizeof path)) return false;
-  return rule->exists == plr::Kind::kDirectory ? plr::RemoveDirectory(path)
-                                               : plr::RemovePlainFile(path);
+  return rule->exists == plr::Kind::kDirectory ? plr::RemoveDirectory(__func__, path)
+                                               : plr::RemovePlainFile(__func__, path);
 }
 
 // True when the thing of a code exists and is of the code's kind; absence is

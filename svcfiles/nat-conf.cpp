@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <string>
+#include <string_view>
 
 #include "base/fd-util.h"
 #include "base/fs-util.h"
@@ -87,7 +88,6 @@ const char PLRNATConfigFilePortForwardParam[] = "%u = %s:%u%s%s\n";
 namespace plr {
 namespace {
 
-constexpr const char* kUpdater = "PLRNATUpdateFromConfig";
 constexpr size_t kAddrSize = 16;
 constexpr size_t kFlagSize = 10;
 constexpr size_t kPrefixSize = 46;
@@ -106,26 +106,14 @@ struct NatValues {
   char udpTimeout[kFlagSize] = "";
 };
 
-bool GetNatParam(uint32_t vnet, uint32_t id, char* buffer, size_t size) {
-  return PLRNATGetParameter(vnet, id, true, buffer, size);
-}
-
 // Reads every value first, so that a missing one fails before any file is
 // touched.
-bool ReadNatValues(uint32_t vnet, NatValues* v) {
-  if (!GetNatParam(vnet, PLR_NAT_PARAM_GATEWAY_IP, v->gateway, sizeof v->gateway) ||
-      !GetNatParam(vnet, PLR_NAT_PARAM_NAT6, v->nat6, sizeof v->nat6) ||
-      !GetNatParam(vnet, PLR_NAT_PARAM_NAT6_PREFIX, v->nat6Prefix, sizeof v->nat6Prefix)) {
-    PLOG_AS(kUpdater, LOG_ERR, "Failure in looking up NAT gateway address");
-    return false;
-  }
-  struct Lookup {
-    uint32_t id;
-    char* buffer;
-    size_t size;
-    const char* failure;
-  };
-  const Lookup lookups[] = {
+bool ReadNatValues(const char* function, uint32_t vnet, NatValues* v) {
+  constexpr const char* kGatewayFailure = "Failure in looking up NAT gateway address";
+  const ParamLookup lookups[] = {
+      {PLR_NAT_PARAM_GATEWAY_IP, v->gateway, sizeof v->gateway, kGatewayFailure},
+      {PLR_NAT_PARAM_NAT6, v->nat6, sizeof v->nat6, kGatewayFailure},
+      {PLR_NAT_PARAM_NAT6_PREFIX, v->nat6Prefix, sizeof v->nat6Prefix, kGatewayFailure},
       {PLR_NAT_PARAM_GATEWAY_NETMASK, v->netmask, sizeof v->netmask,
        "Failure in looking up NAT netmask"},
       {PLR_NAT_PARAM_DEVICE, v->device, sizeof v->device, "Failure in looking up NAT device"},
@@ -136,22 +124,17 @@ bool ReadNatValues(uint32_t vnet, NatValues* v) {
       {PLR_NAT_PARAM_UDP_TIMEOUT, v->udpTimeout, sizeof v->udpTimeout,
        "Failure in looking up value of timeout"},
   };
-  for (const Lookup& lookup : lookups) {
-    if (!GetNatParam(vnet, lookup.id, lookup.buffer, lookup.size)) {
-      PLOG_AS(kUpdater, LOG_ERR, "%s", lookup.failure);
-      return false;
-    }
-  }
-  return true;
+  return GetParams(function, vnet, lookups, PLRNATGetParameter);
 }
 
-// printf with one of the exported template formats.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-std::string FormatTemplate(const char* format, const char* value) {
-  return StrPrintf(format, value);
+// Appends an exported "<key> = %s\n" template with `value` in place of its
+// one conversion (the templates hold no other).
+void AppendTemplate(std::string& out, std::string_view format, const char* value) {
+  size_t at = format.find("%s");
+  out.append(format.substr(0, at));
+  out += value;
+  out.append(format.substr(at + 2));
 }
-#pragma GCC diagnostic pop
 
 // The forwards of one protocol, one line each. Descriptions stay in the
 // database: the line's two trailing fields are always empty.
@@ -177,24 +160,24 @@ std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
   out += PLRNATConfigFileHeader;
   out += PLRNATConfigFileHostSectionHeader;
   out += PLRNATConfigFileIPDesc;
-  out += FormatTemplate(PLRNATConfigFileIPParam, v.gateway);
-  out += FormatTemplate(PLRNATConfigFileNetmaskParam, v.netmask);
+  AppendTemplate(out, PLRNATConfigFileIPParam, v.gateway);
+  AppendTemplate(out, PLRNATConfigFileNetmaskParam, v.netmask);
   out += PLRNATConfigFileDeviceDesc;
-  out += FormatTemplate(PLRNATConfigFileDeviceParam, v.device);
+  AppendTemplate(out, PLRNATConfigFileDeviceParam, v.device);
   out += PLRNATConfigFileActiveFTPDesc;
-  out += FormatTemplate(PLRNATConfigFileActiveFTPParam, v.activeFtp);
+  AppendTemplate(out, PLRNATConfigFileActiveFTPParam, v.activeFtp);
   out += PLRNATConfigFileAllowAnyOUIDesc;
-  out += FormatTemplate(PLRNATConfigFileAllowAnyOUIParam, v.allowAnyOui);
+  AppendTemplate(out, PLRNATConfigFileAllowAnyOUIParam, v.allowAnyOui);
   out += PLRNATConfigHostDefaultOptions;
   out += PLRNATConfigFileNat6Desc;
-  out += FormatTemplate(PLRNATConfigFileNat6Param, v.nat6);
+  AppendTemplate(out, PLRNATConfigFileNat6Param, v.nat6);
   out += PLRNATConfigFileNat6PrefixDesc;
-  out += FormatTemplate(PLRNATConfigFileNat6PrefixParam, v.nat6Prefix);
+  AppendTemplate(out, PLRNATConfigFileNat6PrefixParam, v.nat6Prefix);
   out += PLRNATConfigFileTCPSectionHeader;
   out += PLRNATConfigFileTCPDefaultOptions;
   out += PLRNATConfigFileUDPSectionHeader;
   out += PLRNATConfigFileUDPTimeoutDesc;
-  out += FormatTemplate(PLRNATConfigFileUDPTimeoutParam, v.udpTimeout);
+  AppendTemplate(out, PLRNATConfigFileUDPTimeoutParam, v.udpTimeout);
   out += PLRNATConfigFileNetbiosSectionHeader;
   out += PLRNATConfigNetbiosDefaultOptions;
   // The two port-forward sections, TCP first.
@@ -209,28 +192,28 @@ std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
 }
 
 // Copies the existing nat.conf to nat.conf.bak.
-bool BackUpNatConfig(uint32_t vnet, const char* path) {
+bool BackUpNatConfig(const char* function, uint32_t vnet, const char* path) {
   char backup[PLR_PATH_SIZE];
   if (!PLRGetFileName(vnet, PLR_FILE_NAT_CONF_BAK, backup, sizeof backup)) {
-    PLOG_AS(kUpdater, LOG_ERR, "Cannot get the NAT config backup file name");
+    PLOG_AS(function, LOG_ERR, "Cannot get the NAT config backup file name");
     return false;
   }
   if (!PLRCopyFile(path, backup)) {
-    PLOG_AS(kUpdater, LOG_ERR, "Failed to backup NAT file");
+    PLOG_AS(function, LOG_ERR, "Failed to backup NAT file");
     return false;
   }
   return true;
 }
 
 // Removes every NAT file of a vnet that does not use NAT.
-bool RemoveNatFiles(uint32_t vnet) {
+bool RemoveNatFiles(const char* function, uint32_t vnet) {
   PLRRemoveFile(vnet, PLR_FILE_NAT_CONF, nullptr);
   bool macRemoved = PLRRemoveFile(vnet, PLR_FILE_NAT_MAC, nullptr);
   bool backupRemoved = PLRRemoveFile(vnet, PLR_FILE_NAT_CONF_BAK, nullptr);
   PLRRemoveFile(vnet, PLR_FILE_NAT_DIR, nullptr);
   PLRRemoveFile(vnet, PLR_FILE_VNET_DIR, nullptr);
   if (macRemoved && backupRemoved) return true;
-  PLOG_AS(kUpdater, LOG_ERR, "Removing NAT configuration files failed");
+  PLOG_AS(function, LOG_ERR, "Removing NAT configuration files failed");
   return false;
 }
 
@@ -244,20 +227,20 @@ extern "C" {
 // Rewrites the vnet's nat.conf from the database (or removes the NAT files
 // when the vnet does not use NAT). The old file is kept as nat.conf.bak.
 PLR_EXPORT bool PLRNATUpdateFromConfig(uint32_t vnet) {
-  PLR_TRACE_FUNCTION();
-  if (!PLRGetVnetUseNAT(vnet)) return plr::RemoveNatFiles(vnet);
+  plr::FunctionTrace trace(__func__);
+  if (!PLRGetVnetUseNAT(vnet)) return trace.Exit(plr::RemoveNatFiles(__func__, vnet));
 
   plr::NatValues values;
-  if (!plr::ReadNatValues(vnet, &values)) return false;
+  if (!plr::ReadNatValues(__func__, vnet, &values)) return trace.Exit(false);
 
   char path[PLR_PATH_SIZE];
   if (!PLRGetFileName(vnet, PLR_FILE_NAT_CONF, path, sizeof path)) {
     PLOG(LOG_ERR, "Cannot get the NAT config file name");
-    return false;
+    return trace.Exit(false);
   }
   bool created = false;
   if (PLRFileExists(vnet, PLR_FILE_NAT_CONF, nullptr)) {
-    if (!plr::BackUpNatConfig(vnet, path)) return false;
+    if (!plr::BackUpNatConfig(__func__, vnet, path)) return trace.Exit(false);
   } else {
     created = true;
     if (!PLRCreateFile(vnet, PLR_FILE_VNET_DIR, nullptr) ||
@@ -277,9 +260,9 @@ PLR_EXPORT bool PLRNATUpdateFromConfig(uint32_t vnet) {
       PLRRemoveFile(vnet, PLR_FILE_NAT_CONF, nullptr);
       PLRRemoveFile(vnet, PLR_FILE_NAT_DIR, nullptr);
     }
-    return false;
+    return trace.Exit(false);
   }
-  return true;
+  return trace.Exit(true);
 }
 
 }  // extern "C"

@@ -5,7 +5,6 @@
 
 #include <string>
 
-#include "base/fd-util.h"
 #include "base/str-util.h"
 #include "core/log.h"
 #include "pelorus/core.h"
@@ -62,35 +61,33 @@ bool InNatTable(uint32_t id) {
   return id > PLR_NAT_PARAM_BASE && id < PLR_NAT_PARAM_BASE + PLR_NAT_PARAM_TABLE_SIZE;
 }
 
-const char* NatParamName(uint32_t id) {
-  return InNatTable(id) ? PLRNATParamIDToName[id - PLR_NAT_PARAM_BASE] : "";
-}
-
-const char* NatParamKey(uint32_t id) {
-  return InNatTable(id) ? PLRNATParamIDToConfigOption[id - PLR_NAT_PARAM_BASE] : "";
-}
+const ParamTable kNatTable = {"NAT",
+                              PLR_NAT_PARAM_BASE,
+                              PLR_NAT_PARAM_TABLE_SIZE,
+                              PLRNATParamIDToConfigOption,
+                              PLRNATParamIDToName,
+                              ""};
 
 bool IsZeroOrOne(const char* value) {
   return strcmp(value, "0") == 0 || strcmp(value, "1") == 0;
 }
 
-// Checks `value` against the rules of `id`. The rejection lines print the
-// parameter identifier where the vnet would be expected; tools match on it.
-bool ValidateNatValue(uint32_t id, const char* value) {
-  const char* name = NatParamName(id);
+// Checks `value` against the rules of `id`, logging a rejection under
+// `function`. The rejection lines print the parameter identifier where the
+// vnet would be expected; tools match on it.
+bool ValidateNatValue(const char* function, uint32_t id, const char* value) {
+  const char* name = ParamName(kNatTable, id);
   int32_t number = 0;
   switch (id) {
     case PLR_NAT_PARAM_GATEWAY_IP:
       if (PLRIsValidIP(value)) return true;
-      PLOG_AS("PLRNATSetParameter", LOG_ERR,
-              "Invalid IP address value: %s for NAT parameter: %s on vnet: %d", value, name,
-              static_cast<int>(id));
+      PLOG_AS(function, LOG_ERR, "Invalid IP address value: %s for NAT parameter: %s on vnet: %d",
+              value, name, static_cast<int>(id));
       return false;
     case PLR_NAT_PARAM_CONFIG_PORT:
       if (StrToInt32(value, &number) && number >= 1 && number <= 65535) return true;
-      PLOG_AS("PLRNATSetParameter", LOG_ERR,
-              "Invalid config port value: %s for NAT parameter: %s on vnet: %d ", value, name,
-              static_cast<int>(id));
+      PLOG_AS(function, LOG_ERR, "Invalid config port value: %s for NAT parameter: %s on vnet: %d ",
+              value, name, static_cast<int>(id));
       return false;
     case PLR_NAT_PARAM_ACTIVE_FTP:
     case PLR_NAT_PARAM_ALLOW_ANY_OUI:
@@ -103,8 +100,8 @@ bool ValidateNatValue(uint32_t id, const char* value) {
     default:  // the IPv6 prefix is taken as given
       return true;
   }
-  PLOG_AS("PLRNATSetParameter", LOG_ERR, "Invalid value: %s for NAT parameter: %s on vnet: %d",
-          value, name, static_cast<int>(id));
+  PLOG_AS(function, LOG_ERR, "Invalid value: %s for NAT parameter: %s on vnet: %d", value, name,
+          static_cast<int>(id));
   return false;
 }
 
@@ -124,20 +121,20 @@ bool IsSettableNatParam(uint32_t id) {
 }
 
 // The computed default of `id` for the vnet; false (logged) when it cannot
-// be formed, or for identifiers without a default.
-bool ComputeNatDefault(uint32_t vnet, uint32_t id, std::string* out) {
-  const char* fn = "PLRNATGetParamDefault";
+// be formed, or for identifiers without a default. Logs under `function`.
+bool ComputeNatDefault(const char* function, uint32_t vnet, uint32_t id, std::string* out) {
   switch (id) {
     case PLR_NAT_PARAM_GATEWAY_IP: {
       char subnet[kAddrSize];
       char gateway[kAddrSize];
       uint32_t address = 0;
       if (!PLRGetVnetSubnetAddr(vnet, subnet, sizeof subnet)) {
-        PLOG_AS(fn, LOG_ERR, "Could not get subnet address for vnet: %d", static_cast<int>(vnet));
+        PLOG_AS(function, LOG_ERR, "Could not get subnet address for vnet: %d",
+                static_cast<int>(vnet));
         return false;
       }
       if (!PLRIPStr2Int(subnet, &address) || !PLRIPInt2Str(address + 2, gateway)) {
-        PLOG_AS(fn, LOG_ERR, "Could not calculate NAT gateway address for vnet: %d",
+        PLOG_AS(function, LOG_ERR, "Could not calculate NAT gateway address for vnet: %d",
                 static_cast<int>(vnet));
         return false;
       }
@@ -147,7 +144,8 @@ bool ComputeNatDefault(uint32_t vnet, uint32_t id, std::string* out) {
     case PLR_NAT_PARAM_GATEWAY_NETMASK: {
       char mask[kAddrSize];
       if (!PLRGetVnetSubnetMask(vnet, mask, sizeof mask)) {
-        PLOG_AS(fn, LOG_ERR, "Could not get subnet netmask for vnet: %d", static_cast<int>(vnet));
+        PLOG_AS(function, LOG_ERR, "Could not get subnet netmask for vnet: %d",
+                static_cast<int>(vnet));
         return false;
       }
       *out = mask;
@@ -163,7 +161,7 @@ bool ComputeNatDefault(uint32_t vnet, uint32_t id, std::string* out) {
     case PLR_NAT_PARAM_DEVICE: {
       char name[PLR_VNET_NAME_SIZE];
       if (!PLRConvVnetNumToName(vnet, name)) {
-        PLOG_AS(fn, LOG_ERR, "Could not get kavix name for vnet: %d", static_cast<int>(vnet));
+        PLOG_AS(function, LOG_ERR, "Could not get kavix name for vnet: %d", static_cast<int>(vnet));
         return false;
       }
       std::string device = StrPrintf("/dev/%s", name);
@@ -181,7 +179,7 @@ bool ComputeNatDefault(uint32_t vnet, uint32_t id, std::string* out) {
       *out = StrPrintf("fd15:4ba5:5a2b:10%02x::/64", vnet & 0xFF);
       return true;
     default:
-      PLOG_AS(fn, LOG_ERR, "Unrecognized NAT parameter ID: %d", static_cast<int>(id));
+      PLOG_AS(function, LOG_ERR, "Unrecognized NAT parameter ID: %d", static_cast<int>(id));
       return false;
   }
 }
@@ -220,75 +218,65 @@ PLR_EXPORT uint32_t PLRNATMapIntParamID(uint32_t externalId) {
 
 // Validates `value` for `id` and stores it unchanged; NULL removes it.
 PLR_EXPORT bool PLRNATSetParameter(uint32_t vnet, uint32_t paramId, const char* value) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   if (!plr::IsSettableNatParam(paramId)) {
     PLOG(LOG_ERR, "Unrecognized NAT parameter ID: %u", paramId);
-    return false;
+    return trace.Exit(false);
   }
-  if (value == nullptr) return PLRNATRemoveParam(vnet, paramId);
-  if (!plr::ValidateNatValue(paramId, value)) return false;
-  const char* name = plr::NatParamName(paramId);
-  if (!PLRSetVnetCfg(vnet, plr::NatParamKey(paramId), value)) {
-    PLOG(LOG_ERR, "Setting value of NAT parameter: %s failed for vnet: %d", name,
-         static_cast<int>(vnet));
-    return false;
-  }
-  PLOG(LOG_INFO2, "Successfully set value of NAT parameter: %s to value: %s for vnet: %d", name,
-       value, static_cast<int>(vnet));
-  return true;
+  if (value == nullptr) return trace.Exit(PLRNATRemoveParam(vnet, paramId));
+  return trace.Exit(plr::ValidateNatValue(__func__, paramId, value) &&
+                    plr::StoreParam(__func__, plr::kNatTable, vnet, paramId, value));
 }
 
 // Copies the stored value of `id` into `buffer`; with `useDefault`, the
 // computed default when none is stored. Absence alone is not an error.
+// Traces only its exit.
 PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefault, char* buffer,
                                    size_t bufferSize) {
-  plr::ScopeExit traceExit([] {
-    PLOG_AS("PLRNATGetParameter", LOG_INFO2, " Exiting Function, %s:%d", "PLRNATGetParameter",
-            __LINE__);
-  });
+  plr::FunctionTrace trace(__func__, false);
   if (!plr::InNatTable(paramId)) {
     PLOG(LOG_ERR, "Unrecognized NAT parameter ID: %d", static_cast<int>(paramId));
-    return false;
+    return trace.Exit(false);
   }
-  const char* name = plr::NatParamName(paramId);
-  const char* value = PLRGetVnetCfg(vnet, plr::NatParamKey(paramId));
+  const char* name = plr::ParamName(plr::kNatTable, paramId);
+  const char* value = PLRGetVnetCfg(vnet, plr::ParamKey(plr::kNatTable, paramId));
   if (value != nullptr) {
     size_t required = strlen(value) + 1;
     if (required > bufferSize) {
       PLOG(LOG_ERR, "Insufficient space to store NAT param %d.", static_cast<int>(paramId));
-      return false;
+      return trace.Exit(false);
     }
     memcpy(buffer, value, required);
     PLOG(LOG_INFO2, "Value of NAT parameter: %s is: %s for vnet: %d", name, buffer,
          static_cast<int>(vnet));
-    return true;
+    return trace.Exit(true);
   }
   PLOG(LOG_INFO2, "Value of NAT parameter: %s not found in configuration for vnet: %d", name,
        static_cast<int>(vnet));
-  if (!useDefault) return false;
+  if (!useDefault) return trace.Exit(false);
   PLOG(LOG_INFO2, "Reverting to default value");
   if (!PLRNATGetParamDefault(vnet, paramId, buffer, bufferSize)) {
     PLOG(LOG_ERR, "Failure in getting default value of parameter");
-    return false;
+    return trace.Exit(false);
   }
-  return true;
+  return trace.Exit(true);
 }
 
 // The value a NAT parameter has when the vnet stores none.
 PLR_EXPORT bool PLRNATGetParamDefault(uint32_t vnet, uint32_t paramId, char* buffer,
                                       size_t bufferSize) {
-  PLR_TRACE_FUNCTION();
+  plr::FunctionTrace trace(__func__);
   std::string text;
-  if (!plr::ComputeNatDefault(vnet, paramId, &text)) return false;
+  if (!plr::ComputeNatDefault(__func__, vnet, paramId, &text)) return trace.Exit(false);
   size_t required = paramId == PLR_NAT_PARAM_CONFIG_PORT ? plr::kPortBufferSize : text.size() + 1;
   if (bufferSize < required) {
     PLOG(LOG_ERR, "Insufficient space to store NAT param %d.", static_cast<int>(paramId));
-    return false;
+    return trace.Exit(false);
   }
   memcpy(buffer, text.c_str(), text.size() + 1);
   PLOG(LOG_INFO2, "Default value of NAT parameter: %s is: %s for vnet: %d",
-       plr::NatParamName(paramId), buffer, static_cast<int>(vnet));
-  return true;
+       plr::ParamName(plr::kNatTable, paramId), buffer, static_cast<int>(vnet));
+  return trace.Exit(true);
 }
 
 // Removes the stored value of `id`; a value never stored counts as removed.
@@ -297,7 +285,7 @@ PLR_EXPORT bool PLRNATRemoveParam(uint32_t vnet, uint32_t paramId) {
     PLOG(LOG_ERR, "Unrecognized NAT parameter ID: %d", static_cast<int>(paramId));
     return false;
   }
-  const char* key = plr::NatParamKey(paramId);
+  const char* key = plr::ParamKey(plr::kNatTable, paramId);
   if (PLRGetVnetCfg(vnet, key) == nullptr) return true;
   if (!PLRRemoveVnetCfg(vnet, key)) {
     PLOG(LOG_ERR, "Failure while removing value of NAT parameter");
@@ -309,12 +297,8 @@ PLR_EXPORT bool PLRNATRemoveParam(uint32_t vnet, uint32_t paramId) {
 // Forgets every NAT setting and port forward of the vnet. Goes on after a
 // failure; fails if any parameter stayed.
 PLR_EXPORT bool PLRNATRemoveConfig(uint32_t vnet) {
-  PLR_TRACE_FUNCTION();
-  struct Step {
-    uint32_t id;
-    const char* failure;
-  };
-  static constexpr Step kSteps[] = {
+  plr::FunctionTrace trace(__func__);
+  static constexpr plr::ParamRemoval kSteps[] = {
       {PLR_NAT_PARAM_GATEWAY_IP,
        "Failure while removing value for NAT parameter Gateway IP Address"},
       {PLR_NAT_PARAM_NAT6, "Failure while removing value for NAT parameter nat ipv6 enable"},
@@ -327,15 +311,9 @@ PLR_EXPORT bool PLRNATRemoveConfig(uint32_t vnet) {
       {PLR_NAT_PARAM_ALLOW_ANY_OUI, "Failure while removing value for NAT parameter allow any OUI"},
       {PLR_NAT_PARAM_UDP_TIMEOUT, "Failure while setting value for NAT parameter UDP timeout"},
   };
-  bool ok = true;
-  for (const Step& step : kSteps) {
-    if (!PLRNATRemoveParam(vnet, step.id)) {
-      PLOG(LOG_ERR, "%s", step.failure);
-      ok = false;
-    }
-  }
+  bool ok = plr::RemoveParams(__func__, vnet, kSteps, PLRNATRemoveParam);
   PLRNetCfgRemoveAllNATPortFwd(nullptr, vnet, true, true, true);
-  return ok;
+  return trace.Exit(ok);
 }
 
 // Adds or replaces the forward of (isTCP, hostPort); a NULL vmIP removes it.

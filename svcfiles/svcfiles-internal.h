@@ -1,9 +1,10 @@
 // Internals of the service-file generators shared between their sources and
-// the tests: the protected dhcpd.conf block, its hash, and the trace lines.
+// the tests: the parameter tables, the protected dhcpd.conf block and its hash.
 #pragma once
 
 #include <stdint.h>
 
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -11,23 +12,57 @@
 
 namespace plr {
 
-// Writes " Entering Function" when constructed and " Exiting Function" when
-// the scope ends, so every return path of a service function is traced.
-class FunctionTrace {
- public:
-  FunctionTrace(const char* function, int line) : function_(function), line_(line) {
-    PLOG_AS(function_, LOG_INFO2, " Entering Function, %s:%d", function_, line_);
-  }
-  FunctionTrace(const FunctionTrace&) = delete;
-  FunctionTrace& operator=(const FunctionTrace&) = delete;
-  ~FunctionTrace() { PLOG_AS(function_, LOG_INFO2, " Exiting Function, %s:%d", function_, line_); }
-
- private:
-  const char* function_;
-  int line_;
+// The identifier table of one parameter family (DHCP or NAT): rows indexed
+// by identifier minus `base`, each with its answer key and display name.
+struct ParamTable {
+  const char* kind;  // "DHCP" or "NAT", as the log lines name the family
+  uint32_t base;
+  uint32_t size;
+  const char* const* keys;
+  const char* const* names;
+  const char* unknownName;  // display name of identifiers outside the table
 };
 
-#define PLR_TRACE_FUNCTION() ::plr::FunctionTrace plrFunctionTrace_(__func__, __LINE__)
+// Display name of `id` for log lines; the table's unknown name outside it.
+const char* ParamName(const ParamTable& table, uint32_t id);
+
+// Answer key of `id`; "" outside the table.
+const char* ParamKey(const ParamTable& table, uint32_t id);
+
+// Stores `value` unchanged as the vnet's answer of `id`; the success or
+// failure line is logged under `function`.
+bool StoreParam(const char* function, const ParamTable& table, uint32_t vnet, uint32_t id,
+                const char* value);
+
+// One parameter removed when a family's whole configuration goes, with the
+// line logged when that fails.
+struct ParamRemoval {
+  uint32_t id;
+  const char* failure;
+};
+
+// Removes every listed parameter with `remove`, going on after a failure;
+// false when any stayed.
+bool RemoveParams(const char* function, uint32_t vnet, std::span<const ParamRemoval> steps,
+                  bool (*remove)(uint32_t vnet, uint32_t id));
+
+// One parameter a configuration writer needs, defaults applied, with the
+// line logged when it cannot be had.
+struct ParamLookup {
+  uint32_t id;
+  char* buffer;
+  size_t size;
+  const char* failure;
+};
+
+// The family's getter (PLRDHCPGetParameter, PLRNATGetParameter).
+using ParamGetter = bool (*)(uint32_t vnet, uint32_t id, bool useDefault, char* buffer,
+                             size_t size);
+
+// Reads the listed parameters in order with their defaults; stops at the
+// first failure and logs its line under `function`.
+bool GetParams(const char* function, uint32_t vnet, std::span<const ParamLookup> lookups,
+               ParamGetter get);
 
 // The marker lines around the generated part of dhcpd.conf, newline included.
 inline constexpr std::string_view kDhcpBlockStartMarker =

@@ -19,12 +19,6 @@ bool IsKavixAdapterName(const char* name) {
   return strncasecmp(name, "kavix", 5) == 0;
 }
 
-// Pushes `element` in front of `*head`.
-void PushFront(PLR_HostAdapter** head, PLR_HostAdapter* element) {
-  element->next = *head;
-  *head = element;
-}
-
 namespace {
 
 // True when `list` already holds an element named `name` (any case).
@@ -35,41 +29,33 @@ bool ContainsAdapter(const PLR_HostAdapter* list, const char* name) {
 }
 
 // Moves the host adapters that `vnet` gets from the default bridge into
-// `*result`, freeing the others. `hostList` is consumed in every case.
-// False when an adapter's mapping cannot be read; `*result` is then freed too.
-bool MergeHostAdapters(uint32_t vnet, PLR_HostAdapter* hostList, PLR_HostAdapter** result,
-                       uint32_t* count) {
-  const char* fn = "PLRGetVnetBridge";
-  while (hostList != nullptr) {
-    PLR_HostAdapter* element = hostList;
-    hostList = hostList->next;
-    element->next = nullptr;
-    PLOG_AS(fn, LOG_INFO2, "Iterating adapter: %s", element->name);
-    if (IsKavixAdapterName(element->name)) {
-      PLOG_AS(fn, LOG_INFO2, "Skipping kavix virtual adapter: %s", element->name);
-      PLRFreeHostAdapList(&element);
+// `result`, freeing the others. False when an adapter's mapping cannot be
+// read; the caller then drops `result` as well.
+bool MergeHostAdapters(const char* function, uint32_t vnet, AdapterList& hostList,
+                       AdapterList& result, uint32_t* count) {
+  while (!hostList.empty()) {
+    AdapterList element(hostList.PopFront());
+    const char* name = element.get()->name;
+    PLOG_AS(function, LOG_INFO2, "Iterating adapter: %s", name);
+    if (IsKavixAdapterName(name)) {
+      PLOG_AS(function, LOG_INFO2, "Skipping kavix virtual adapter: %s", name);
       continue;
     }
     uint32_t mapped = PLR_VNET_NONE;
-    if (!PLRGetBridgeMappingForAdapter(element->name, &mapped)) {
-      PLOG_AS(fn, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s", element->name);
-      PLRFreeHostAdapList(&element);
-      PLRFreeHostAdapList(&hostList);
-      PLRFreeHostAdapList(result);
+    if (!PLRGetBridgeMappingForAdapter(name, &mapped)) {
+      PLOG_AS(function, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s", name);
       return false;
     }
     if (vnet != PLR_VNET_ALL && mapped != vnet) {
-      PLOG_AS(fn, LOG_INFO2, "Removing adapter: %s not bridged to DefaultBridge", element->name);
-      PLRFreeHostAdapList(&element);
+      PLOG_AS(function, LOG_INFO2, "Removing adapter: %s not bridged to DefaultBridge", name);
       continue;
     }
-    if (ContainsAdapter(*result, element->name)) {
-      PLOG_AS(fn, LOG_INFO2, "Removing duplicate adapter: %s", element->name);
-      PLRFreeHostAdapList(&element);
+    if (ContainsAdapter(result.get(), name)) {
+      PLOG_AS(function, LOG_INFO2, "Removing duplicate adapter: %s", name);
       continue;
     }
-    element->netId = PLR_NetworkID{PLR_NETID_VERSION, PLR_NETID_TYPE_VNET, mapped};
-    PushFront(result, element);
+    element.get()->netId = PLR_NetworkID{PLR_NETID_VERSION, PLR_NETID_TYPE_VNET, mapped};
+    result.PushFront(element.release());
     ++*count;
   }
   return true;
@@ -117,8 +103,8 @@ bool PLRSetBridgeMappingForMultipleAdapters(uint32_t vnet, PLR_HostAdapter* list
 bool PLRGetVnetBridge(uint32_t vnet, uint32_t* count, PLR_HostAdapter** list) {
   using namespace plr;
   uint32_t n = 0;
-  PLR_HostAdapter* result = nullptr;
-  if (!PLRNetCfgLookupHostAdaptersForVnet(nullptr, vnet, &n, &result, false)) {
+  AdapterList result;
+  if (!PLRNetCfgLookupHostAdaptersForVnet(nullptr, vnet, &n, result.out(), false)) {
     PLOG(LOG_ERR, "Cannot get list of bridge mappings for vnet: %d", static_cast<int>(vnet));
     return false;
   }
@@ -127,22 +113,20 @@ bool PLRGetVnetBridge(uint32_t vnet, uint32_t* count, PLR_HostAdapter** list) {
   uint32_t defaultBridge = PLR_VNET_NONE;
   if (!PLRGetDefaultBridgeVnet(&defaultBridge)) {
     PLOG(LOG_ERR, "Failed to get the value of default bridge");
-    PLRFreeHostAdapList(&result);
     return false;
   }
   if (vnet == PLR_VNET_ALL || vnet == defaultBridge) {
     uint32_t hostCount = 0;
-    PLR_HostAdapter* hostList = nullptr;
-    if (!PLRCreateHostAdapList(&hostCount, &hostList)) {
+    AdapterList hostList;
+    if (!PLRCreateHostAdapList(&hostCount, hostList.out())) {
       PLOG(LOG_ERR, "Error creating list of adapters on host");
-      PLRFreeHostAdapList(&result);
       return false;
     }
     PLOG(LOG_INFO2, "Obtained list of %u host adapters from the system", hostCount);
-    if (!MergeHostAdapters(vnet, hostList, &result, &n)) return false;
+    if (!MergeHostAdapters(__func__, vnet, hostList, result, &n)) return false;
   }
   if (count != nullptr) *count = n;
-  *list = result;
+  *list = result.release();
   return true;
 }
 
@@ -156,11 +140,10 @@ bool PLRRemoveBridgeMappingsForVnet(uint32_t vnet) {
     ok = false;
     defaultBridge = PLR_VNET_NONE;
   }
-  PLR_HostAdapter* list = nullptr;
-  if (!PLRGetVnetBridge(vnet, nullptr, &list)) {
+  plr::AdapterList list;
+  if (!PLRGetVnetBridge(vnet, nullptr, list.out())) {
     PLOG(LOG_ERR, "Failed to get list of adapters bridged to vnet: %d", static_cast<int>(vnet));
     ok = false;
-    list = nullptr;
   }
   if (vnet == defaultBridge) {
     defaultBridge = PLR_VNET_NONE;
@@ -169,12 +152,11 @@ bool PLRRemoveBridgeMappingsForVnet(uint32_t vnet) {
       ok = false;
     }
   }
-  if (!PLRSetBridgeMappingForMultipleAdapters(defaultBridge, list)) {
+  if (!PLRSetBridgeMappingForMultipleAdapters(defaultBridge, list.get())) {
     PLOG(LOG_ERR, "Failed to set the bridge mapping for vnet: %d, host adapter: %s",
-         static_cast<int>(defaultBridge), list->name);
+         static_cast<int>(defaultBridge), list.get()->name);
     ok = false;
   }
-  PLRFreeHostAdapList(&list);
   if (defaultBridge < PLR_MAX_VNETS) {
     if (!PLRRestartService(defaultBridge, PLR_SERVICE_BRIDGE, nullptr, nullptr, false)) {
       PLOG(LOG_ERR, "Failed to restart bridge service on default bridge: %d",

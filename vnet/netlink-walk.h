@@ -34,7 +34,9 @@ struct NetlinkWalkResult {
 // Messages whose pid is not `ourPid` and whose sequence is not
 // kLinkDumpSequence are skipped; NLMSG_ERROR ends the walk; non-Ethernet
 // interfaces, interfaces without a name and names of kMaxAdapterNameChars
-// characters or more are left out. Never reads outside the buffer.
-NetlinkWalkResult WalkLinkDump(const uint8_t* data, size_t size, uint32_t ourPid);
+// characters or more are left out. Never reads outside the buffer. Logs
+// under `function`, the enumeration that received the buffer.
+NetlinkWalkResult WalkLinkDump(const char* function, const uint8_t* data, size_t size,
+                               uint32_t ourPid);
 
 }  // namespace plr

@@ -13,13 +13,13 @@
 
 #include <memory>
 #include <new>
-#include <utility>
 
 #include "base/fd-util.h"
 #include "base/sys-util.h"
 #include "core/log.h"
 #include "pelorus/bridge.h"
 #include "pelorus/netcfg.h"
+#include "vnet/bridge-util.h"
 #include "vnet/netlink-walk.h"
 
 namespace plr {
@@ -31,35 +31,6 @@ struct LinkDumpRequest {
   ifinfomsg info;
 };
 static_assert(sizeof(LinkDumpRequest) == 32);
-
-// Owns a linked list of separately allocated elements until released.
-class AdapterListOwner {
- public:
-  AdapterListOwner() = default;
-  AdapterListOwner(const AdapterListOwner&) = delete;
-  AdapterListOwner& operator=(const AdapterListOwner&) = delete;
-  ~AdapterListOwner() { PLRFreeHostAdapList(&head_); }
-
-  // Appends `element` at the tail and takes ownership of it.
-  void Append(PLR_HostAdapter* element) {
-    if (tail_ == nullptr)
-      head_ = element;
-    else
-      tail_->next = element;
-    tail_ = element;
-    ++count_;
-  }
-  uint32_t count() const { return count_; }
-  PLR_HostAdapter* release() {
-    tail_ = nullptr;
-    return std::exchange(head_, nullptr);
-  }
-
- private:
-  PLR_HostAdapter* head_ = nullptr;
-  PLR_HostAdapter* tail_ = nullptr;
-  uint32_t count_ = 0;
-};
 
 // Sends the one dump request to the kernel (pid 0, no groups).
 bool SendLinkDumpRequest(int fd) {
@@ -80,11 +51,11 @@ bool SendLinkDumpRequest(int fd) {
 
 // Copies the kernel driver's name of `element->name` into its driverName;
 // a failure is logged and leaves the name empty.
-void QueryDriverName(PLR_HostAdapter* element) {
-  const char* fn = "PLRCreateHostAdapList";
+void QueryDriverName(const char* function, PLR_HostAdapter* element) {
   UniqueFd fd(sys::socket(AF_INET, SOCK_DGRAM, 0));
   if (!fd) {
-    PLOG_AS(fn, LOG_ERR, "Error opening socket for querying driver name for adapter: %s, error: %s",
+    PLOG_AS(function, LOG_ERR,
+            "Error opening socket for querying driver name for adapter: %s, error: %s",
             element->name, strerror(errno));
     return;
   }
@@ -96,7 +67,7 @@ void QueryDriverName(PLR_HostAdapter* element) {
   memcpy(request.ifr_name, element->name, strnlen(element->name, IFNAMSIZ - 1));
   request.ifr_data = reinterpret_cast<char*>(&info);
   if (sys::ioctl(fd.get(), SIOCETHTOOL, &request) != 0) {
-    PLOG_AS(fn, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Ioctl on socket for querying driver name for adapter: %s failed, error: %s",
             element->name, strerror(errno));
     return;
@@ -104,16 +75,18 @@ void QueryDriverName(PLR_HostAdapter* element) {
   static_assert(sizeof info.driver < sizeof element->driverName);
   memcpy(element->driverName, info.driver, sizeof info.driver);
   element->driverName[sizeof info.driver] = '\0';
-  PLOG_AS(fn, LOG_INFO2, "Obtained driver name: %s for adapter: %s", element->driverName,
+  PLOG_AS(function, LOG_INFO2, "Obtained driver name: %s for adapter: %s", element->driverName,
           element->name);
 }
 
-// Turns the interfaces of one walked buffer into list elements.
-void AppendLinks(const NetlinkWalkResult& walked, AdapterListOwner& list) {
+// Turns the interfaces of one walked buffer into list elements; returns how
+// many were appended.
+uint32_t AppendLinks(const char* function, const NetlinkWalkResult& walked, AdapterList& list) {
+  uint32_t appended = 0;
   for (const NetlinkLink& link : walked.links) {
     auto* element = static_cast<PLR_HostAdapter*>(calloc(1, sizeof(PLR_HostAdapter)));
     if (element == nullptr) {
-      PLOG_AS("PLRCreateHostAdapList", LOG_ERR, "Memory allocation error");
+      PLOG_AS(function, LOG_ERR, "Memory allocation error");
       continue;
     }
     element->version = PLR_HOSTADAPTER_VERSION;
@@ -121,9 +94,11 @@ void AppendLinks(const NetlinkWalkResult& walked, AdapterListOwner& list) {
     // The walk refuses names of 16 characters or more, so both copies fit.
     memcpy(element->displayName, link.name.c_str(), link.name.size() + 1);
     memcpy(element->name, link.name.c_str(), link.name.size() + 1);
-    QueryDriverName(element);
+    QueryDriverName(function, element);
     list.Append(element);
+    ++appended;
   }
+  return appended;
 }
 
 }  // namespace
@@ -158,7 +133,8 @@ bool PLRCreateHostAdapList(uint32_t* count, PLR_HostAdapter** head) {
     return false;
   }
   const uint32_t ourPid = static_cast<uint32_t>(getpid());
-  AdapterListOwner list;
+  AdapterList list;
+  uint32_t listed = 0;
   bool more = true;
   while (more) {
     const ssize_t received = sys::read(fd.get(), buffer.get(), static_cast<size_t>(bufferSize));
@@ -168,12 +144,12 @@ bool PLRCreateHostAdapList(uint32_t* count, PLR_HostAdapter** head) {
     }
     PLOG(LOG_INFO, "%zu bytes read from netlink socket", static_cast<size_t>(received));
     const NetlinkWalkResult walked =
-        WalkLinkDump(buffer.get(), static_cast<size_t>(received), ourPid);
-    AppendLinks(walked, list);
+        WalkLinkDump(__func__, buffer.get(), static_cast<size_t>(received), ourPid);
+    listed += AppendLinks(__func__, walked, list);
     more = walked.multipart;
   }
   PLOG(LOG_INFO, "Processed all adapters");
-  *count = list.count();
+  *count = listed;
   *head = list.release();
   return true;
 }

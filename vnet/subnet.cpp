@@ -5,15 +5,17 @@
 #include "vnet/subnet.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <signal.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <string>
 
 #include "base/random-util.h"
+#include "base/str-util.h"
 #include "base/sys-util.h"
 #include "core/frame.h"
 #include "pelorus/netcfg.h"
@@ -26,7 +28,6 @@ constexpr const char kAssignedMask[] = "255.255.255.0";
 constexpr int kProbeAttempts = 10;
 constexpr size_t kAddrSize = 16;
 constexpr size_t kMaxBinDirLength = 255;
-constexpr size_t kPingCommandSize = 2096;
 constexpr const char kDefaultBinDir[] = "/usr/bin";
 constexpr const char kPingTool[] = "tarsis-ping";
 
@@ -57,12 +58,15 @@ bool NextUntried(CandidateTable& table, int32_t* position) {
 }
 
 // The exit code of one run of the ping tool against `address`, taken from
-// bits 8..15 of the wait status.
+// bits 8..15 of the wait status; its output is discarded.
 int RunPingTool(const char* binDir, const char* address, uint32_t timeout, uint32_t interval) {
-  char command[kPingCommandSize];
-  snprintf(command, sizeof command, "\"%s/%s\" -q -b %s -t %u -i %u >/dev/null 2>&1", binDir,
-           kPingTool, address, timeout, interval);
-  return (RunShellCommand(command) >> 8) & 0xFF;
+  std::string path = StrPrintf("%s/%s", binDir, kPingTool);
+  std::string timeoutText = StrPrintf("%u", timeout);
+  std::string intervalText = StrPrintf("%u", interval);
+  const char* argv[] = {
+      path.c_str(),         "-q",   "-b", address, "-t", timeoutText.c_str(), "-i",
+      intervalText.c_str(), nullptr};
+  return (RunQuietly(argv) >> 8) & 0xFF;
 }
 
 // Exit codes of the ping tool that mean "no reply": 1 (nothing answered)
@@ -92,14 +96,13 @@ void AddSubnetCandidates(CandidateTable& table) {
   }
 }
 
-bool ShuffleSubnetCandidates(CandidateTable& table, RandomSource random) {
+bool ShuffleSubnetCandidates(const char* function, CandidateTable& table, RandomSource random) {
   uint32_t n = table.count;
   for (uint64_t swap = 0; n != 0 && swap < 2ull * n; ++swap) {
     uint32_t first = 0;
     uint32_t second = 0;
     if (!random(&first, sizeof first) || !random(&second, sizeof second)) {
-      PLOG_AS("PLRShuffleAvailSubnets", LOG_ERR, "Failed to read random data, error: %s",
-              strerror(errno));
+      PLOG_AS(function, LOG_ERR, "Failed to read random data, error: %s", strerror(errno));
       return false;
     }
     std::swap(table.entries[first % n], table.entries[second % n]);
@@ -107,7 +110,7 @@ bool ShuffleSubnetCandidates(CandidateTable& table, RandomSource random) {
   return true;
 }
 
-int RunShellCommand(const char* command) {
+int RunQuietly(const char* const argv[]) {
   // Like system(): SIGCHLD stays blocked while we wait, so a caller's
   // handler cannot reap our child first.
   sigset_t block, saved;
@@ -117,7 +120,13 @@ int RunShellCommand(const char* command) {
   pid_t pid = sys::fork();
   if (pid == 0) {
     sigprocmask(SIG_SETMASK, &saved, nullptr);
-    execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
+    int null = open("/dev/null", O_WRONLY);
+    if (null >= 0) {
+      dup2(null, 1);
+      dup2(null, 2);
+      if (null > 2) close(null);
+    }
+    execv(argv[0], const_cast<char* const*>(argv));
     _exit(127);
   }
   int status = -1;
@@ -178,7 +187,7 @@ bool PLRPopulateAvailSubnets(void) {
 
 // Randomises the trial order with the cryptographic random source.
 bool PLRShuffleAvailSubnets(void) {
-  return plr::ShuffleSubnetCandidates(plr::AvailSubnetTable(), plr::CryptoRandom);
+  return plr::ShuffleSubnetCandidates(__func__, plr::AvailSubnetTable(), plr::CryptoRandom);
 }
 
 // Sets the taken flag of every candidate equal to `subnet`; given back

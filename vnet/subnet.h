@@ -43,11 +43,14 @@ void AddSubnetCandidates(CandidateTable& table);
 using RandomSource = bool (*)(void* buf, size_t size);
 
 // Exactly 2n swaps of entries (value and flag together) at positions drawn
-// as two 4-byte random values modulo n. False when the source fails.
-bool ShuffleSubnetCandidates(CandidateTable& table, RandomSource random);
+// as two 4-byte random values modulo n. False when the source fails, logged
+// under `function`.
+bool ShuffleSubnetCandidates(const char* function, CandidateTable& table, RandomSource random);
 
-// Runs `command` through /bin/sh and returns its wait status as system()
-// does (-1 when no child could be started).
-int RunShellCommand(const char* command);
+// Runs the program argv[0] with the NULL-terminated `argv`, its standard
+// output and error going to /dev/null, and returns its wait status as
+// system() does: -1 when no child could be started, exit code 127 when the
+// program could not be executed.
+int RunQuietly(const char* const argv[]);
 
 }  // namespace plr

@@ -22,7 +22,7 @@ constexpr uint32_t kOurPid = 4242;
 NetlinkWalkResult Walk(const std::vector<uint8_t>& bytes, size_t size) {
   std::unique_ptr<uint8_t[]> copy(new uint8_t[size == 0 ? 1 : size]);
   if (size > 0) memcpy(copy.get(), bytes.data(), size);
-  return WalkLinkDump(copy.get(), size, kOurPid);
+  return WalkLinkDump("PLRCreateHostAdapList", copy.get(), size, kOurPid);
 }
 NetlinkWalkResult Walk(const NetlinkReply& reply) {
   return Walk(reply.bytes(), reply.size());
@@ -192,7 +192,8 @@ TEST(NetlinkWalk, UnalignedBufferStart) {
   std::unique_ptr<uint8_t[]> copy(new uint8_t[reply.size() + 1]);
   copy[0] = 0xAA;
   memcpy(copy.get() + 1, reply.bytes().data(), reply.size());
-  const NetlinkWalkResult result = WalkLinkDump(copy.get() + 1, reply.size(), kOurPid);
+  const NetlinkWalkResult result =
+      WalkLinkDump("PLRCreateHostAdapList", copy.get() + 1, reply.size(), kOurPid);
   EXPECT_EQ(Names(result), (std::vector<std::string>{"eth0", "eth1"}));
 }
 

@@ -169,7 +169,7 @@ TEST(SubnetShuffle, SwapsTwiceNTimesAtDrawnPositionsModuloN) {
   // Swaps (0,1) (1,2) (2,2) (0,1) (2,0) (1,2): ABC BAC BCA BCA CBA ABC ACB.
   gDraws = {0, 1, 1, 2, 5, 5, 3, 4, 2, 0, 7, 8, 99, 99};
   gDrawn = 0;
-  ASSERT_TRUE(ShuffleSubnetCandidates(table, ScriptedRandom));
+  ASSERT_TRUE(ShuffleSubnetCandidates("PLRShuffleAvailSubnets", table, ScriptedRandom));
   EXPECT_EQ(gDrawn, 12u) << "two 4-byte draws for each of 2n swaps";
   EXPECT_EQ(table.entries[0].subnet, 0xAu);
   EXPECT_EQ(table.entries[1].subnet, 0xCu);
@@ -180,9 +180,9 @@ TEST(SubnetShuffle, SwapsTwiceNTimesAtDrawnPositionsModuloN) {
   // An empty table draws nothing; a broken source fails the shuffle.
   CandidateTable empty;
   gDrawn = 0;
-  EXPECT_TRUE(ShuffleSubnetCandidates(empty, ScriptedRandom));
+  EXPECT_TRUE(ShuffleSubnetCandidates("PLRShuffleAvailSubnets", empty, ScriptedRandom));
   EXPECT_EQ(gDrawn, 0u);
-  EXPECT_FALSE(ShuffleSubnetCandidates(table, BrokenRandom));
+  EXPECT_FALSE(ShuffleSubnetCandidates("PLRShuffleAvailSubnets", table, BrokenRandom));
 }
 
 // --- Probe -------------------------------------------------------------------
