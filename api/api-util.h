@@ -1,6 +1,6 @@
 // Small steps shared by the exported per-vnet functions: the vnet name check
 // and copying caller bytes that come with a length and need not be
-// NUL-terminated. Work under the lock goes through plr::WithWriteLock.
+// NUL-terminated. The call itself (frame, lock, outcome) is plr::ApiCall.
 #pragma once
 
 #include <stdint.h>
@@ -15,6 +15,15 @@ namespace plr::api {
 // Converts `name` to its vnet number. A result above 255 is logged under
 // `function` as "Invalid vnet name: %s" and refused.
 bool VnetNumber(const char* function, const char* name, uint32_t* vnet);
+
+// How a missing vnet name is refused: "Invalid argument - vnet: %p" or
+// "Invalid argument - kavix: %p".
+enum class NameWording { kVnet, kKavix };
+
+// The vnet name argument of call `c`: refused when NULL, then converted by
+// VnetNumber.
+bool VnetArg(const Api& c, const char* name, uint32_t* vnet,
+             NameWording wording = NameWording::kVnet);
 
 struct FreeText {
   void operator()(char* text) const { free(text); }

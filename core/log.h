@@ -29,3 +29,6 @@ inline bool IsLoaded() { return plrContext.loadCount != 0; }
 // The trace lines that internal service functions write around their work.
 #define PLOG_ENTER() PLOG(LOG_INFO2, " Entering Function, %s:%d", __func__, __LINE__)
 #define PLOG_EXIT() PLOG(LOG_INFO2, " Exiting Function, %s:%d", __func__, __LINE__)
+
+// Text of a possibly missing string argument in log lines.
+#define PLR_STR(s) ((s) != nullptr ? (s) : "null")
