@@ -256,14 +256,8 @@ bool PLR_SetVnetAdapterAddr(const char* vnetName, const char* adapterIP) {
       return remove ? PLRRemoveVnetVirtAdapterAddr(vnet)
                     : PLRSetVnetVirtAdapterAddr(vnet, adapterIP);
     });
-    if (ok) {
-      c.Log(LOG_OK, "Successfully %s adapter address for vnet: %s", remove ? "removed" : "set",
-            vnetName);
-    } else {
-      c.Log(LOG_ERR, "Error %s adapter address for vnet: %s", remove ? "removing" : "setting",
-            vnetName);
-    }
-    return ok;
+    return c.Outcome(ok, "Successfully %s adapter address for vnet: %s",
+                     "Error %s adapter address for vnet: %s", SetVerb(ok, remove), vnetName);
   });
 }
 

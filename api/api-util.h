@@ -46,6 +46,13 @@ inline int PrintLen(uint32_t length) {
   return length > INT32_MAX ? INT32_MAX : static_cast<int>(length);
 }
 
+// The verb of a set-or-remove outcome line: "removed"/"set" after success,
+// "removing"/"setting" after failure.
+inline const char* SetVerb(bool ok, bool remove) {
+  if (ok) return remove ? "removed" : "set";
+  return remove ? "removing" : "setting";
+}
+
 // Length of the text a lower layer left in a buffer of `size` bytes.
 uint32_t TextLen(const char* buffer, uint32_t size);
 

@@ -132,14 +132,8 @@ bool PLR_SetVnetSubnetAddr(const char* vnetName, const char* subnetAddr) {
     bool ok = c.Locked([&] {
       return remove ? PLRRemoveVnetSubnetAddr(vnet) : PLRSetVnetSubnetAddr(vnet, subnetAddr);
     });
-    if (ok) {
-      c.Log(LOG_OK, "Successfully %s set the subnet address for vnet: %s",
-            remove ? "removed" : "set", vnetName);
-    } else {
-      c.Log(LOG_ERR, "Error %s subnet address for vnet: %s", remove ? "removing" : "setting",
-            vnetName);
-    }
-    return ok;
+    return c.Outcome(ok, "Successfully %s set the subnet address for vnet: %s",
+                     "Error %s subnet address for vnet: %s", SetVerb(ok, remove), vnetName);
   });
 }
 
@@ -154,12 +148,8 @@ bool PLR_SetVnetSubnetMask(const char* vnetName, const char* mask) {
     const bool remove = mask == nullptr;
     bool ok = c.Locked(
         [&] { return remove ? PLRRemoveVnetSubnetMask(vnet) : PLRSetVnetSubnetMask(vnet, mask); });
-    if (ok) {
-      c.Log(LOG_OK, "Successfully %s the mask for vnet: %s", remove ? "removed" : "set", vnetName);
-    } else {
-      c.Log(LOG_ERR, "Error %s mask for vnet: %s", remove ? "removing" : "setting", vnetName);
-    }
-    return ok;
+    return c.Outcome(ok, "Successfully %s the mask for vnet: %s", "Error %s mask for vnet: %s",
+                     SetVerb(ok, remove), vnetName);
   });
 }
 
