@@ -14,6 +14,12 @@ bool VnetNumber(const char* function, const char* name, uint32_t* vnet) {
   return false;
 }
 
+bool VnetArg(const Api& c, const char* name, uint32_t* vnet, NameWording wording) {
+  if (name != nullptr) return VnetNumber(c.function(), name, vnet);
+  if (wording == NameWording::kKavix) return c.Fail("Invalid argument - kavix: %p", name);
+  return c.Fail("Invalid argument - vnet: %p", name);
+}
+
 OwnedText CopyBytes(const char* bytes, uint32_t length) {
   OwnedText copy(static_cast<char*>(malloc(static_cast<size_t>(length) + 1)));
   if (!copy) return copy;

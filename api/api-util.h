@@ -1,6 +1,6 @@
 // Small steps shared by the exported per-vnet functions: the vnet name check
 // and copying caller bytes that come with a length and need not be
-// NUL-terminated. Work under the lock goes through plr::WithWriteLock.
+// NUL-terminated. The call itself (frame, lock, outcome) is plr::ApiCall.
 #pragma once
 
 #include <stdint.h>
@@ -15,6 +15,15 @@ namespace plr::api {
 // Converts `name` to its vnet number. A result above 255 is logged under
 // `function` as "Invalid vnet name: %s" and refused.
 bool VnetNumber(const char* function, const char* name, uint32_t* vnet);
+
+// How a missing vnet name is refused: "Invalid argument - vnet: %p" or
+// "Invalid argument - kavix: %p".
+enum class NameWording { kVnet, kKavix };
+
+// The vnet name argument of call `c`: refused when NULL, then converted by
+// VnetNumber.
+bool VnetArg(const Api& c, const char* name, uint32_t* vnet,
+             NameWording wording = NameWording::kVnet);
 
 struct FreeText {
   void operator()(char* text) const { free(text); }
@@ -35,6 +44,13 @@ bool TakeDescription(const char* function, const char* bytes, uint32_t length, O
 // negative, so the print never runs past the length.
 inline int PrintLen(uint32_t length) {
   return length > INT32_MAX ? INT32_MAX : static_cast<int>(length);
+}
+
+// The verb of a set-or-remove outcome line: "removed"/"set" after success,
+// "removing"/"setting" after failure.
+inline const char* SetVerb(bool ok, bool remove) {
+  if (ok) return remove ? "removed" : "set";
+  return remove ? "removing" : "setting";
 }
 
 // Length of the text a lower layer left in a buffer of `size` bytes.

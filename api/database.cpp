@@ -10,6 +10,7 @@
 #include <string>
 
 #include "api/api-util.h"
+#include "base/fd-util.h"
 #include "base/str-util.h"
 #include "base/sys-util.h"
 #include "core/frame.h"
@@ -97,33 +98,29 @@ bool OverwriteDatabase(const char* function, const char* path) {
 }
 
 // The shape shared by import and merge; `merge` selects the operation.
-bool ImportOrMerge(const char* function, int line, const char* file, bool merge) {
-  ApiFrame frame(function, line);
-  PLOG_AS(function, LOG_INFO2, "pelorus is %sloaded", IsLoaded() ? "" : "not ");
-  StandaloneSession session(function, true);
-  if (session.failed()) return frame.Exit(false, __LINE__);
-  frame.Args("Arguments - f: %p,%s", static_cast<const void*>(file), PLR_STR(file));
+bool ImportOrMerge(Api& c, const char* file, bool merge) {
+  c.Log(LOG_INFO2, "pelorus is %sloaded", IsLoaded() ? "" : "not ");
+  StandaloneSession session(c.function(), true);
+  // The exit line goes to the session's log stream, before it is closed.
+  ScopeExit exitFirst([&] { c.Exit(); });
+  if (session.failed()) return false;
+  c.Args("Arguments - f: %p,%s", static_cast<const void*>(file), PLR_STR(file));
   if (file == nullptr) file = kDefaultExchangeFile;
   char path[PLR_PATH_SIZE];
-  if (!DatabasePath(function, path)) return frame.Exit(false, __LINE__);
-  if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, file)) {
-    PLOG_AS(function, LOG_ERR, "Import file does not exist");
-    return frame.Exit(false, __LINE__);
-  }
+  if (!DatabasePath(c.function(), path)) return false;
+  if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, file))
+    return c.Fail("Import file does not exist");
   const bool ok = merge ? PLRNetCfgMergeConfig(file) : PLRNetCfgImportConfig(file, path);
-  if (ok)
-    PLOG_AS(function, LOG_OK, "Imported configration data from backup file: %s", file);
-  else
-    PLOG_AS(function, LOG_ERR, "Failed to import configuration data from backup file: %s", file);
-  return frame.Exit(ok, __LINE__);
+  return c.Outcome(ok, "Imported configration data from backup file: %s",
+                   "Failed to import configuration data from backup file: %s", file);
 }
 
-// One service of the runtime checks of a vnet deletion, with the two
-// spellings of its name that the lines use.
+// One service of the runtime checks of a vnet deletion, with its names in
+// the unknown-status line and in the others.
 struct ServiceCheck {
   uint32_t service;
-  const char* lowerName;  // "Cannot determine status of %s service ..."
-  const char* name;       // "%s service is ..."
+  const char* lower;
+  const char* name;
 };
 constexpr ServiceCheck kDeletionChecks[] = {
     {PLR_SERVICE_BRIDGE, "bridge", "Bridge"},
@@ -139,8 +136,7 @@ bool NothingRunsOn(const char* fn, uint32_t vnet, const char* name) {
   for (const ServiceCheck& check : kDeletionChecks) {
     const uint32_t status = PLRServiceStatus(vnet, check.service);
     if (status == PLR_SERVICE_STATUS_UNKNOWN) {
-      PLOG_AS(fn, LOG_ERR, "Cannot determine status of %s service on vnet: %s", check.lowerName,
-              name);
+      PLOG_AS(fn, LOG_ERR, "Cannot determine status of %s service on vnet: %s", check.lower, name);
       return false;
     }
     if (status == PLR_SERVICE_RUNNING) {
@@ -172,43 +168,37 @@ bool NothingRunsOn(const char* fn, uint32_t vnet, const char* name) {
   return !running;
 }
 
-// Logs one removal step's outcome (texts formatted by the caller) and
-// folds it into `all`.
-void Step(const char* fn, bool ok, bool* all, const std::string& success,
-          const std::string& failure) {
-  if (ok) {
-    PLOG_AS(fn, LOG_INFO, "%s", success.c_str());
-  } else {
-    PLOG_AS(fn, LOG_ERR, "%s", failure.c_str());
-    *all = false;
-  }
-}
-
 // Every removal of a vnet deletion, in order; each is tried whatever the
 // earlier ones gave.
 bool RemoveVnetConfiguration(const char* fn, uint32_t vnet, const char* name, bool readOnly) {
   bool all = true;
-  Step(fn, PLRRemoveBridgeMappingsForVnet(vnet), &all,
-       StrPrintf("Removed bridge mappings for vnet: %s", name),
-       StrPrintf("Falied to remove brige mappings for vnet: %s", name));
-  Step(fn, PLRSetVnetUseDHCP(vnet, false, true), &all, StrPrintf("Removed DHCP on vnet: %s", name),
-       StrPrintf("Removing NAT failed on vnet: %s, current status unknown", name));
+  all &= LogOutcome(fn, PLRRemoveBridgeMappingsForVnet(vnet), LOG_INFO,
+                    "Removed bridge mappings for vnet: %s",
+                    "Falied to remove brige mappings for vnet: %s", name);
+  all &= LogOutcome(fn, PLRSetVnetUseDHCP(vnet, false, true), LOG_INFO, "Removed DHCP on vnet: %s",
+                    "Removing NAT failed on vnet: %s, current status unknown", name);
   if (!readOnly)
-    Step(fn, PLRDHCPUpdateFromConfig(vnet), &all,
-         StrPrintf("Removed DHCP system configuraiton file, for vnet: %s", name),
-         StrPrintf("Failed to remove DHCP system configuraiton file, for vnet: %s", name));
-  Step(fn, PLRSetVnetUseNAT(vnet, false, true), &all, StrPrintf("Removed NAT on vnet: %s", name),
-       StrPrintf("Removing NAT failed on vnet: %s, current status unknown", name));
+    all &= LogOutcome(fn, PLRDHCPUpdateFromConfig(vnet), LOG_INFO,
+                      "Removed DHCP system configuraiton file, for vnet: %s",
+                      "Failed to remove DHCP system configuraiton file, for vnet: %s", name);
+  all &= LogOutcome(fn, PLRSetVnetUseNAT(vnet, false, true), LOG_INFO, "Removed NAT on vnet: %s",
+                    "Removing NAT failed on vnet: %s, current status unknown", name);
   if (!readOnly)
-    Step(fn, PLRNATUpdateFromConfig(vnet), &all,
-         StrPrintf("Removed NAT system configuration file, for vnet: %s", name),
-         StrPrintf("Failed to remove NAT system configuraiton file, for vnet: %s", name));
-  Step(fn, PLRSetVnetUseAdapter(vnet, false, true), &all,
-       StrPrintf("Removed Adapter from vnet: %s", name),
-       "Failed to delete adapter from configuration");
-  Step(fn, PLRRemoveSubnetAssignment(vnet), &all,
-       StrPrintf("Removed subnet assignment for vnet: %s", name),
-       "Failed to delete subnet assignment");
+    all &= LogOutcome(fn, PLRNATUpdateFromConfig(vnet), LOG_INFO,
+                      "Removed NAT system configuration file, for vnet: %s",
+                      "Failed to remove NAT system configuraiton file, for vnet: %s", name);
+  if (PLRSetVnetUseAdapter(vnet, false, true)) {
+    PLOG_AS(fn, LOG_INFO, "Removed Adapter from vnet: %s", name);
+  } else {
+    PLOG_AS(fn, LOG_ERR, "Failed to delete adapter from configuration");
+    all = false;
+  }
+  if (PLRRemoveSubnetAssignment(vnet)) {
+    PLOG_AS(fn, LOG_INFO, "Removed subnet assignment for vnet: %s", name);
+  } else {
+    PLOG_AS(fn, LOG_ERR, "Failed to delete subnet assignment");
+    all = false;
+  }
   if (!PLRRemoveFile(vnet, PLR_FILE_KAVIX_DEVICE, nullptr)) {
     PLOG_AS(fn, LOG_ERR, "Failed to delete kavix device");
     all = false;
@@ -219,35 +209,29 @@ bool RemoveVnetConfiguration(const char* fn, uint32_t vnet, const char* name, bo
 }  // namespace
 }  // namespace plr
 
+using namespace plr;
+
 extern "C" {
 
 // Creates a new database while the library is not loaded.
 bool PLR_CreateNetworkingDB(bool overwrite) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  StandaloneSession session(__func__, true);
-  if (session.failed()) PLR_RETURN(frame, false);
-  char path[PLR_PATH_SIZE];
-  if (!DatabasePath(__func__, path)) PLR_RETURN(frame, false);
-  if (IsLoaded()) {
-    PLOG(LOG_ERR, "%s", kLoadedRefusal);
-    PLR_RETURN(frame, false);
-  }
-  bool ok;
-  if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, path)) {
-    ok = PLRNetCfgCreateDB(path, false);
-    if (ok)
-      PLOG(LOG_OK, "Created and initialized networking configuration database: %s", path);
-    else
-      PLOG(LOG_ERR, "Failed to create/initialize database file: %s", path);
-  } else if (!overwrite) {
-    PLOG(LOG_ERR,
-         "Existing networking configuration database must be deleted before creating new one");
-    PLR_RETURN(frame, false);
-  } else {
-    ok = OverwriteDatabase(__func__, path);
-  }
-  PLR_RETURN(frame, ok);
+  return ApiCall(__func__, kAnyState, [&](Api& c) {
+    StandaloneSession session(c.function(), true);
+    // The exit line goes to the session's log stream, before it is closed.
+    ScopeExit exitFirst([&] { c.Exit(); });
+    if (session.failed()) return false;
+    char path[PLR_PATH_SIZE];
+    if (!DatabasePath(c.function(), path)) return false;
+    if (IsLoaded()) return c.Fail("%s", kLoadedRefusal);
+    if (!PLRFileExists(PLR_VNET_NONE, PLR_FILE_CUSTOM, path))
+      return c.Outcome(PLRNetCfgCreateDB(path, false),
+                       "Created and initialized networking configuration database: %s",
+                       "Failed to create/initialize database file: %s", path);
+    if (!overwrite)
+      return c.Fail(
+          "Existing networking configuration database must be deleted before creating new one");
+    return OverwriteDatabase(c.function(), path);
+  });
 }
 
 // True when the database file exists.
@@ -265,93 +249,72 @@ bool PLR_CanReadNetworkingDB(void) {
   return PLRNetCfgCheckVersion(path);
 }
 
-// Removes the database file while the library is not loaded.
+// Removes the database file while the library is not loaded. This call
+// writes no exit line; a removal attempt ends with a second entry line.
 bool PLR_DeleteNetworkingDB(void) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (IsLoaded()) {
-    PLOG(LOG_ERR, "%s", kLoadedRefusal);
-    return false;
-  }
-  char path[PLR_PATH_SIZE];
-  if (!DatabasePath(__func__, path)) return false;
-  const bool ok = PLRRemoveFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, path);
-  // The closing line repeats the entry line, with this line's number.
-  ApiFrame closing(__func__, __LINE__);
-  return ok;
+  return ApiCall(__func__, kAnyState, [&](Api& c) {
+    c.SkipExit();
+    if (IsLoaded()) return c.Fail("%s", kLoadedRefusal);
+    char path[PLR_PATH_SIZE];
+    if (!DatabasePath(c.function(), path)) return false;
+    const bool ok = PLRRemoveFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, path);
+    Api(c.function(), __LINE__).SkipExit();
+    return ok;
+  });
 }
 
 // The default database as NUL-terminated text; the caller frees it.
 char* PLR_ExportDatabaseToBuffer(void) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return nullptr;
-  char* buffer = nullptr;
-  if (!PLRNetCfgExportConfigToBuffer(nullptr, &buffer, false, true)) {
-    PLOG(LOG_ERR, "Failed to export configuration database to buffer");
-    free(buffer);
-    PLR_RETURN(frame, static_cast<char*>(nullptr));
-  }
-  PLOG(LOG_OK, "Exported configuration database to buffer");
-  PLR_RETURN(frame, buffer);
+  return ApiCall(__func__, [&](Api& c) -> char* {
+    char* buffer = nullptr;
+    if (!PLRNetCfgExportConfigToBuffer(nullptr, &buffer, false, true)) {
+      c.Log(LOG_ERR, "Failed to export configuration database to buffer");
+      free(buffer);
+      return nullptr;
+    }
+    c.Log(LOG_OK, "Exported configuration database to buffer");
+    return buffer;
+  });
 }
 
 // Writes the default database as a backup file.
 bool PLR_ExportDatabaseToFile(const char* file) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - f: %p,%s", static_cast<const void*>(file), PLR_STR(file));
-  if (file == nullptr) file = kDefaultExchangeFile;
-  const bool ok = WithWriteLock(__func__, [&] {
-    if (!PLRNetCfgExportConfig(nullptr, file, 0)) {
-      PLOG_AS("PLR_ExportDatabaseToFile", LOG_ERR,
-              "Failed to export configuration database to backup file:%s", file);
-      return false;
-    }
-    PLOG_AS("PLR_ExportDatabaseToFile", LOG_OK,
-            "Exported configuration database to backup file: %s", file);
-    return true;
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - f: %p,%s", static_cast<const void*>(file), PLR_STR(file));
+    if (file == nullptr) file = kDefaultExchangeFile;
+    return c.Locked([&] {
+      return c.Outcome(PLRNetCfgExportConfig(nullptr, file, 0),
+                       "Exported configuration database to backup file: %s",
+                       "Failed to export configuration database to backup file:%s", file);
+    });
   });
-  PLR_RETURN(frame, ok);
 }
 
 bool PLR_ImportDatabaseFromFile(const char* file) {
-  return plr::ImportOrMerge(__func__, __LINE__, file, false);
+  return ApiCall(__func__, kAnyState, [&](Api& c) { return ImportOrMerge(c, file, false); });
 }
 
 bool PLR_MergeDatabaseFromFile(const char* file) {
-  return plr::ImportOrMerge(__func__, __LINE__, file, true);
+  return ApiCall(__func__, kAnyState, [&](Api& c) { return ImportOrMerge(c, file, true); });
 }
 
 // Removes every trace of one vnet's configuration, refusing while anything
 // of it runs.
 bool PLR_DeleteVnetFromDatabase(const char* vnetName) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - v: %p,%s", static_cast<const void*>(vnetName), PLR_STR(vnetName));
-  if (vnetName == nullptr) {
-    PLOG(LOG_ERR, "Invalid argument - kavix: %p", static_cast<const void*>(vnetName));
-    PLR_RETURN(frame, false);
-  }
-  uint32_t vnet = PLR_VNET_NONE;
-  if (!api::VnetNumber(__func__, vnetName, &vnet)) PLR_RETURN(frame, false);
-  const bool readOnly = PLRNetCfgIsReadOnly(nullptr);
-  if (!readOnly && !NothingRunsOn(__func__, vnet, vnetName)) PLR_RETURN(frame, false);
-  const bool ok = WithWriteLock(__func__, [&] {
-    const char* fn = "PLR_DeleteVnetFromDatabase";
-    const bool all = RemoveVnetConfiguration(fn, vnet, vnetName, readOnly);
-    if (all)
-      PLOG_AS(fn, LOG_OK, "Vnet: %s is successfully unconfigured", vnetName);
-    else
-      PLOG_AS(fn, LOG_ERR,
-              "Not able to delete some configration information for one/more of the services "
-              "for vnet: %s",
-              vnetName);
-    return all;
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - v: %p,%s", static_cast<const void*>(vnetName), PLR_STR(vnetName));
+    uint32_t vnet = PLR_VNET_NONE;
+    if (!api::VnetArg(c, vnetName, &vnet, api::NameWording::kKavix)) return false;
+    const bool readOnly = PLRNetCfgIsReadOnly(nullptr);
+    if (!readOnly && !NothingRunsOn(c.function(), vnet, vnetName)) return false;
+    return c.Locked([&] {
+      return c.Outcome(RemoveVnetConfiguration(c.function(), vnet, vnetName, readOnly),
+                       "Vnet: %s is successfully unconfigured",
+                       "Not able to delete some configration information for one/more of the "
+                       "services for vnet: %s",
+                       vnetName);
+    });
   });
-  PLR_RETURN(frame, ok);
 }
 
 }  // extern "C"

@@ -80,42 +80,43 @@ bool Matches(uint8_t criterion, bool present) {
          criterion == (present ? PLR_FEATURE_PRESENT : PLR_FEATURE_ABSENT);
 }
 
+// The features a vnet search compares, with their names in the mismatch lines.
 struct Criterion {
   uint32_t index;
-  const char* mismatch;
+  const char* name;
 };
 constexpr Criterion kConfigCriteria[] = {
-    {PLR_FEATURE_CFG_BRIDGE, "Bridge config-time feature does not match"},
-    {PLR_FEATURE_CFG_DHCP, "DHCP config-time feature does not match"},
-    {PLR_FEATURE_CFG_NAT, "NAT config-time feature does not match"},
-    {PLR_FEATURE_CFG_HOSTONLY, "Host only adapter config-time feature does not match"},
+    {PLR_FEATURE_CFG_BRIDGE, "Bridge"},
+    {PLR_FEATURE_CFG_DHCP, "DHCP"},
+    {PLR_FEATURE_CFG_NAT, "NAT"},
+    {PLR_FEATURE_CFG_HOSTONLY, "Host only adapter"},
 };
 constexpr Criterion kRuntimeCriteria[] = {
-    {PLR_FEATURE_RT_BRIDGE, "Bridge runtime feature does not match"},
-    {PLR_FEATURE_RT_DHCP, "DHCP runtime feature does not match"},
-    {PLR_FEATURE_RT_NAT, "NAT runtime feature does not match"},
-    {PLR_FEATURE_RT_HOSTONLY, "Host only adapter runtime feature does not match"},
+    {PLR_FEATURE_RT_BRIDGE, "Bridge"},
+    {PLR_FEATURE_RT_DHCP, "DHCP"},
+    {PLR_FEATURE_RT_NAT, "NAT"},
+    {PLR_FEATURE_RT_HOSTONLY, "Host only adapter"},
 };
 
-constexpr const char* kFind = "PLR_FindVnetWithFeatures";
-
-bool ConfigMatches(const PLR_VnetFeatures& want, const VnetFeatureValues& v) {
+// Whether the configured features match; logs the first mismatch under `fn`.
+bool ConfigMatches(const char* fn, const PLR_VnetFeatures& want, const VnetFeatureValues& v) {
   if (!Matches(want.subnet, v.subnet)) {
-    PLOG_AS(kFind, LOG_INFO2, "Subnet config-time feature does not match");
+    PLOG_AS(fn, LOG_INFO2, "Subnet config-time feature does not match");
     return false;
   }
   for (const Criterion& c : kConfigCriteria) {
     if (Matches(want.configFeatures[c.index], v.config[c.index])) continue;
-    PLRLog(LOG_INFO2, kFind, "%s", c.mismatch);
+    PLOG_AS(fn, LOG_INFO2, "%s config-time feature does not match", c.name);
     return false;
   }
   return true;
 }
 
-bool RuntimeMatches(const PLR_VnetFeatures& want, const VnetFeatureValues& v) {
+// Whether the runtime features match; logs the first mismatch under `fn`.
+bool RuntimeMatches(const char* fn, const PLR_VnetFeatures& want, const VnetFeatureValues& v) {
   for (const Criterion& c : kRuntimeCriteria) {
     if (Matches(want.runtimeFeatures[c.index], v.runtime[c.index])) continue;
-    PLRLog(LOG_INFO2, kFind, "%s", c.mismatch);
+    PLOG_AS(fn, LOG_INFO2, "%s runtime feature does not match", c.name);
     return false;
   }
   return true;
@@ -135,6 +136,8 @@ void WriteAnswer(uint32_t vnet, const VnetFeatureValues& v, PLR_VnetFeatures* ft
 }  // namespace
 }  // namespace plr
 
+using namespace plr;
+
 extern "C" {
 
 uint32_t PLR_GetNumberOfVnets(void) {
@@ -143,63 +146,56 @@ uint32_t PLR_GetNumberOfVnets(void) {
 
 // Describes the record's vnet: configured features and what runs for it.
 bool PLR_GetVnetFeatures(PLR_VnetFeatures* ft) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - ft: %p", static_cast<void*>(ft));
-  VnetFeatureValues values;
-  bool ok = RecordUsable(__func__, ft);
-  if (ok && ft->netId.vnet >= PLR_MAX_VNETS) {
-    PLOG(LOG_ERR, "Invalid vnet number: %d", static_cast<int>(ft->netId.vnet));
-    ok = false;
-  }
-  if (ok) {
-    const uint32_t vnet = ft->netId.vnet;
-    ReadConfigFeatures(vnet, &values);
-    memset(ft->configFeatures, 0, sizeof ft->configFeatures);
-    ft->subnet = values.subnet;
-    for (uint32_t i = 0; i < 4; ++i) ft->configFeatures[i] = values.config[i];
-    ReadServiceFeatures(vnet, &values);
-    memset(ft->runtimeFeatures, 0, sizeof ft->runtimeFeatures);
-    for (uint32_t i = 0; i < 3; ++i) ft->runtimeFeatures[i] = values.runtime[i];
-    ok = ReadAdapterFeature(__func__, vnet, &values);
-    if (ok) ft->runtimeFeatures[PLR_FEATURE_RT_HOSTONLY] = values.runtime[PLR_FEATURE_RT_HOSTONLY];
-  }
-  if (!ok) {
-    PLOG(LOG_ERR, "Failed to return vnet features");
-    PLR_RETURN(frame, false);
-  }
-  PLOG(LOG_INFO2, "Returning features of vnet");
-  PLR_RETURN(frame, true);
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - ft: %p", static_cast<void*>(ft));
+    VnetFeatureValues values;
+    bool ok = RecordUsable(c.function(), ft);
+    if (ok && ft->netId.vnet >= PLR_MAX_VNETS) {
+      c.Log(LOG_ERR, "Invalid vnet number: %d", static_cast<int>(ft->netId.vnet));
+      ok = false;
+    }
+    if (ok) {
+      const uint32_t vnet = ft->netId.vnet;
+      ReadConfigFeatures(vnet, &values);
+      memset(ft->configFeatures, 0, sizeof ft->configFeatures);
+      ft->subnet = values.subnet;
+      for (uint32_t i = 0; i < 4; ++i) ft->configFeatures[i] = values.config[i];
+      ReadServiceFeatures(vnet, &values);
+      memset(ft->runtimeFeatures, 0, sizeof ft->runtimeFeatures);
+      for (uint32_t i = 0; i < 3; ++i) ft->runtimeFeatures[i] = values.runtime[i];
+      ok = ReadAdapterFeature(c.function(), vnet, &values);
+      if (ok)
+        ft->runtimeFeatures[PLR_FEATURE_RT_HOSTONLY] = values.runtime[PLR_FEATURE_RT_HOSTONLY];
+    }
+    if (!ok) return c.Fail("Failed to return vnet features");
+    c.Log(LOG_INFO2, "Returning features of vnet");
+    return true;
+  });
 }
 
 // Finds the first vnet from the record's vnet upwards that matches its
 // criteria and rewrites the record to describe it.
 bool PLR_FindVnetWithFeatures(PLR_VnetFeatures* ft) {
-  using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - ft: %p", static_cast<void*>(ft));
-  if (!RecordUsable(__func__, ft)) PLR_RETURN(frame, false);
-  if (ft->netId.vnet >= PLR_MAX_VNETS) {
-    PLOG(LOG_ERR, "Invalid index of starting vnet: %d", static_cast<int>(ft->netId.vnet));
-    PLR_RETURN(frame, false);
-  }
-  for (uint32_t vnet = ft->netId.vnet; vnet < PLR_MAX_VNETS; ++vnet) {
-    PLOG(LOG_INFO2, "Looking at vnet: %u to see if it matches", vnet);
-    VnetFeatureValues values;
-    ReadConfigFeatures(vnet, &values);
-    if (!ConfigMatches(*ft, values)) continue;
-    ReadServiceFeatures(vnet, &values);
-    if (!ReadAdapterFeature(__func__, vnet, &values)) PLR_RETURN(frame, false);
-    if (!RuntimeMatches(*ft, values)) continue;
-    WriteAnswer(vnet, values, ft);
-    PLOG(LOG_INFO, "Found matching vnet: %d", static_cast<int>(vnet));
-    PLOG(LOG_OK, "Returning matching vnet: %d", static_cast<int>(vnet));
-    PLR_RETURN(frame, true);
-  }
-  PLOG(LOG_ERR, "Could not find any matching vnet");
-  PLR_RETURN(frame, false);
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - ft: %p", static_cast<void*>(ft));
+    if (!RecordUsable(c.function(), ft)) return false;
+    if (ft->netId.vnet >= PLR_MAX_VNETS)
+      return c.Fail("Invalid index of starting vnet: %d", static_cast<int>(ft->netId.vnet));
+    for (uint32_t vnet = ft->netId.vnet; vnet < PLR_MAX_VNETS; ++vnet) {
+      c.Log(LOG_INFO2, "Looking at vnet: %u to see if it matches", vnet);
+      VnetFeatureValues values;
+      ReadConfigFeatures(vnet, &values);
+      if (!ConfigMatches(c.function(), *ft, values)) continue;
+      ReadServiceFeatures(vnet, &values);
+      if (!ReadAdapterFeature(c.function(), vnet, &values)) return false;
+      if (!RuntimeMatches(c.function(), *ft, values)) continue;
+      WriteAnswer(vnet, values, ft);
+      c.Log(LOG_INFO, "Found matching vnet: %d", static_cast<int>(vnet));
+      c.Log(LOG_OK, "Returning matching vnet: %d", static_cast<int>(vnet));
+      return true;
+    }
+    return c.Fail("Could not find any matching vnet");
+  });
 }
 
 }  // extern "C"

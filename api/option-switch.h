@@ -6,30 +6,36 @@
 
 namespace plr::api {
 
-// The log texts of one option. Each text receives the vnet name as its only
-// argument (texts without a placeholder ignore it), except `changing`, which
-// receives the current and the requested status (%u, %u).
-struct SwitchTexts {
-  const char* same;       // LOG_INFO: current status equals the request
-  const char* cleanedUp;  // LOG_INFO / LOG_ERR: clean-up of the current configuration
-  const char* cleanupFailed;
-  const char* changing;        // LOG_INFO2
-  const char* beforeOn;        // LOG_INFO2 on the way to switching on, or nullptr
-  const char* subnetAttempt;   // LOG_INFO2
-  const char* subnetFailed;    // LOG_ERR
-  const char* subnetAssigned;  // at `subnetAssignedLevel`
-  unsigned subnetAssignedLevel;
-  const char* on;  // LOG_OK / LOG_ERR
-  const char* onFailed;
-  const char* off;  // LOG_OK / LOG_ERR
-  const char* offFailed;
-  const char* rollback;  // LOG_ERR before an assigned subnet is removed, or nullptr
+// One switch request, as the option's log lines see it.
+struct SwitchCall {
+  const char* function;  // the exported function the lines are logged under
+  uint32_t vnet;
+  const char* vnetName;
+  bool current;  // the status before the call
+  bool use;      // the requested status
+  bool removeConfig;
+};
+
+// The points of a switch where the option writes its own log line. The
+// steps marked "outcome" are told whether the step succeeded.
+enum class SwitchStep {
+  kSame,     // current status equals the request
+  kCleanup,  // outcome: clean-up of the current configuration
+  kChanging,
+  kBeforeOn,
+  kSubnetAttempt,
+  kSubnetFailed,
+  kSubnetAssigned,
+  kOn,        // outcome
+  kOff,       // outcome
+  kRollback,  // before a subnet this call assigned is removed again
 };
 
 struct OptionSwitch {
   bool (*current)(uint32_t vnet);
   bool (*set)(uint32_t vnet, bool use, bool removeConfig);
-  SwitchTexts texts;
+  // Writes the option's line for `step` (nothing for steps it has no line for).
+  void (*say)(const SwitchCall& call, SwitchStep step, bool ok);
 };
 
 // Switches `option` to `use`; the caller holds the write bracket. An equal

@@ -3,40 +3,88 @@
 #include "pelorus/netcfg.h"
 
 namespace plr {
+namespace {
 
-ApiFrame::ApiFrame(const char* function, int line) : function_(function) {
+// The outcome pair behind LogOutcome and Api::Outcome.
+bool VLogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                 const char* errFormat, va_list args) __attribute__((format(printf, 4, 0)))
+__attribute__((format(printf, 5, 0)));
+bool VLogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                 const char* errFormat, va_list args) {
+  PLRVLog(ok ? okLevel : LOG_ERR, function, ok ? okFormat : errFormat, args);
+  return ok;
+}
+
+}  // namespace
+
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                const char* errFormat, ...) {
+  va_list args;
+  va_start(args, errFormat);
+  VLogOutcome(function, ok, okLevel, okFormat, errFormat, args);
+  va_end(args);
+  return ok;
+}
+
+Api::Api(const char* function, int line) : function_(function), line_(line) {
   PLRLog(LOG_INFO2, nullptr, "\n----------------------------------\nEntering API Function, %s:%d\n",
          function, line);
 }
 
-bool ApiFrame::Loaded() const {
+bool Api::Loaded() {
   if (IsLoaded()) return true;
   PLRLog(LOG_ERR, function_, "Pelorus Un-Initialized. Aborting API Function: %s", function_);
+  SkipExit();
   return false;
 }
 
-void ApiFrame::Args(const char* format, ...) const {
+void Api::Args(const char* format, ...) const {
   va_list args;
   va_start(args, format);
   PLRVLog(LOG_ARGS, function_, format, args);
   va_end(args);
 }
 
-void ApiFrame::WriteExit(int line) const {
-  PLRLog(LOG_INFO2, nullptr, "\nExiting API Function, %s:%d\n-----------\n", function_, line);
+void Api::Log(LogLevel level, const char* format, ...) const {
+  va_list args;
+  va_start(args, format);
+  PLRVLog(level, function_, format, args);
+  va_end(args);
 }
 
-WriteBracket::WriteBracket(const char* function, LockMode mode) {
+bool Api::Fail(const char* format, ...) const {
+  va_list args;
+  va_start(args, format);
+  PLRVLog(LOG_ERR, function_, format, args);
+  va_end(args);
+  return false;
+}
+
+bool Api::Outcome(bool ok, const char* okFormat, const char* errFormat, ...) const {
+  va_list args;
+  va_start(args, errFormat);
+  VLogOutcome(function_, ok, LOG_OK, okFormat, errFormat, args);
+  va_end(args);
+  return ok;
+}
+
+void Api::Exit() {
+  if (exited_) return;
+  exited_ = true;
+  PLRLog(LOG_INFO2, nullptr, "\nExiting API Function, %s:%d\n-----------\n", function_, line_);
+}
+
+Api::Bracket::Bracket(const char* function, LockMode mode) {
   if (mode == LockMode::kUnlessReadOnly && PLRNetCfgIsReadOnly(nullptr)) {
-    ok_ = true;
+    ok = true;
     return;
   }
-  ok_ = PLRNetCfgLockConfig(nullptr);
-  if (!ok_) PLRLog(LOG_ERR, function, "Failed to obtain lock on vnet config");
+  ok = PLRNetCfgLockConfig(nullptr);
+  if (!ok) PLRLog(LOG_ERR, function, "Failed to obtain lock on vnet config");
 }
 
-WriteBracket::~WriteBracket() {
-  if (ok_) PLRNetCfgUnlockConfig(nullptr);
+Api::Bracket::~Bracket() {
+  if (ok) PLRNetCfgUnlockConfig(nullptr);
 }
 
 }  // namespace plr

@@ -1,96 +1,120 @@
-// The frame every exported PLR_ function runs in, and the write bracket of
-// every function that changes the database. One object each, so no function
-// spells out its entry/exit lines or its lock/unlock pair by hand.
+// The call every exported PLR_ function runs as: entry line, loaded check,
+// argument line, refusals, the write bracket, the outcome line and the exit
+// line, so an exported function spells out only its own steps:
 //
-//   bool PLR_SetVnetMTU(const char* vnetName, uint32_t mtu) {
-//     plr::ApiFrame frame(__func__, __LINE__);
-//     if (!frame.Loaded()) return false;
-//     frame.Args("Arguments - v: %p,%s, mtu: %u", vnetName, PLR_STR(vnetName), mtu);
-//     ...checks: a refused call never takes the lock...
-//     bool ok = plr::WithWriteLock(__func__, [&] { return ...work...; });
-//     PLR_RETURN(frame, ok);
+//   bool PLR_SetVnetDisplayName(const char* vnetName, const char* displayName) {
+//     return plr::ApiCall(__func__, [&](plr::Api& c) {
+//       c.Args("Arguments - v: %p,%s, ...", vnetName, PLR_STR(vnetName), ...);
+//       uint32_t vnet;
+//       if (!plr::api::VnetArg(c, vnetName, &vnet)) return false;
+//       bool ok = c.Locked([&] { return PLRSetVnetDisplayName(vnet, displayName); });
+//       return c.Outcome(ok, "Successfully set ...: %s", "Error setting ...: %s", vnetName);
+//     });
 //   }
 //
-// WithWriteLock releases the lock before the exit line is written, as the
-// log order requires (work, unlock, exit line).
+// Both the entry and the exit line carry the line of the function's return
+// statement. The body runs as a lambda, so it logs through `c` (whose name is
+// the exported function's), never through PLOG, which would name the lambda.
 #pragma once
+
+#include <source_location>
 
 #include "core/log.h"
 
-// Text of a possibly missing string argument in argument lines.
-#define PLR_STR(s) ((s) != nullptr ? (s) : "null")
-
-// Writes the exit line with the line number of this return and returns `value`.
-#define PLR_RETURN(frame, value) return (frame).Exit((value), __LINE__)
-
 namespace plr {
 
-class ApiFrame {
+// Logs `okFormat` at `okLevel` when `ok`, else `errFormat` at LOG_ERR, both
+// under `function` and with the same arguments; returns `ok`.
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                const char* errFormat, ...) __attribute__((format(printf, 4, 6)))
+__attribute__((format(printf, 5, 6)));
+
+// Whether the write bracket asks PLRNetCfgIsReadOnly first (the usual one)
+// or takes the lock unconditionally (the update-from-config and service
+// calls, which lock even a read-only cache).
+enum class LockMode { kUnlessReadOnly, kAlways };
+
+// One running exported call, handed to its body by ApiCall. Writes the entry
+// line when made and the exit line when it ends (unless skipped or written
+// early with Exit).
+class Api {
  public:
-  // Writes the entry line naming `function` and the line of its entry.
-  ApiFrame(const char* function, int line);
-  ApiFrame(const ApiFrame&) = delete;
-  ApiFrame& operator=(const ApiFrame&) = delete;
-
-  // The loaded check: when the library is not loaded, logs
-  // "Pelorus Un-Initialized. Aborting API Function: %s" and returns false;
-  // the function then returns its failure value without an exit line.
-  bool Loaded() const;
-
-  // The argument line, at LOG_ARGS under the function's name.
-  void Args(const char* format, ...) const __attribute__((format(printf, 2, 3)));
-
-  // Writes the exit line with `line` and passes `value` through.
-  template <class T>
-  T Exit(T value, int line) const {
-    WriteExit(line);
-    return value;
-  }
-  void Exit(int line) const { WriteExit(line); }
+  Api(const char* function, int line);
+  Api(const Api&) = delete;
+  Api& operator=(const Api&) = delete;
+  ~Api() { Exit(); }
 
   const char* function() const { return function_; }
 
+  // The loaded check: when the library is not loaded, logs
+  // "Pelorus Un-Initialized. Aborting API Function: %s" and the call ends
+  // without an exit line.
+  bool Loaded();
+
+  // The argument line, at LOG_ARGS.
+  void Args(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+  // One line under the call's name.
+  void Log(LogLevel level, const char* format, ...) const __attribute__((format(printf, 3, 4)));
+  // A refusal: one LOG_ERR line; returns false.
+  bool Fail(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+  // The outcome pair: LOG_OK or LOG_ERR line; returns `ok`.
+  bool Outcome(bool ok, const char* okFormat, const char* errFormat, ...) const
+      __attribute__((format(printf, 3, 5))) __attribute__((format(printf, 4, 5)));
+
+  // Runs `work` inside the write bracket: the database lock is taken (unless
+  // the default cache is read-only and `mode` allows that) and released
+  // before this returns. False without running `work` when the lock cannot
+  // be taken ("Failed to obtain lock on vnet config"); a failed lock calls
+  // no unlock, an open bracket always calls PLRNetCfgUnlockConfig.
+  template <class Work>
+  bool Locked(Work&& work, LockMode mode = LockMode::kUnlessReadOnly) const {
+    Bracket bracket(function_, mode);
+    return bracket.ok && work();
+  }
+
+  // This return writes no exit line.
+  void SkipExit() { exited_ = true; }
+  // Writes the exit line now rather than when the call ends (for cleanup
+  // that must log after it); later calls write nothing.
+  void Exit();
+
  private:
-  void WriteExit(int line) const;
+  struct Bracket {
+    Bracket(const char* function, LockMode mode);
+    Bracket(const Bracket&) = delete;
+    Bracket& operator=(const Bracket&) = delete;
+    ~Bracket();
+    bool ok = false;
+  };
+
   const char* function_;
+  int line_;
+  bool exited_ = false;
 };
 
-// Whether the bracket asks PLRNetCfgIsReadOnly first (the usual write
-// bracket) or takes the lock unconditionally (the update-from-config and
-// service calls, which lock even a read-only cache).
-enum class LockMode { kUnlessReadOnly, kAlways };
+// Selects the ApiCall that does not require a loaded library.
+struct AnyState {};
+inline constexpr AnyState kAnyState{};
 
-// Takes the database lock unless the default cache is read-only, and always
-// releases what it took when the scope ends. A failed lock is logged as
-// "Failed to obtain lock on vnet config" under the caller's name. Once the
-// bracket is open, PLRNetCfgUnlockConfig is called at its end in every case,
-// also when a read-only cache took no lock (it then only logs); a failed lock
-// calls no unlock.
-class WriteBracket {
- public:
-  explicit WriteBracket(const char* function, LockMode mode = LockMode::kUnlessReadOnly);
-  WriteBracket(const WriteBracket&) = delete;
-  WriteBracket& operator=(const WriteBracket&) = delete;
-  ~WriteBracket();
-
-  // True when the work may go ahead: locked, or the cache is read-only.
-  bool Ok() const { return ok_; }
-
- private:
-  bool ok_ = false;
-};
-
-// Runs `work` inside a write bracket; false without running it when the lock
-// cannot be taken. The bracket is closed before this returns.
-template <class Work>
-bool WithWriteLock(const char* function, LockMode mode, Work&& work) {
-  WriteBracket bracket(function, mode);
-  return bracket.Ok() && work();
+// Runs `body(Api&)` as the exported function `function` (pass __func__);
+// when the library is not loaded the call ends with `Result{}` (false, 0 or
+// null) and the body does not run.
+template <class Body>
+auto ApiCall(const char* function, Body&& body,
+             std::source_location where = std::source_location::current()) {
+  Api call(function, static_cast<int>(where.line()));
+  using Result = decltype(body(call));
+  if (!call.Loaded()) return Result{};
+  return body(call);
 }
 
-template <class Work>
-bool WithWriteLock(const char* function, Work&& work) {
-  return WithWriteLock(function, LockMode::kUnlessReadOnly, static_cast<Work&&>(work));
+// The same for the few functions that also run while the library is not
+// loaded (load, unload, the database file calls).
+template <class Body>
+auto ApiCall(const char* function, AnyState, Body&& body,
+             std::source_location where = std::source_location::current()) {
+  Api call(function, static_cast<int>(where.line()));
+  return body(call);
 }
 
 }  // namespace plr

@@ -39,29 +39,31 @@ void OpenDefaultLog() {
 
 // Switches to the log file configured in the database, when there is one
 // that differs from the default; keeps the current stream when it cannot be
-// opened. A path that does not fit the 256-byte buffer counts as none.
-void SwitchToConfiguredLog() {
+// opened, logging that under `function`. A path that does not fit the
+// 256-byte buffer counts as none.
+void SwitchToConfiguredLog(const char* function) {
   char path[PLR_PATH_SIZE];
   if (!PLRGetLogPath(path, sizeof path) || strcmp(path, kDefaultLogPath) == 0) return;
   FILE* stream = sys::fopen(path, kLogMode);
   if (stream == nullptr) {
-    PLOG_AS("PLR_Load", LOG_ERR, "fopen: opening log file: %s failed, error: %s", path,
+    PLOG_AS(function, LOG_ERR, "fopen: opening log file: %s failed, error: %s", path,
             strerror(errno));
     return;
   }
   ReplaceLogStream(stream);
 }
 
-// One line at every level, so the log shows at a glance which levels are on.
-void WriteLevelTestLines(const char* dbPath) {
-  PLOG_AS("PLR_Load", LOG_ERR, "LOG_ERR logged");
-  PLOG_AS("PLR_Load", LOG_ERRCMN, "LOG_ERRCMN logged");
-  PLOG_AS("PLR_Load", LOG_WRN, "LOG_WRN logged");
-  PLOG_AS("PLR_Load", LOG_OK, "LOG_OK logged");
-  PLOG_AS("PLR_Load", LOG_INFO, "LOG_INFO logged");
-  PLOG_AS("PLR_Load", LOG_INFO2, "LOG_INFO2 logged");
-  PLOG_AS("PLR_Load", LOG_ARGS, "LOG_ARGS logged");
-  PLOG_AS("PLR_Load", LOG_INFO, "Config file used: %s", dbPath);
+// One line at every level under `function`, so the log shows at a glance
+// which levels are on.
+void WriteLevelTestLines(const char* function, const char* dbPath) {
+  PLOG_AS(function, LOG_ERR, "LOG_ERR logged");
+  PLOG_AS(function, LOG_ERRCMN, "LOG_ERRCMN logged");
+  PLOG_AS(function, LOG_WRN, "LOG_WRN logged");
+  PLOG_AS(function, LOG_OK, "LOG_OK logged");
+  PLOG_AS(function, LOG_INFO, "LOG_INFO logged");
+  PLOG_AS(function, LOG_INFO2, "LOG_INFO2 logged");
+  PLOG_AS(function, LOG_ARGS, "LOG_ARGS logged");
+  PLOG_AS(function, LOG_INFO, "Config file used: %s", dbPath);
 }
 
 // The check shared by the raw answer functions, which run without the API
@@ -87,7 +89,6 @@ extern "C" {
 // later calls only count up. A failed load leaves the count at 0 with the
 // cache released, but keeps the log stream it opened as the stream in force.
 bool PLR_Load(int readOnly) {
-  const int entryLine = __LINE__;
   if (plrContext.loadCount != 0) {
     ++plrContext.loadCount;
     PLOG(LOG_INFO, "pelorus is already loaded");
@@ -99,43 +100,43 @@ bool PLR_Load(int readOnly) {
     return false;
   }
   plr::OpenDefaultLog();
-  plr::ApiFrame frame(__func__, entryLine);
-
-  if (!PLRNetCfgLoad(dbPath, nullptr, false, readOnly != 0)) {
-    PLOG(LOG_ERR, "Error loading the vnet configuration, file used: %s", dbPath);
-  } else if (!PLRFileDirBookkeepingDBLoad()) {
-    PLOG(LOG_ERR, "Failed to load the file creation database");
-  } else {
-    plrContext.currentLevel = PLRGetVnetCfgLogLevel();
-    plr::SwitchToConfiguredLog();
-    plr::WriteLevelTestLines(dbPath);
-    // Only primes the cache: an invalid stored value is logged there and
-    // does not fail the load.
-    PLRGetDefaultBridgeVnet(nullptr);
-    ++plrContext.loadCount;
-    PLOG(LOG_OK, "Successfully initialized Pelorus");
-    PLR_RETURN(frame, true);
-  }
-  // Undo of a partial load: the cache without compaction, then the bookkeeping.
-  PLRNetCfgUnload(nullptr, false);
-  PLRFileDirBookkeepingDBUnload();
-  PLR_RETURN(frame, false);
+  return plr::ApiCall(__func__, plr::kAnyState, [&](plr::Api& c) {
+    if (!PLRNetCfgLoad(dbPath, nullptr, false, readOnly != 0)) {
+      c.Log(plr::LOG_ERR, "Error loading the vnet configuration, file used: %s", dbPath);
+    } else if (!PLRFileDirBookkeepingDBLoad()) {
+      c.Log(plr::LOG_ERR, "Failed to load the file creation database");
+    } else {
+      plrContext.currentLevel = PLRGetVnetCfgLogLevel();
+      plr::SwitchToConfiguredLog(c.function());
+      plr::WriteLevelTestLines(c.function(), dbPath);
+      // Only primes the cache: an invalid stored value is logged there and
+      // does not fail the load.
+      PLRGetDefaultBridgeVnet(nullptr);
+      ++plrContext.loadCount;
+      c.Log(plr::LOG_OK, "Successfully initialized Pelorus");
+      return true;
+    }
+    // Undo of a partial load: the cache without compaction, then the bookkeeping.
+    PLRNetCfgUnload(nullptr, false);
+    PLRFileDirBookkeepingDBUnload();
+    return false;
+  });
 }
 
 // Counts one load down; the last one releases the default cache (compacting
 // the database file when `compact` is set and it was modified), the
 // bookkeeping and the log stream. Unloading while not loaded only logs.
 void PLR_Unload2(int compact) {
-  plr::ApiFrame frame(__func__, __LINE__);
-  if (plrContext.loadCount == 0) {
-    PLOG(LOG_INFO, "pelorus is not loaded");
-  } else if (--plrContext.loadCount == 0) {
-    PLRNetCfgUnload(nullptr, compact != 0);
-    PLRFileDirBookkeepingDBUnload();
-    PLOG(LOG_OK, "Pelorus unloaded.");
-    plr::ReplaceLogStream(nullptr);
-  }
-  frame.Exit(__LINE__);
+  plr::ApiCall(__func__, plr::kAnyState, [&](plr::Api& c) {
+    if (plrContext.loadCount == 0) {
+      c.Log(plr::LOG_INFO, "pelorus is not loaded");
+    } else if (--plrContext.loadCount == 0) {
+      PLRNetCfgUnload(nullptr, compact != 0);
+      PLRFileDirBookkeepingDBUnload();
+      c.Log(plr::LOG_OK, "Pelorus unloaded.");
+      plr::ReplaceLogStream(nullptr);
+    }
+  });
 }
 
 // The usual unload: compacts the database file on the last unload.

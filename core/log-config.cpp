@@ -53,33 +53,24 @@ bool PLRGetLogPath(char* buffer, size_t size) {
 // Stores a new default mask for the next load; the mask in force is left
 // alone. Masks with bits above the highest level are refused.
 bool PLR_SetDefaultLogLevel(unsigned level) {
-  plr::ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - level: 0x%x", level);
-  if (level > PLR_LOG_MAX_LEVEL) {
-    PLOG(LOG_ERR, "Invalid log level: %x, max log level: %x", level, PLR_LOG_MAX_LEVEL);
-    PLR_RETURN(frame, false);
-  }
-  bool ok = false;
-  {
-    // The lock is released before the outcome and exit lines are written.
-    plr::WriteBracket bracket(__func__);
-    if (!bracket.Ok()) PLR_RETURN(frame, false);
-    ok = PLRSetVnetCfgLogLevel(static_cast<int>(level));
-  }
-  if (ok) {
-    PLOG(LOG_OK, "Default log level set to: 0x%x", level);
-  } else {
-    PLOG(LOG_ERR, "Failed to set default log level: 0x%x", level);
-  }
-  PLR_RETURN(frame, ok);
+  return plr::ApiCall(__func__, [&](plr::Api& c) {
+    c.Args("Arguments - level: 0x%x", level);
+    if (level > PLR_LOG_MAX_LEVEL)
+      return c.Fail("Invalid log level: %x, max log level: %x", level, PLR_LOG_MAX_LEVEL);
+    bool locked = false;
+    bool ok = c.Locked([&] {
+      locked = true;
+      return PLRSetVnetCfgLogLevel(static_cast<int>(level));
+    });
+    if (!locked) return false;  // the failed lock is the one line
+    return c.Outcome(ok, "Default log level set to: 0x%x", "Failed to set default log level: 0x%x",
+                     level);
+  });
 }
 
 // The stored default mask; 0 when the library is not loaded.
 uint32_t PLR_GetDefaultLogLevel(void) {
-  plr::ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return 0;
-  PLR_RETURN(frame, PLRGetVnetCfgLogLevel());
+  return plr::ApiCall(__func__, [](plr::Api&) { return PLRGetVnetCfgLogLevel(); });
 }
 
 // Sets the mask in force. Works loaded or not and logs nothing, so a caller

@@ -61,3 +61,6 @@ class FunctionTrace {
 #define PLOG(level, ...) PLRLog(::plr::level, __func__, __VA_ARGS__)
 // Logs under an explicit name (for lambdas and helpers speaking for a caller).
 #define PLOG_AS(name, level, ...) PLRLog(::plr::level, (name), __VA_ARGS__)
+
+// Text of a possibly missing string argument in log lines.
+#define PLR_STR(s) ((s) != nullptr ? (s) : "null")

@@ -8,7 +8,6 @@
 #include <string>
 
 #include "base/fs-util.h"
-#include "core/frame.h"
 #include "core/log.h"
 #include "netcfg/db-internal.h"
 #include "pelorus/dbapi.h"

@@ -13,7 +13,6 @@
 #include "base/fs-util.h"
 #include "base/str-util.h"
 #include "base/sys-util.h"
-#include "core/frame.h"
 #include "core/log.h"
 #include "netcfg/whole-db.h"
 #include "pelorus/dbapi.h"

@@ -206,9 +206,9 @@ bool ResolveMoveSource(const char* adapter, const PLR_NetworkID* source, uint32_
 
 // Copies the non-kavix elements of `source` into the slots that follow
 // `header`, linking them; returns false when list and count disagree.
-bool FillContiguousList(const PLR_HostAdapter* source, uint32_t expected,
+// Logs under `fn`.
+bool FillContiguousList(const char* fn, const PLR_HostAdapter* source, uint32_t expected,
                         PLR_HostAdapterList* header) {
-  const char* fn = "PLR_GetHostAdapterList";
   auto* slots = reinterpret_cast<PLR_HostAdapter*>(header + 1);
   uint32_t copied = 0;
   uint32_t visited = 0;
@@ -245,117 +245,90 @@ extern "C" {
 // Reports the default bridge vnet as a network-ID record.
 bool PLR_GetBridgeDefaultNetwork(PLR_NetworkID* out) {
   using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - netId: %p", static_cast<void*>(out));
-  if (out == nullptr) {
-    PLOG(LOG_ERR, "Invalid argument - netId: %p", static_cast<void*>(out));
-    PLR_RETURN(frame, false);
-  }
-  if (out->version != PLR_NETID_VERSION) {
-    PLOG(LOG_ERR, "Unsupported version number: %u", out->version);
-    PLR_RETURN(frame, false);
-  }
-  uint32_t vnet = PLR_VNET_NONE;
-  if (!PLRGetDefaultBridgeVnet(&vnet)) {
-    PLOG(LOG_ERR, "Failed to get value of default bridge");
-    PLR_RETURN(frame, false);
-  }
-  out->vnet = vnet;
-  out->netType = PLR_NETID_TYPE_VNET;
-  PLR_RETURN(frame, true);
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - netId: %p", static_cast<void*>(out));
+    if (out == nullptr) return c.Fail("Invalid argument - netId: %p", static_cast<void*>(out));
+    if (out->version != PLR_NETID_VERSION)
+      return c.Fail("Unsupported version number: %u", out->version);
+    uint32_t vnet = PLR_VNET_NONE;
+    if (!PLRGetDefaultBridgeVnet(&vnet)) return c.Fail("Failed to get value of default bridge");
+    out->vnet = vnet;
+    out->netType = PLR_NETID_TYPE_VNET;
+    return true;
+  });
 }
 
 // Makes vnet 0 or none the default bridge; adapters stay where they were
 // bridged because they get explicit mappings first.
 bool PLR_SetBridgeDefaultNetwork(const PLR_NetworkID* in) {
   using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - netId: %p", static_cast<const void*>(in));
-  if (in == nullptr || !PLRValidateNetIDStruct(in)) {
-    PLOG(LOG_ERR, "Invalid arguments - netId: %p", static_cast<const void*>(in));
-    PLR_RETURN(frame, false);
-  }
-  DefaultBridgeChange change;
-  change.requested = in->vnet;
-  // Only vnet 0 or none can be the default bridge.
-  if (change.requested != 0 && change.requested != PLR_VNET_NONE) {
-    PLOG(LOG_ERR, "Invalid vnet number for default bridge: %d", static_cast<int>(change.requested));
-    PLR_RETURN(frame, false);
-  }
-  if (!PLRGetDefaultBridgeVnet(&change.current)) {
-    PLOG(LOG_ERR, "Failed to get value of default bridge");
-    PLR_RETURN(frame, false);
-  }
-  if (change.requested == change.current) {
-    PLOG(LOG_INFO, "Current and requested values of DefaultBridgeVnet are same. Nothing to do");
-    PLR_RETURN(frame, true);
-  }
-  bool ok = false;
-  {
-    WriteBracket bracket(__func__);
-    if (!bracket.Ok()) PLR_RETURN(frame, false);
-    change.readOnly = PLRNetCfgIsReadOnly(nullptr);
-    if (change.requested == PLR_VNET_NONE) {
-      // The adapters bridged by default to C get explicit mappings to C.
-      change.listOwner = change.newOwner = change.current;
-    } else {
-      // The adapters bridged to nothing get explicit mappings to R.
-      change.listOwner = PLR_VNET_NONE;
-      change.newOwner = change.requested;
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - netId: %p", static_cast<const void*>(in));
+    if (in == nullptr || !PLRValidateNetIDStruct(in))
+      return c.Fail("Invalid arguments - netId: %p", static_cast<const void*>(in));
+    DefaultBridgeChange change;
+    change.requested = in->vnet;
+    // Only vnet 0 or none can be the default bridge.
+    if (change.requested != 0 && change.requested != PLR_VNET_NONE)
+      return c.Fail("Invalid vnet number for default bridge: %d",
+                    static_cast<int>(change.requested));
+    if (!PLRGetDefaultBridgeVnet(&change.current))
+      return c.Fail("Failed to get value of default bridge");
+    if (change.requested == change.current) {
+      c.Log(LOG_INFO, "Current and requested values of DefaultBridgeVnet are same. Nothing to do");
+      return true;
     }
-    ok = ApplyDefaultBridgeChange(change);
-    if (!ok) UndoDefaultBridgeChange(change);
-  }
-  PLR_RETURN(frame, ok);
+    return c.Locked([&] {
+      change.readOnly = PLRNetCfgIsReadOnly(nullptr);
+      if (change.requested == PLR_VNET_NONE) {
+        // The adapters bridged by default to C get explicit mappings to C.
+        change.listOwner = change.newOwner = change.current;
+      } else {
+        // The adapters bridged to nothing get explicit mappings to R.
+        change.listOwner = PLR_VNET_NONE;
+        change.newOwner = change.requested;
+      }
+      if (ApplyDefaultBridgeChange(change)) return true;
+      UndoDefaultBridgeChange(change);
+      return false;
+    });
+  });
 }
 
 // Every adapter, host-enumerated or mapped, with its vnet, as one block.
 bool PLR_GetHostAdapterList(uint32_t version, PLR_HostAdapterList** out) {
   using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - version: %u, header: %p", version, static_cast<void*>(out));
-  if (out == nullptr) {
-    PLOG(LOG_ERR, "Invalid argument - header: %p", static_cast<void*>(out));
-    PLR_RETURN(frame, false);
-  }
-  if (version != PLR_HOSTADAPTER_VERSION) {
-    PLOG(LOG_ERR, "Unsupported version number: %u", version);
-    PLR_RETURN(frame, false);
-  }
-  uint32_t count = 0;
-  AdapterList source;
-  if (!PLRGetVnetBridge(PLR_VNET_ALL, &count, source.out())) {
-    PLOG(LOG_ERR, "Error creating list of adapters on host");
-    PLR_RETURN(frame, false);
-  }
-  PLOG(LOG_INFO2, "Obtained non-contig list of %u adapters", count);
-  // Logged on every exit from here on, when `source` is freed.
-  ScopeExit logFree(
-      [] { PLOG_AS("PLR_GetHostAdapterList", LOG_INFO2, "Freeing non-contig list of adapters"); });
-  auto* header = static_cast<PLR_HostAdapterList*>(
-      calloc(1, sizeof(PLR_HostAdapterList) + size_t{count} * sizeof(PLR_HostAdapter)));
-  if (header == nullptr) {
-    PLOG(LOG_ERR, "Error in allocating memory for PLR_HostAdapterList");
-    PLR_RETURN(frame, false);
-  }
-  header->version = PLR_HOSTADAPTER_VERSION;
-  if (!FillContiguousList(source.get(), count, header)) {
-    free(header);
-    PLR_RETURN(frame, false);
-  }
-  PLOG(LOG_OK, "Returning list of %u host adapters", header->count);
-  *out = header;
-  PLR_RETURN(frame, true);
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - version: %u, header: %p", version, static_cast<void*>(out));
+    if (out == nullptr) return c.Fail("Invalid argument - header: %p", static_cast<void*>(out));
+    if (version != PLR_HOSTADAPTER_VERSION)
+      return c.Fail("Unsupported version number: %u", version);
+    uint32_t count = 0;
+    AdapterList source;
+    if (!PLRGetVnetBridge(PLR_VNET_ALL, &count, source.out()))
+      return c.Fail("Error creating list of adapters on host");
+    c.Log(LOG_INFO2, "Obtained non-contig list of %u adapters", count);
+    // Logged on every return from here on, after the exit line, when
+    // `source` is freed.
+    ScopeExit logFree([&] { c.Log(LOG_INFO2, "Freeing non-contig list of adapters"); });
+    ScopeExit exitFirst([&] { c.Exit(); });
+    auto* header = static_cast<PLR_HostAdapterList*>(
+        calloc(1, sizeof(PLR_HostAdapterList) + size_t{count} * sizeof(PLR_HostAdapter)));
+    if (header == nullptr) return c.Fail("Error in allocating memory for PLR_HostAdapterList");
+    header->version = PLR_HOSTADAPTER_VERSION;
+    if (!FillContiguousList(c.function(), source.get(), count, header)) {
+      free(header);
+      return false;
+    }
+    c.Log(LOG_OK, "Returning list of %u host adapters", header->count);
+    *out = header;
+    return true;
+  });
 }
 
 // Frees a list made by PLR_GetHostAdapterList; needs no loaded library.
 void PLR_FreeHostAdapterList(PLR_HostAdapterList* list) {
-  plr::ApiFrame frame(__func__, __LINE__);
-  free(list);
-  frame.Exit(__LINE__);
+  plr::ApiCall(__func__, plr::kAnyState, [&](plr::Api&) { free(list); });
 }
 
 // Bridges one adapter to another vnet (the default bridge when no
@@ -363,55 +336,42 @@ void PLR_FreeHostAdapterList(PLR_HostAdapterList* list) {
 bool PLR_BridgeMoveAdapter(const PLR_HostAdapter* adapter, const PLR_NetworkID* source,
                            const PLR_NetworkID* destination) {
   using namespace plr;
-  ApiFrame frame(__func__, __LINE__);
-  if (!frame.Loaded()) return false;
-  frame.Args("Arguments - adapter: %p, source: %p, destination: %p",
-             static_cast<const void*>(adapter), static_cast<const void*>(source),
-             static_cast<const void*>(destination));
-  if (adapter == nullptr) {
-    PLOG(LOG_ERR, "Invalid arguments - adapter: %p", static_cast<const void*>(adapter));
-    PLR_RETURN(frame, false);
-  }
-  if (adapter->version != PLR_HOSTADAPTER_VERSION) {
-    PLOG(LOG_ERR, "Unsupported adapter version: %u", adapter->version);
-    PLR_RETURN(frame, false);
-  }
-  AdapterMove move;
-  move.adapter = adapter->name;
-  if (!PLRGetDefaultBridgeVnet(&move.defaultBridge)) {
-    PLOG(LOG_ERR, "Failed to get value of default bridge");
-    PLR_RETURN(frame, false);
-  }
-  move.destination = move.defaultBridge;
-  if (destination != nullptr) {
-    if (!PLRValidateNetIDStruct(destination)) {
-      PLOG(LOG_ERR, "Invalid destination network");
-      PLR_RETURN(frame, false);
+  return ApiCall(__func__, [&](Api& c) {
+    c.Args("Arguments - adapter: %p, source: %p, destination: %p",
+           static_cast<const void*>(adapter), static_cast<const void*>(source),
+           static_cast<const void*>(destination));
+    if (adapter == nullptr)
+      return c.Fail("Invalid arguments - adapter: %p", static_cast<const void*>(adapter));
+    if (adapter->version != PLR_HOSTADAPTER_VERSION)
+      return c.Fail("Unsupported adapter version: %u", adapter->version);
+    AdapterMove move;
+    move.adapter = adapter->name;
+    if (!PLRGetDefaultBridgeVnet(&move.defaultBridge))
+      return c.Fail("Failed to get value of default bridge");
+    move.destination = move.defaultBridge;
+    if (destination != nullptr) {
+      if (!PLRValidateNetIDStruct(destination)) return c.Fail("Invalid destination network");
+      move.destination = destination->vnet;
     }
-    move.destination = destination->vnet;
-  }
-  if (!ResolveMoveSource(move.adapter, source, &move.source)) PLR_RETURN(frame, false);
-  PLOG(LOG_INFO2, "SourceVnet: %d, DestinationVnet: %d", static_cast<int>(move.source),
-       static_cast<int>(move.destination));
-  if (move.destination == move.source) {
-    PLOG(LOG_INFO, "Host adapter: %s is already configured as bridge for vnet: %d", move.adapter,
-         static_cast<int>(move.destination));
-    PLR_RETURN(frame, true);
-  }
-  if (move.destination != move.defaultBridge && move.destination != PLR_VNET_NONE &&
-      !PLRGetVnetBridge(move.destination, nullptr, move.displaced.out())) {
-    PLOG(LOG_ERR, "Failed to get adapter bridged to vnet: %d", static_cast<int>(move.destination));
-    PLR_RETURN(frame, false);
-  }
-  bool ok = false;
-  {
-    WriteBracket bracket(__func__);
-    if (!bracket.Ok()) PLR_RETURN(frame, false);
-    move.readOnly = PLRNetCfgIsReadOnly(nullptr);
-    ok = ApplyAdapterMove(move);
-    if (!ok) UndoAdapterMove(move);
-  }
-  PLR_RETURN(frame, ok);
+    if (!ResolveMoveSource(move.adapter, source, &move.source)) return false;
+    c.Log(LOG_INFO2, "SourceVnet: %d, DestinationVnet: %d", static_cast<int>(move.source),
+          static_cast<int>(move.destination));
+    if (move.destination == move.source) {
+      c.Log(LOG_INFO, "Host adapter: %s is already configured as bridge for vnet: %d", move.adapter,
+            static_cast<int>(move.destination));
+      return true;
+    }
+    if (move.destination != move.defaultBridge && move.destination != PLR_VNET_NONE &&
+        !PLRGetVnetBridge(move.destination, nullptr, move.displaced.out()))
+      return c.Fail("Failed to get adapter bridged to vnet: %d",
+                    static_cast<int>(move.destination));
+    return c.Locked([&] {
+      move.readOnly = PLRNetCfgIsReadOnly(nullptr);
+      if (ApplyAdapterMove(move)) return true;
+      UndoAdapterMove(move);
+      return false;
+    });
+  });
 }
 
 }  // extern "C"
