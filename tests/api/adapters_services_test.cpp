@@ -48,17 +48,17 @@ TEST_F(AdaptersServicesTest, ServiceStatusAndRefusals) {
   EXPECT_EQ(PLR_GetServiceStatus("kavix1", PLR_SERVICE_TYPE_DHCP), PLR_SERVICE_STOPPED);
   Mark();
   EXPECT_FALSE(PLR_StartService("kavix1", PLR_SERVICE_TYPE_DHCP));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_StartService - DHCP configuration file needed for the service does not exist"));
   EXPECT_FALSE(TookLockSinceMark());
   Mark();
   EXPECT_FALSE(PLR_StartService("kavix1", PLR_SERVICE_TYPE_NAT));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_StartService - \"NAT\" service is not configured for this vnet"));
+      LogHas("PLR_StartService - \"NAT\" service is not configured for this vnet"));
   Mark();
   EXPECT_FALSE(PLR_StartService("kavix2", PLR_SERVICE_TYPE_NETIFUP));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_StartService - \"Netifup\" service is not configured for this vnet"));
+      LogHas("PLR_StartService - \"Netifup\" service is not configured for this vnet"));
 }
 
 TEST_F(AdaptersServicesTest, StartingARunningServiceTakesNoLock) {
@@ -71,11 +71,11 @@ TEST_F(AdaptersServicesTest, StartingARunningServiceTakesNoLock) {
   Mark();
   ASSERT_TRUE(PLR_StartService("kavix1", PLR_SERVICE_TYPE_NAT));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_StartService - \"NAT\" Service is already running on the vnet: kavix1"));
+      LogHas("PLR_StartService - \"NAT\" Service is already running on the vnet: kavix1"));
   EXPECT_FALSE(TookLockSinceMark());
   Mark();
   ASSERT_TRUE(PLR_StopService("kavix1", PLR_SERVICE_TYPE_NAT));
-  EXPECT_TRUE(LoggedSinceMark("PLR_StopService - Stopped \"NAT\" service on vnet: kavix1"));
+  EXPECT_TRUE(LogHas("PLR_StopService - Stopped \"NAT\" service on vnet: kavix1"));
   EXPECT_TRUE(TookLockSinceMark());
   EXPECT_EQ(PLR_GetServiceStatus("kavix1", PLR_SERVICE_TYPE_NAT), PLR_SERVICE_STOPPED);
 }
@@ -88,8 +88,8 @@ TEST_F(AdaptersServicesTest, KavixDeviceCreateAndDelete) {
   EXPECT_FALSE(FileExists("/dev/kavix7"));
   Mark();
   EXPECT_FALSE(PLR_CreateKavixDevice("kavix300"));
-  EXPECT_TRUE(LoggedSinceMark("PLRCreateDeleteKavixDevice - Invalid vnet name: kavix300"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas("PLRCreateDeleteKavixDevice - Invalid vnet name: kavix300"));
+  EXPECT_TRUE(LogHas(
       "PLRCreateDeleteKavixDevice - Failed to create kavix device for vmet: kavix300"));
 }
 
@@ -102,7 +102,7 @@ TEST_F(AdaptersServicesTest, AdapterStatusWithoutAdapterIsAnAnswer) {
   Mark();
   ASSERT_TRUE(PLR_DisableNetworkAdapter("kavix1"));  // no interface kavix1: nothing to do
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_DisableNetworkAdapter - Hostonly adapter: kavix1 does not exist"));
+      LogHas("PLR_DisableNetworkAdapter - Hostonly adapter: kavix1 does not exist"));
   EXPECT_FALSE(TookLockSinceMark());
 }
 
@@ -121,7 +121,7 @@ TEST_F(AdaptersServicesTest, UseAdapterAssignsSubnetAndRollsBack) {
   EXPECT_EQ(Answer(2, "HOSTONLY_SUBNET"), "<absent>");
   EXPECT_EQ(Answer(2, "VIRTUAL_ADAPTER"), "<absent>");
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_SetVnetUseAdapter - Configuring Adapter failed on vnet: kavix2, current "
+      LogHas("PLR_SetVnetUseAdapter - Configuring Adapter failed on vnet: kavix2, current "
                       "status unknown"));
 
   ASSERT_TRUE(PLR_SetVnetAdapterAddr("kavix1", "10.0.0.9"));
@@ -153,7 +153,7 @@ TEST_F(AdaptersServicesTest, HostOnlyAdapterOnVeth) {
 
   Mark();
   ASSERT_TRUE(PLR_EnableNetworkAdapter("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_EnableNetworkAdapter - Adapter is already enabled"));
+  EXPECT_TRUE(LogHas("PLR_EnableNetworkAdapter - Adapter is already enabled"));
 
   ASSERT_TRUE(PLR_DisableNetworkAdapter("kavix1"));
   EXPECT_FALSE(InterfaceUp("kavix1"));
@@ -173,9 +173,9 @@ TEST_F(AdaptersServicesTest, EnableFailureStopsOnlyTheNetifupItStarted) {
   SetDaemonMode("kavix-netifup", "mode normal\n");
   Mark();
   EXPECT_FALSE(PLR_EnableNetworkAdapter("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_EnableNetworkAdapter - Failed to enable hostonly adapter on vnet: kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_EnableNetworkAdapter - Stopped netifup service on vnet: kavix1 during cleanup"));
   EXPECT_FALSE(FileExists(kNetifupPid));
   EXPECT_EQ(PLR_GetServiceStatus("kavix1", PLR_SERVICE_TYPE_NETIFUP), PLR_SERVICE_STOPPED);
@@ -185,9 +185,9 @@ TEST_F(AdaptersServicesTest, EnableFailureStopsOnlyTheNetifupItStarted) {
   ASSERT_GT(netifup, 0);
   Mark();
   EXPECT_FALSE(PLR_EnableNetworkAdapter("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_EnableNetworkAdapter - netifup service is already running on vnet: kavix1"));
-  EXPECT_FALSE(LoggedSinceMark(
+  EXPECT_FALSE(LogHas(
       "PLR_EnableNetworkAdapter - Stopped netifup service on vnet: kavix1 during cleanup"));
   EXPECT_TRUE(ProcessAlive(netifup));
   EXPECT_EQ(PLR_GetServiceStatus("kavix1", PLR_SERVICE_TYPE_NETIFUP), PLR_SERVICE_RUNNING);

@@ -462,7 +462,7 @@ TEST_P(BadInputTest, IsRefusedWithItsMessageWithoutLockOrChange) {
   Mark();
   const BadCall& bad = GetParam();
   EXPECT_EQ(bad.call(), bad.expected);
-  EXPECT_TRUE(LoggedSinceMark(bad.line)) << "expected: " << bad.line;
+  EXPECT_TRUE(LogHas(bad.line)) << "expected: " << bad.line;
   EXPECT_FALSE(TookLockSinceMark());
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 }
@@ -482,7 +482,7 @@ TEST_F(ApiTest, UpperCaseVnetNameIsAcceptedByEveryFunction) {
     Mark();
     ResetOuts();
     nc.call("KAVIX1");
-    EXPECT_FALSE(LoggedSinceMark(std::string(nc.function) + " - Invalid vnet name: KAVIX1"))
+    EXPECT_FALSE(LogHas(std::string(nc.function) + " - Invalid vnet name: KAVIX1"))
         << nc.function;
   }
 }
@@ -502,11 +502,11 @@ TEST_F(ApiTest, CallsBeforeLoadAbortWithoutExitLine) {
   EXPECT_FALSE(PLR_CreateKavixDevice("kavix1"));
   fclose(plrContext.logStream);
   plrContext.logStream = nullptr;
-  EXPECT_EQ(CountOf(Log(), "Pelorus Un-Initialized. Aborting API Function: PLR_SetVnetMTU"), 1);
-  EXPECT_EQ(CountOf(Log(), "Pelorus Un-Initialized. Aborting API Function: PLR_GetServiceStatus"),
+  EXPECT_EQ(LogCount("Pelorus Un-Initialized. Aborting API Function: PLR_SetVnetMTU"), 1);
+  EXPECT_EQ(LogCount("Pelorus Un-Initialized. Aborting API Function: PLR_GetServiceStatus"),
             1);
-  EXPECT_EQ(CountOf(Log(), "Exiting API Function, PLR_SetVnetMTU"), 0);
-  EXPECT_EQ(CountOf(Log(), "Exiting API Function, PLR_CreateKavixDevice"), 0);
+  EXPECT_EQ(LogCount("Exiting API Function, PLR_SetVnetMTU"), 0);
+  EXPECT_EQ(LogCount("Exiting API Function, PLR_CreateKavixDevice"), 0);
 }
 
 }  // namespace

@@ -33,15 +33,15 @@ TEST_F(DhcpNatTest, SwitchingOnWithoutSubnetAssignsOne) {
   EXPECT_TRUE(PLR_GetVnetUseDHCP("kavix1"));
   EXPECT_NE(Answer(1, "HOSTONLY_SUBNET"), "<absent>");
   EXPECT_EQ(Answer(1, "HOSTONLY_NETMASK"), "255.255.255.0");
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseDHCP - Attemping to configure subnet for vnet"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseDHCP - New subnet configured"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseDHCP - Success in configuring DHCP for the vnet"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseDHCP - Attemping to configure subnet for vnet"));
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseDHCP - New subnet configured"));
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseDHCP - Success in configuring DHCP for the vnet"));
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetUseDHCP - Current DHCP status: 0, requested status: 1, changing DHCP status"));
 
   ASSERT_TRUE(PLR_SetVnetUseNAT("kavix1", true, false));  // the subnet is there already
   EXPECT_TRUE(PLR_GetVnetUseNAT("kavix1"));
-  EXPECT_EQ(CountOf(Log(), "Attempting to assign an unused subnet for vnet: kavix1"), 0);
+  EXPECT_EQ(LogCount("Attempting to assign an unused subnet for vnet: kavix1"), 0);
 }
 
 TEST_F(DhcpNatTest, SameStatusChangesNothingUnlessCleanupIsAsked) {
@@ -50,18 +50,18 @@ TEST_F(DhcpNatTest, SameStatusChangesNothingUnlessCleanupIsAsked) {
   Mark();
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", true, false));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_SetVnetUseDHCP - Current DHCP status and requested status are same"));
+      LogHas("PLR_SetVnetUseDHCP - Current DHCP status and requested status are same"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", true, true));
-  EXPECT_TRUE(CountOf(Log(), "Cleaned up existing DHCP configuration for vnet: kavix1"));
+  EXPECT_TRUE(LogCount("Cleaned up existing DHCP configuration for vnet: kavix1"));
   EXPECT_EQ(Answer(1, "DHCP_PARAM_LEASE_START_IP"), "<absent>");
   EXPECT_TRUE(PLR_GetVnetUseDHCP("kavix1"));
 
   Mark();
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", false, false));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_SetVnetUseDHCP - Success in unconfiguring DHCP  on vnet: kavix1"));
+      LogHas("PLR_SetVnetUseDHCP - Success in unconfiguring DHCP  on vnet: kavix1"));
   EXPECT_EQ(Answer(1, "HOSTONLY_SUBNET"), "192.168.1.0");  // switching off keeps the subnet
 }
 
@@ -71,14 +71,14 @@ TEST_F(DhcpNatTest, FailedAssignmentLeavesTheFileByteForByte) {
   SetPingRules("* 0\n");
   Mark();
   EXPECT_FALSE(PLR_SetVnetUseDHCP("kavix1", true, false));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseDHCP - Failed to assign subnet to vnet"));
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseDHCP - Failed to assign subnet to vnet"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
   EXPECT_FALSE(PLR_GetVnetUseDHCP("kavix1"));
 
   Mark();
   EXPECT_FALSE(PLR_SetVnetUseNAT("kavix1", true, false));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseNAT - Failed to assign subnet to vnet: kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseNAT - Failed to assign subnet to vnet: kavix1"));
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetUseNAT - Removing assigned subnet for vnet: kavix1 because of error"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 }
@@ -96,8 +96,8 @@ TEST_F(DhcpNatTest, SetterFailureAfterAssignmentRemovesOnlyThisCallsSubnet) {
   EXPECT_EQ(Answer(1, "HOSTONLY_SUBNET"), "<absent>");
   EXPECT_EQ(Answer(1, "HOSTONLY_NETMASK"), "<absent>");
   EXPECT_FALSE(PLR_GetVnetUseNAT("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetUseNAT - Configuring NAT failed on vnet: kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas("PLR_SetVnetUseNAT - Configuring NAT failed on vnet: kavix1"));
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetUseNAT - Removing assigned subnet for vnet: kavix1 because of error"));
   // The journal holds each assignment record followed by its remove record.
   const std::string added = Database().substr(MarkedDatabase().size());
@@ -121,7 +121,7 @@ TEST_F(DhcpNatTest, SetterFailureKeepsASubnetTheVnetHadBefore) {
   EXPECT_EQ(Answer(1, "HOSTONLY_SUBNET"), "192.168.1.0");
   EXPECT_EQ(Answer(1, "HOSTONLY_NETMASK"), "255.255.255.0");
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetUseDHCP - Configuring DHCP failed on vnet: kavix1, current status unknown"));
 }
 
@@ -150,12 +150,12 @@ TEST_F(DhcpNatTest, DhcpParametersByExternalIdWithUnterminatedValues) {
   Mark();
   ASSERT_TRUE(PLR_SetDHCPParam("kavix1", PLR_DHCP_EXT_PARAM_ROUTERS, nullptr, 0));
   EXPECT_EQ(Answer(1, "DHCP_PARAM_ROUTERS"), "<absent>");
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetDHCPParam - Deleted value for DHCP parameter: 13358 for vnet: kavix1"));
 
   Mark();
   EXPECT_FALSE(PLR_SetDHCPParam("kavix1", PLR_DHCP_EXT_PARAM_DNS_ADDR, "1.2.3", 5));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetDHCPParam - Setting value for DHCP Parameter failed, vnet: kavix1, paramID: 13357, "
       "param: 1.2.3"));
   EXPECT_TRUE(TookLockSinceMark());
@@ -172,7 +172,7 @@ TEST_F(DhcpNatTest, NatParametersByExternalId) {
   EXPECT_EQ(len, 12u);
   Mark();
   EXPECT_FALSE(PLR_SetNATParam("kavix1", PLR_NAT_EXT_PARAM_ACTIVE_FTP, "2", 1));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetNATParam - Setting value for NAT parameter: 9031, 2 failed for vnet: kavix1"));
   ASSERT_TRUE(PLR_SetNATParam("kavix1", PLR_NAT_EXT_PARAM_UDP_TIMEOUT, nullptr, 0));
   EXPECT_EQ(Answer(1, "NAT_PARAM_UDP_TIMEOUT"), "<absent>");
@@ -201,12 +201,12 @@ TEST_F(DhcpNatTest, StaticMappingsStandardizeTheMacAndEnumerate) {
   }
   EXPECT_EQ(offset, 2u);
   EXPECT_EQ(seen.size(), 2u);
-  EXPECT_TRUE(CountOf(Log(), "No DHCP IP to MAC mappings to enumerate"));
+  EXPECT_TRUE(LogCount("No DHCP IP to MAC mappings to enumerate"));
 
   Mark();
   ASSERT_TRUE(PLR_SetDHCPIPToMAC("kavix1", nullptr, "00:50:56:aa:bb:02"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetDHCPIPToMAC - IP address is NULL"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas("PLR_SetDHCPIPToMAC - IP address is NULL"));
+  EXPECT_TRUE(LogHas(
       "PLR_SetDHCPIPToMAC - Creating/Removing DHCP static mapping succeeded for vnet: kavix1, ip: "
       "null, mac: 00:50:56:aa:bb:02"));
   ipLen = 16;
@@ -225,8 +225,8 @@ TEST_F(DhcpNatTest, PortForwardsWithUnterminatedDescriptions) {
   Mark();
   ASSERT_TRUE(PLR_SetNATPortForward("kavix1", true, 2222, "192.168.1.130", 22, web.get(), 0));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_SetNATPortForward - Using a NULL description since, length is 0"));
-  EXPECT_TRUE(LoggedSinceMark(
+      LogHas("PLR_SetNATPortForward - Using a NULL description since, length is 0"));
+  EXPECT_TRUE(LogHas(
       "PLR_SetNATPortForward - Setting NAT Port Forward succeeded for vnet: kavix1, tcp: 1, "
       "hostPort: 2222, vm IP: 192.168.1.130, vm port: 22, description: null"));
 
@@ -244,18 +244,18 @@ TEST_F(DhcpNatTest, PortForwardsWithUnterminatedDescriptions) {
   Mark();
   ASSERT_TRUE(
       PLR_GetNATPortForward("kavix1", false, 5353, vmIP, &vmIPLen, &vmPort, nullptr, nullptr))
-      << ::testing::PrintToString(LinesSinceMark());
+      << ::testing::PrintToString(LogText());
   EXPECT_EQ(vmPort, 53);
 
   Mark();
   ASSERT_TRUE(PLR_SetNATPortForward("kavix1", true, 8080, nullptr, 0, nullptr, 0));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetNATPortForward - Removing NAT Port Forward succeeded for vnet: kavix1, tcp: 1, "
       "hostPort: 8080"));
   vmIPLen = 16;
   EXPECT_FALSE(
       PLR_GetNATPortForward("kavix1", true, 8080, vmIP, &vmIPLen, &vmPort, nullptr, nullptr));
-  EXPECT_TRUE(CountOf(Log(), "Getting NAT Port Forward failed on vnet: kavix1"));
+  EXPECT_TRUE(LogCount("Getting NAT Port Forward failed on vnet: kavix1"));
 }
 
 TEST_F(DhcpNatTest, EnumeratingForwardsVisitsEachOnceThenFails) {
@@ -276,7 +276,7 @@ TEST_F(DhcpNatTest, EnumeratingForwardsVisitsEachOnceThenFails) {
   }
   EXPECT_EQ(ports.size(), 10u);
   EXPECT_EQ(offset, 10u);
-  EXPECT_TRUE(CountOf(Log(), "PLR_EnumNATPortForward - No ports to enumerate for vnet: kavix1"));
+  EXPECT_TRUE(LogCount("PLR_EnumNATPortForward - No ports to enumerate for vnet: kavix1"));
   uint16_t hostPort, vmPort;
   char vmIP[16];
   uint32_t vmIPLen = 16;
@@ -291,7 +291,7 @@ TEST_F(DhcpNatTest, UpdateFromConfigRefusesWhileServiceRuns) {
   WriteFile("/var/run/kavix-natd-1.pid", std::to_string(getpid()) + "\n");
   Mark();
   EXPECT_FALSE(PLR_UpdateNATFromConfig("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_UpdateNATFromConfig - NAT service is not in stopped state on this vnet,Cannot update "
       "config information"));
   EXPECT_FALSE(TookLockSinceMark());
@@ -300,7 +300,7 @@ TEST_F(DhcpNatTest, UpdateFromConfigRefusesWhileServiceRuns) {
   WriteFile("/var/run/kavix-dhcpd-kavix1.pid", "abc\n");  // status unknown
   Mark();
   EXPECT_FALSE(PLR_UpdateDHCPFromConfig("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_UpdateDHCPFromConfig - DHCP service is not in stopped state on this vnet, Cannot "
       "update config files"));
 }
@@ -308,8 +308,8 @@ TEST_F(DhcpNatTest, UpdateFromConfigRefusesWhileServiceRuns) {
 TEST_F(DhcpNatTest, UpdateFromConfigWritesAndRemovesFiles) {
   Load(Vnet1Records() + "answer VNET_1_DHCP yes\n");
   Mark();
-  ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1")) << ::testing::PrintToString(LinesSinceMark());
-  EXPECT_TRUE(LoggedSinceMark(
+  ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1")) << ::testing::PrintToString(LogText());
+  EXPECT_TRUE(LogHas(
       "PLR_UpdateDHCPFromConfig - Writing DHCP configuration file succeeded for vnet: kavix1"));
   EXPECT_TRUE(TookLockSinceMark());
   EXPECT_NE(ReadFile("/etc/tarsis/kavix1/dhcpd/dhcpd.conf").find("subnet 192.168.1.0 netmask"),
@@ -317,7 +317,7 @@ TEST_F(DhcpNatTest, UpdateFromConfigWritesAndRemovesFiles) {
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", false, false));
   Mark();
   ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_UpdateDHCPFromConfig - Removing DHCP configuration file succeeded for vnet: kavix1"));
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix1/dhcpd/dhcpd.conf"));
 }

@@ -44,20 +44,20 @@ TEST_F(VnetPropertiesTest, GettersReportTheirLengthsAtTheMinimumSize) {
   EXPECT_STREQ(addr, "192.168.1.1");
   EXPECT_EQ(addrLen, 12u);
   EXPECT_TRUE(
-      CountOf(Log(), "PLR_GetVnetAdapterAddr - Retrieved adapter address: 192.168.1.1, len: 12"));
+      LogCount("PLR_GetVnetAdapterAddr - Retrieved adapter address: 192.168.1.1, len: 12"));
 
   // Without a stored address and without the computed default: failure, length kept.
   addrLen = sizeof addr;
   Mark();
   EXPECT_FALSE(PLR_GetVnetAdapterAddr("kavix1", addr, &addrLen, false));
   EXPECT_EQ(addrLen, 16u);
-  EXPECT_TRUE(LoggedSinceMark("PLR_GetVnetAdapterAddr - Failure in getting the adapter address"));
+  EXPECT_TRUE(LogHas("PLR_GetVnetAdapterAddr - Failure in getting the adapter address"));
 
   nameLen = 200;
   Mark();
   EXPECT_FALSE(PLR_GetVnetDisplayName("kavix2", name, &nameLen));
   EXPECT_EQ(nameLen, 200u);
-  EXPECT_TRUE(LoggedSinceMark("PLR_GetVnetDisplayName - Failure in getting display name"));
+  EXPECT_TRUE(LogHas("PLR_GetVnetDisplayName - Failure in getting display name"));
 }
 
 TEST_F(VnetPropertiesTest, KavixTwoFiftyFiveIsAValidName) {
@@ -74,18 +74,18 @@ TEST_F(VnetPropertiesTest, SettersWriteThroughAndNullRemoves) {
   Load(Vnet1Records());
   Mark();
   ASSERT_TRUE(PLR_SetVnetSubnetAddr("kavix1", "10.20.30.0"));
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetSubnetAddr - Successfully set set the subnet address for vnet: kavix1"));
   EXPECT_EQ(Database(), MarkedDatabase() +
                             "remove_answer VNET_1_HOSTONLY_SUBNET\n"
                             "answer VNET_1_HOSTONLY_SUBNET 10.20.30.0\n");
   EXPECT_TRUE(TookLockSinceMark());
-  EXPECT_TRUE(LoggedSinceMark("PLRNetCfgUnlockConfig - Config file unlocking success"));
+  EXPECT_TRUE(LogHas("PLRNetCfgUnlockConfig - Config file unlocking success"));
 
   Mark();
   ASSERT_TRUE(PLR_SetVnetSubnetAddr("kavix1", nullptr));
   EXPECT_EQ(Answer(1, "HOSTONLY_SUBNET"), "<absent>");
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetSubnetAddr - Successfully removed set the subnet address for vnet: kavix1"));
 
   ASSERT_TRUE(PLR_SetVnetSubnetMask("kavix1", "255.255.0.0"));
@@ -94,7 +94,7 @@ TEST_F(VnetPropertiesTest, SettersWriteThroughAndNullRemoves) {
   ASSERT_TRUE(PLR_SetVnetSubnetMask("kavix1", nullptr));
   EXPECT_EQ(Answer(1, "HOSTONLY_NETMASK"), "<absent>");
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_SetVnetSubnetMask - Successfully removed the mask for vnet: kavix1"));
+      LogHas("PLR_SetVnetSubnetMask - Successfully removed the mask for vnet: kavix1"));
 
   ASSERT_TRUE(PLR_SetVnetDisplayName("kavix3", "Third"));
   EXPECT_EQ(Answer(3, "DISPLAY_NAME"), "Third");
@@ -104,7 +104,7 @@ TEST_F(VnetPropertiesTest, SettersWriteThroughAndNullRemoves) {
   Mark();
   ASSERT_TRUE(PLR_SetVnetAdapterAddr("kavix1", nullptr));
   EXPECT_EQ(Answer(1, "VIRTUAL_ADAPTER_ADDR"), "<absent>");
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_SetVnetAdapterAddr - Successfully removed adapter address for vnet: kavix1"));
 }
 
@@ -122,7 +122,7 @@ TEST_F(VnetPropertiesTest, MtuRoundTripsAsDecimalTextAndReadsLeniently) {
   EXPECT_EQ(mtu, 9000u);
   Mark();
   ASSERT_TRUE(PLR_RemoveMTU("kavix1"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_RemoveMTU - Removing MTU setting succeeded for vnet: kavix1"));
+  EXPECT_TRUE(LogHas("PLR_RemoveMTU - Removing MTU setting succeeded for vnet: kavix1"));
   mtu = 5;
   EXPECT_FALSE(PLR_GetVnetMTU("kavix1", &mtu));
   EXPECT_EQ(mtu, 5u);
@@ -136,8 +136,8 @@ TEST_F(VnetPropertiesTest, FailedAppendFailsTheSetterAndKeepsTheValue) {
   EXPECT_FALSE(PLR_SetVnetMTU("kavix1", 9000));
   sys::ClearFaults();
   EXPECT_EQ(Answer(1, "MTU"), "1500");
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetMTU - Error setting mtu for vnet: kavix1"));
-  EXPECT_TRUE(LoggedSinceMark("PLRNetCfgUnlockConfig - Config file unlocking success"));
+  EXPECT_TRUE(LogHas("PLR_SetVnetMTU - Error setting mtu for vnet: kavix1"));
+  EXPECT_TRUE(LogHas("PLRNetCfgUnlockConfig - Config file unlocking success"));
 }
 
 // Read-only: no lock is taken, the change stays in the cache, the unlock is
@@ -151,7 +151,7 @@ TEST_F(VnetPropertiesTest, ReadOnlyDatabaseWritesWithoutLockAndStillUnlocks) {
   ASSERT_TRUE(PLR_SetVnetMTU("kavix1", 1400));
   EXPECT_EQ(Answer(1, "MTU"), "1400");
   EXPECT_FALSE(TookLockSinceMark());
-  EXPECT_TRUE(LoggedSinceMark("PLRNetCfgUnlockConfig - Config file is not currently locked"));
+  EXPECT_TRUE(LogHas("PLRNetCfgUnlockConfig - Config file is not currently locked"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 }
 
@@ -161,9 +161,9 @@ TEST_F(VnetPropertiesTest, LockFailureRefusesTheChange) {
   ASSERT_TRUE(PLRNetCfgLockConfig(nullptr));
   Mark();
   EXPECT_FALSE(PLR_SetVnetDisplayName("kavix1", "Other"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetVnetDisplayName - Failed to obtain lock on vnet config"));
+  EXPECT_TRUE(LogHas("PLR_SetVnetDisplayName - Failed to obtain lock on vnet config"));
   EXPECT_EQ(Answer(1, "DISPLAY_NAME"), "Lab network");
-  EXPECT_FALSE(LoggedSinceMark("PLRNetCfgUnlockConfig - Config file unlocking success"));
+  EXPECT_FALSE(LogHas("PLRNetCfgUnlockConfig - Config file unlocking success"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
   PLRNetCfgUnlockConfig(nullptr);
 }
@@ -173,7 +173,7 @@ TEST_F(VnetPropertiesTest, AssignKeepsAnExistingSubnetUnlessAskedToOverwrite) {
   SetPingRules("");
   Mark();
   ASSERT_TRUE(PLR_AssignSubnetAddressToVnet("kavix1", false));
-  EXPECT_TRUE(LoggedSinceMark("PLR_AssignSubnetAddressToVnet - Not overwriting existing subnet"));
+  EXPECT_TRUE(LogHas("PLR_AssignSubnetAddressToVnet - Not overwriting existing subnet"));
   EXPECT_FALSE(TookLockSinceMark());
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
   EXPECT_TRUE(PingCalls().empty());
@@ -182,8 +182,8 @@ TEST_F(VnetPropertiesTest, AssignKeepsAnExistingSubnetUnlessAskedToOverwrite) {
   const std::string subnet = Answer(1, "HOSTONLY_SUBNET");
   EXPECT_NE(subnet, "192.168.1.0");
   EXPECT_EQ(Answer(1, "HOSTONLY_NETMASK"), "255.255.255.0");
-  EXPECT_TRUE(LoggedSinceMark("PLR_AssignSubnetAddressToVnet - Overwriting existing subnet"));
-  EXPECT_TRUE(LoggedSinceMark("PLR_AssignSubnetAddressToVnet - Subnet address: " + subnet));
+  EXPECT_TRUE(LogHas("PLR_AssignSubnetAddressToVnet - Overwriting existing subnet"));
+  EXPECT_TRUE(LogHas("PLR_AssignSubnetAddressToVnet - Subnet address: " + subnet));
 }
 
 TEST_F(VnetPropertiesTest, AssignFailsWhenEveryCandidateAnswers) {
@@ -192,7 +192,7 @@ TEST_F(VnetPropertiesTest, AssignFailsWhenEveryCandidateAnswers) {
   Mark();
   EXPECT_FALSE(PLR_AssignSubnetAddressToVnet("kavix4", false));
   EXPECT_TRUE(
-      LoggedSinceMark("PLR_AssignSubnetAddressToVnet - Failed to assign subnet to vnet: kavix4"));
+      LogHas("PLR_AssignSubnetAddressToVnet - Failed to assign subnet to vnet: kavix4"));
   EXPECT_TRUE(DatabaseUnchangedSinceMark());
 }
 
@@ -207,18 +207,18 @@ TEST_F(VnetPropertiesTest, UnusedSubnetAndAvailability) {
   bool available = false;
   ASSERT_TRUE(PLR_CheckSubnetAvailability("kavix1", false, 1, 1, &available));
   EXPECT_TRUE(available);
-  EXPECT_TRUE(CountOf(Log(), "Subnet: 192.168.1.0 on vnet: kavix1 is available"));
+  EXPECT_TRUE(LogCount("Subnet: 192.168.1.0 on vnet: kavix1 is available"));
 
   SetPingRules("192.168.1.1 0\n");
   Mark();
   ASSERT_TRUE(PLR_CheckSubnetAvailability("kavix1", false, 1, 1, &available));
   EXPECT_FALSE(available);
-  EXPECT_TRUE(LoggedSinceMark(
+  EXPECT_TRUE(LogHas(
       "PLR_CheckSubnetAvailability - Subnet: 192.168.1.0 on vnet: kavix1 is not available"));
 
   Mark();
   EXPECT_FALSE(PLR_CheckSubnetAvailability("kavix2", false, 1, 1, &available));
-  EXPECT_TRUE(LoggedSinceMark("PLR_CheckSubnetAvailability - Failure in getting subnet address"));
+  EXPECT_TRUE(LogHas("PLR_CheckSubnetAvailability - Failure in getting subnet address"));
 }
 
 // Descriptions come as pointer and length without a NUL: exact-size heap
@@ -228,13 +228,12 @@ TEST_F(VnetPropertiesTest, NatPrefixDescriptionLengthRules) {
   std::unique_ptr<char[]> desc(new char[127]);
   memset(desc.get(), 'd', 127);
   ASSERT_TRUE(PLR_SetNATPrefix("kavix1", "fd15:4ba5:5a2b:1001::/64", desc.get(), 127));
-  EXPECT_TRUE(CountOf(Log(),
-                      "PLR_SetNATPrefix - Setting NAT prefix succeeded for vnet: kavix1, prefix: "
+  EXPECT_TRUE(LogCount("PLR_SetNATPrefix - Setting NAT prefix succeeded for vnet: kavix1, prefix: "
                       "fd15:4ba5:5a2b:1001::/64 \n"));
 
   Mark();
   ASSERT_TRUE(PLR_SetNATPrefix("kavix1", "fd15:4ba5:5a2b:1002::/64", desc.get(), 0));
-  EXPECT_TRUE(LoggedSinceMark("PLR_SetNATPrefix - Using a NULL description since, length is 0"));
+  EXPECT_TRUE(LogHas("PLR_SetNATPrefix - Using a NULL description since, length is 0"));
 
   Mark();
   EXPECT_FALSE(PLR_SetNATPrefix("kavix1", "fd15:4ba5:5a2b:1003::/64", desc.get(), 128));
@@ -248,7 +247,7 @@ TEST_F(VnetPropertiesTest, NatPrefixDescriptionLengthRules) {
   EXPECT_TRUE(PLR_GetNATPrefix("kavix1", "fd15:4ba5:5a2b:1002::/64", nullptr, nullptr));
   Mark();
   EXPECT_FALSE(PLR_GetNATPrefix("kavix1", "fd15:4ba5:5a2b:1003::/64", nullptr, nullptr));
-  EXPECT_TRUE(LoggedSinceMark("PLR_GetNATPrefix - Getting NAT prefix failed on vnet: kavix1"));
+  EXPECT_TRUE(LogHas("PLR_GetNATPrefix - Getting NAT prefix failed on vnet: kavix1"));
   EXPECT_FALSE(PLR_GetNATPrefix("kavix2", "fd15:4ba5:5a2b:1001::/64", nullptr, nullptr));
 }
 
@@ -263,8 +262,8 @@ TEST_F(VnetPropertiesTest, ArgumentLinePrintsNullForMissingValue) {
            static_cast<const void*>(vnet), nullptr);
   Mark();
   ASSERT_TRUE(PLR_SetVnetSubnetMask(vnet, nullptr));
-  EXPECT_TRUE(LoggedSinceMark(expected));
-  EXPECT_EQ(CountOf(Log(), "Exiting API Function, PLR_SetVnetSubnetMask:"), 1);
+  EXPECT_TRUE(LogHas(expected));
+  EXPECT_EQ(LogCount("Exiting API Function, PLR_SetVnetSubnetMask:"), 1);
 }
 
 }  // namespace

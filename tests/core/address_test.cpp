@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "pelorus.h"
-#include "tests/support/core_util.h"
+#include "tests/core/core_util.h"
 #include "tests/support/sandbox.h"
 
 namespace plr::test {

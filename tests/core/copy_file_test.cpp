@@ -10,7 +10,7 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/core_util.h"
+#include "tests/core/core_util.h"
 #include "tests/support/sandbox.h"
 
 namespace plr::test {

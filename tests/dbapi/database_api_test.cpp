@@ -27,10 +27,6 @@ std::string Answer(const char* key) {
   return value;
 }
 
-bool LogHas(const std::string& text) {
-  return FileExists(kLogPath) && ReadFile(kLogPath).find(text) != std::string::npos;
-}
-
 TEST(DatabaseApiUnloaded, CreateKeepsEveryOlderDatabaseAsNumberedBackup) {
   test::WriteProductConfig();
   WriteFile(kDatabasePath, "VERSION=1,0\nanswer VNET_1_DHCP yes\n");
@@ -39,14 +35,14 @@ TEST(DatabaseApiUnloaded, CreateKeepsEveryOlderDatabaseAsNumberedBackup) {
   EXPECT_FALSE(PLR_CreateNetworkingDB(false));
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer VNET_1_DHCP yes\n");
   EXPECT_TRUE(
-      LogHas("Existing networking configuration database must be deleted before "
+      test::LogHas("Existing networking configuration database must be deleted before "
              "creating new one"));
   ASSERT_TRUE(PLR_CreateNetworkingDB(true));
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\n");
   EXPECT_EQ(ReadFile("/etc/tarsis/networking.bak.2"), "VERSION=1,0\nanswer VNET_1_DHCP yes\n");
   EXPECT_EQ(ReadFile("/etc/tarsis/networking.bak.0"), "zero");
   EXPECT_TRUE(
-      LogHas("Created and initialized networking configuration database: "
+      test::LogHas("Created and initialized networking configuration database: "
              "/etc/tarsis/networking"));
   EXPECT_EQ(plrContext.logStream, nullptr) << "the call's own log stream is closed again";
 }
@@ -58,7 +54,7 @@ TEST(DatabaseApiUnloaded, FailedOverwritePutsOldDatabaseBack) {
   sys::ClearFaults();
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer VNET_1_DHCP yes\n");
   EXPECT_FALSE(FileExists("/etc/tarsis/networking.bak.0"));
-  EXPECT_TRUE(LogHas("Failed to create/initialize database file: /etc/tarsis/networking"));
+  EXPECT_TRUE(test::LogHas("Failed to create/initialize database file: /etc/tarsis/networking"));
 }
 
 TEST(DatabaseApiUnloaded, CreateWithoutDatabaseExistsReadAndDelete) {
@@ -87,11 +83,11 @@ TEST(DatabaseApiUnloaded, ImportWithDefaultPathAndMissingFile) {
   test::WriteProductConfig();
   test::WriteDatabase("answer VNET_1_DHCP yes\n");
   EXPECT_FALSE(PLR_ImportDatabaseFromFile(nullptr));
-  EXPECT_TRUE(LogHas("Import file does not exist"));
+  EXPECT_TRUE(test::LogHas("Import file does not exist"));
   WriteFile("/tmp/networking_export", "BACKUP_VERSION=1,0\nanswer VNET_4_NAT yes\n");
   ASSERT_TRUE(PLR_ImportDatabaseFromFile(nullptr));
   EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\nanswer VNET_4_NAT yes\n");
-  EXPECT_TRUE(LogHas("Imported configration data from backup file: /tmp/networking_export"));
+  EXPECT_TRUE(test::LogHas("Imported configration data from backup file: /tmp/networking_export"));
   EXPECT_EQ(plrContext.logStream, nullptr);
 }
 
@@ -109,7 +105,7 @@ TEST_F(DatabaseApi, CreateAndDeleteRefusedWhileLoaded) {
   EXPECT_FALSE(PLR_CreateNetworkingDB(true));
   EXPECT_FALSE(PLR_DeleteNetworkingDB());
   EXPECT_EQ(Database(), before);
-  EXPECT_NE(Log().find("pelorus is initialized, unload the data structures and delete existing "
+  EXPECT_NE(test::LogText().find("pelorus is initialized, unload the data structures and delete existing "
                        "networking configuration database before creating new one"),
             std::string::npos);
 }
@@ -123,7 +119,7 @@ TEST_F(DatabaseApi, ExportToBufferAndToDefaultFile) {
   ASSERT_TRUE(PLR_ExportDatabaseToFile(nullptr));
   EXPECT_EQ(ReadFile("/tmp/networking_export"),
             "BACKUP_VERSION=1,0\nanswer VNET_1_DHCP yes\nadd_bridge_mapping eth0 1\n");
-  EXPECT_NE(Log().find("Arguments - f: (nil),null"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Arguments - f: (nil),null"), std::string::npos);
   // Round trip: the export imports back to the same settings.
   ASSERT_TRUE(PLR_ImportDatabaseFromFile(nullptr));
   text = PLR_ExportDatabaseToBuffer();
@@ -138,7 +134,7 @@ TEST_F(DatabaseApi, DeleteVnetRefusedWhileNatRunsAfterCheckingAllServices) {
   const std::string before = Database();
   EXPECT_FALSE(PLR_DeleteVnetFromDatabase("kavix8"));
   EXPECT_EQ(Database(), before);
-  const std::string log = Log();
+  const std::string log = test::LogText();
   for (const char* line : {"Bridge service is not running on vnet: kavix8",
                            "DHCP service is not running on vnet: kavix8",
                            "NAT service is still running on this vnet Cannot delete config "
@@ -152,12 +148,12 @@ TEST_F(DatabaseApi, DeleteVnetRefusedWhileAdapterExistsOrStatusUnknown) {
   Load("answer VNET_8_NAT yes\n");
   ASSERT_EQ(test::Run("ip tuntap add dev kavix8 mode tap"), 0);
   EXPECT_FALSE(PLR_DeleteVnetFromDatabase("kavix8"));
-  EXPECT_NE(Log().find("Hostonly Adapter kavix8 is still enabled on vnet: kavix8. Cannot delete "
+  EXPECT_NE(test::LogText().find("Hostonly Adapter kavix8 is still enabled on vnet: kavix8. Cannot delete "
                        "config information"),
             std::string::npos);
   WriteFile("/var/run/kavix-bridge-8.pid", "abc\n");
   EXPECT_FALSE(PLR_DeleteVnetFromDatabase("kavix8"));
-  EXPECT_NE(Log().find("Cannot determine status of bridge service on vnet: kavix8"),
+  EXPECT_NE(test::LogText().find("Cannot determine status of bridge service on vnet: kavix8"),
             std::string::npos);
   EXPECT_FALSE(PLR_DeleteVnetFromDatabase("kavix256"));
   EXPECT_FALSE(PLR_DeleteVnetFromDatabase(nullptr));
@@ -172,7 +168,7 @@ TEST_F(DatabaseApi, DeleteVnetRemovesEveryTrace) {
       "answer VNET_9_NAT yes\n");
   ASSERT_TRUE(PLRCreateFile(8, PLR_FILE_KAVIX_DEVICE, nullptr));
   ASSERT_TRUE(PLR_DeleteVnetFromDatabase("kavix8"));
-  EXPECT_NE(Log().find("Vnet: kavix8 is successfully unconfigured"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Vnet: kavix8 is successfully unconfigured"), std::string::npos);
   EXPECT_FALSE(PLRVnetIsOptionConfigured(8, PLR_VNET_OPTION_NAT));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(8, PLR_VNET_OPTION_DHCP));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(8, PLR_VNET_OPTION_VIRTUAL_ADAPTER));
@@ -193,8 +189,8 @@ TEST_F(DatabaseApi, DeleteVnetOnReadOnlyDatabaseSkipsRuntimeChecks) {
   ASSERT_TRUE(PLR_DeleteVnetFromDatabase("kavix8"));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(8, PLR_VNET_OPTION_NAT));
   EXPECT_EQ(Database(), before);
-  EXPECT_EQ(Log().find("NAT service is not running"), std::string::npos);
-  EXPECT_EQ(Log().find("NAT system configuration file"), std::string::npos);
+  EXPECT_EQ(test::LogText().find("NAT service is not running"), std::string::npos);
+  EXPECT_EQ(test::LogText().find("NAT system configuration file"), std::string::npos);
 }
 
 }  // namespace

@@ -68,18 +68,18 @@ TEST_F(Features, RecordChecks) {
   ft.version = 2;
   EXPECT_FALSE(PLR_GetVnetFeatures(&ft));
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&ft));
-  EXPECT_NE(Log().find("Unsupported feature struct version: 2"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Unsupported feature struct version: 2"), std::string::npos);
   ft = Record(1);
   ft.netId.netType = 2;
   EXPECT_FALSE(PLR_GetVnetFeatures(&ft));
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&ft));
-  EXPECT_NE(Log().find("Query unsupported for non-vnets"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Query unsupported for non-vnets"), std::string::npos);
   ft = Record(256);
   EXPECT_FALSE(PLR_GetVnetFeatures(&ft));
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&ft));
-  EXPECT_NE(Log().find("Invalid vnet number: 256"), std::string::npos);
-  EXPECT_NE(Log().find("Invalid index of starting vnet: 256"), std::string::npos);
-  EXPECT_NE(Log().find("Failed to return vnet features"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Invalid vnet number: 256"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Invalid index of starting vnet: 256"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Failed to return vnet features"), std::string::npos);
   EXPECT_FALSE(PLR_GetVnetFeatures(nullptr));
   EXPECT_FALSE(PLR_FindVnetWithFeatures(nullptr));
 }
@@ -118,7 +118,7 @@ TEST_F(Features, SearchWalksUpwardsAndRewritesCriteria) {
   const PLR_VnetFeatures before = bogus;
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&bogus));
   EXPECT_EQ(memcmp(&bogus, &before, sizeof bogus), 0) << "unchanged when nothing matches";
-  EXPECT_NE(Log().find("Could not find any matching vnet"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Could not find any matching vnet"), std::string::npos);
 }
 
 TEST_F(Features, SearchFromLastVnetLooksAtItOnly) {
@@ -126,7 +126,7 @@ TEST_F(Features, SearchFromLastVnetLooksAtItOnly) {
   PLR_VnetFeatures ft = Record(255);
   ft.configFeatures[PLR_FEATURE_CFG_NAT] = PLR_FEATURE_PRESENT;
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&ft));
-  const std::string log = Log();
+  const std::string log = test::LogText();
   EXPECT_NE(log.find("Looking at vnet: 255 to see if it matches"), std::string::npos);
   EXPECT_EQ(log.find("Looking at vnet: 254 to see if it matches"), std::string::npos);
   EXPECT_NE(log.find("NAT config-time feature does not match"), std::string::npos);
@@ -139,7 +139,7 @@ TEST_F(Features, UnreadableAdapterStatusEndsSearchAtOnce) {
   sys::FailFrom(sys::Op::kFopen, 1, EMFILE);  // /proc/net/dev cannot be read
   EXPECT_FALSE(PLR_FindVnetWithFeatures(&ft));
   sys::ClearFaults();
-  const std::string log = Log();
+  const std::string log = test::LogText();
   EXPECT_NE(log.find("Error getting status for virtual adapter: kavix3"), std::string::npos);
   EXPECT_EQ(log.find("Looking at vnet: 4 to see if it matches"), std::string::npos);
 }

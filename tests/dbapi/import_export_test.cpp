@@ -10,7 +10,6 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/bridge_util.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/vnet_util.h"
 
@@ -18,7 +17,6 @@ namespace plr {
 namespace {
 
 using test::FileExists;
-using test::LogCapture;
 using test::ReadFile;
 using test::WriteFile;
 
@@ -58,28 +56,28 @@ int32_t Mapping(const char* adapter) {
 class WholeDatabase : public test::LoadedLibraryTest {};
 
 TEST(CreateDatabase, WritesOnlyTheVersionLineOrNoFile) {
-  LogCapture log;
+  test::LogWhileUnloaded();
   ASSERT_TRUE(PLRNetCfgCreateDB("/tmp/db", false));
   EXPECT_EQ(ReadFile("/tmp/db"), "VERSION=1,0\n");
   ASSERT_TRUE(PLRNetCfgCreateDB("/tmp/bk", true));
   EXPECT_EQ(ReadFile("/tmp/bk"), "BACKUP_VERSION=1,0\n");
-  EXPECT_TRUE(log.Contains("Created and initialized database backup file: /tmp/bk"));
+  EXPECT_TRUE(test::LogHas("Created and initialized database backup file: /tmp/bk"));
   // A failed open or write leaves no file.
   sys::FailNth(sys::Op::kFopen, 1, EACCES);
   EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/nodb", false));
   EXPECT_FALSE(FileExists("/tmp/nodb"));
-  EXPECT_TRUE(log.Contains("Failed to open file: /tmp/nodb, error: Permission denied"));
+  EXPECT_TRUE(test::LogHas("Failed to open file: /tmp/nodb, error: Permission denied"));
   sys::ClearFaults();
   sys::FailNth(sys::Op::kFsync, 1, EIO);
   EXPECT_FALSE(PLRNetCfgCreateDB("/tmp/nodb", false));
   EXPECT_FALSE(FileExists("/tmp/nodb"));
-  EXPECT_TRUE(log.Contains(
+  EXPECT_TRUE(test::LogHas(
       "Failed to write initialization data into file: /tmp/nodberror: Input/output error"));
   sys::ClearFaults();
 }
 
 TEST(CheckVersion, OnlyReadableDatabaseVersionLinesPass) {
-  LogCapture log;
+  test::LogWhileUnloaded();
   const struct {
     const char* text;
     bool ok;
@@ -100,9 +98,9 @@ TEST(CheckVersion, OnlyReadableDatabaseVersionLinesPass) {
     EXPECT_EQ(PLRNetCfgCheckVersion("/tmp/v"), c.ok) << c.text;
   }
   EXPECT_FALSE(PLRNetCfgCheckVersion("/tmp/missing"));
-  EXPECT_TRUE(log.Contains("Cannot find version in database file"));
+  EXPECT_TRUE(test::LogHas("Cannot find version in database file"));
   EXPECT_TRUE(
-      log.Contains("Unable to open network configuration database file, error: No such "
+      test::LogHas("Unable to open network configuration database file, error: No such "
                    "file or directory"));
 }
 
@@ -116,7 +114,7 @@ TEST_F(WholeDatabase, ExportWritesSortedBackupAndTouchesNothingElse) {
   EXPECT_FALSE(PLRNetCfgExportConfig(nullptr, "/tmp/exp2", 1)) << "flags are reserved";
   EXPECT_FALSE(FileExists("/tmp/exp2"));
   EXPECT_FALSE(PLRNetCfgExportConfig(nullptr, "/nonexistent/dir/file", 0));
-  EXPECT_NE(Log().find("Failed to write records to database file: /nonexistent/dir/file"),
+  EXPECT_NE(test::LogText().find("Failed to write records to database file: /nonexistent/dir/file"),
             std::string::npos);
 }
 
@@ -179,7 +177,7 @@ TEST_F(WholeDatabase, LegacyImportUpgradesFieldsAndDropsUnknownKeys) {
   EXPECT_NE(db.find("answer VNET_3_HOSTONLY_SUBNET 192.168.3.0\n"), std::string::npos);
   EXPECT_NE(db.find("answer VNET_9_MTU 1280\n"), std::string::npos);
   EXPECT_EQ(db.find("FOO"), std::string::npos);
-  const std::string log = Log();
+  const std::string log = test::LogText();
   EXPECT_NE(log.find("Failed to parse vnet number in record: VNET_300_DHCP, deleting record"),
             std::string::npos);
   EXPECT_NE(log.find("Deleting record - FOO:bar from backup cache"), std::string::npos);
@@ -202,7 +200,7 @@ TEST_F(WholeDatabase, LegacyNamesOf127And128AndOverlongLines) {
   EXPECT_EQ(Mapping(n128.c_str()), 999);
   EXPECT_EQ(Answer("VNET_2_INTERFACE"), "<absent>");
   EXPECT_EQ(Answer("VNET_4_DHCP"), "yes");
-  const std::string log = Log();
+  const std::string log = test::LogText();
   EXPECT_NE(log.find("Invalid display name: " + n128 + ", deleting record"), std::string::npos);
   EXPECT_NE(log.find("Invalid adapter name: " + n128 + ", deleting record"), std::string::npos);
 }
@@ -266,8 +264,8 @@ TEST_F(FailedImport, UnknownOrBrokenVersion) {
     WriteFile(kBackup, std::string(head) + "answer VNET_1_DHCP yes\n");
     EXPECT_FALSE(PLRNetCfgImportConfig(kBackup, test::kDatabasePath)) << head;
   }
-  EXPECT_NE(Log().find("Unsupported major version, supported: 1, actual: 2"), std::string::npos);
-  EXPECT_NE(Log().find("Failed to parse and load configuration data from backup file: /tmp/backup"),
+  EXPECT_NE(test::LogText().find("Unsupported major version, supported: 1, actual: 2"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Failed to parse and load configuration data from backup file: /tmp/backup"),
             std::string::npos);
   ExpectUntouched();
 }
@@ -295,7 +293,7 @@ TEST_F(FailedImport, FileStepsFailAnywhere) {
     EXPECT_EQ(Database(), before_) << step;
     EXPECT_EQ(Answer("VNET_1_DHCP"), "<absent>") << step;
   }
-  EXPECT_NE(Log().find("Restored database file during error handling"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Restored database file during error handling"), std::string::npos);
   ExpectUntouched();
 }
 
@@ -312,10 +310,10 @@ TEST(ImportUnloaded, ReplacesDatabaseWithoutLoadingIt) {
   test::WriteProductConfig();
   test::WriteDatabase("answer VNET_5_DHCP yes\n");
   WriteFile(kBackup, "BACKUP_VERSION=1,0\nanswer VNET_1_NAT yes\n");
-  LogCapture log;
+  test::LogWhileUnloaded();
   ASSERT_TRUE(PLRNetCfgImportConfig(kBackup, test::kDatabasePath));
   EXPECT_EQ(ReadFile(test::kDatabasePath), "VERSION=1,0\nanswer VNET_1_NAT yes\n");
-  EXPECT_TRUE(log.Contains("Source and destination database versions are same"));
+  EXPECT_TRUE(test::LogHas("Source and destination database versions are same"));
 }
 
 }  // namespace

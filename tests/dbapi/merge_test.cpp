@@ -10,7 +10,6 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/bridge_util.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/vnet_util.h"
 
@@ -76,7 +75,7 @@ class Merge : public test::LoadedLibraryTest {
 TEST_F(Merge, ChangedVnetRestartsInOrderAndUnchangedKeepsItsDaemons) {
   WriteFile(kMergeFile,
             std::string("BACKUP_VERSION=1,0\n") + kRunning + "answer VNET_2_DISPLAY_NAME two\n");
-  const size_t logStart = Log().size();
+  const size_t logStart = test::LogText().size();
   ASSERT_TRUE(PLRNetCfgMergeConfig(kMergeFile));
   EXPECT_EQ(ServicePid(1, PLR_SERVICE_BRIDGE), bridge1_);
   const pid_t newBridge = ServicePid(2, PLR_SERVICE_BRIDGE);
@@ -89,7 +88,7 @@ TEST_F(Merge, ChangedVnetRestartsInOrderAndUnchangedKeepsItsDaemons) {
   EXPECT_EQ(Answer("VNET_2_DISPLAY_NAME"), "two");
   EXPECT_NE(Database().find("answer VNET_2_DISPLAY_NAME two\n"), std::string::npos);
   // Stopped bridge first, then NAT; started bridge first, then NAT.
-  const std::string log = Log().substr(logStart);
+  const std::string log = test::LogText().substr(logStart);
   const size_t stopBridge =
       log.find("Successfully killed Bridge service daemon, pid: " + std::to_string(bridge2_));
   const size_t stopNat =
@@ -149,7 +148,7 @@ TEST_F(Merge, FailedStartPutsDatabaseAndDaemonsBack) {
   sys::FailNth(sys::Op::kFork, 4, EAGAIN);
   EXPECT_FALSE(PLRNetCfgMergeConfig(kMergeFile));
   sys::ClearFaults();
-  EXPECT_NE(Log().find("Failed to start BRIDGE service for vnet: 4"), std::string::npos);
+  EXPECT_NE(test::LogText().find("Failed to start BRIDGE service for vnet: 4"), std::string::npos);
   EXPECT_EQ(Answer("VNET_2_DISPLAY_NAME"), "<absent>");
   EXPECT_EQ(Answer("VNET_3_NAT"), "<absent>");
   EXPECT_EQ(Answer("VNET_2_NAT"), "yes");
@@ -171,7 +170,7 @@ TEST_F(Merge, UnreadableFileChangesNothing) {
   WriteFile(kMergeFile, "BACKUP_VERSION=7,0\n");
   EXPECT_FALSE(PLRNetCfgMergeConfig(kMergeFile));
   EXPECT_FALSE(PLRNetCfgMergeConfig("/tmp/missing"));
-  EXPECT_NE(Log().find("Failed to parse and load configuration data frombackup file: /tmp/merge"),
+  EXPECT_NE(test::LogText().find("Failed to parse and load configuration data frombackup file: /tmp/merge"),
             std::string::npos);
   EXPECT_EQ(Database(), before);
   EXPECT_EQ(ServicePid(2, PLR_SERVICE_BRIDGE), bridge2_);
@@ -179,11 +178,11 @@ TEST_F(Merge, UnreadableFileChangesNothing) {
 }
 
 TEST(MergeUnloaded, NeedsTheLoadedLibrary) {
-  test::LogCapture log;
+  test::LogWhileUnloaded();
   test::WriteDatabase();
   WriteFile(kMergeFile, "BACKUP_VERSION=1,0\n");
   EXPECT_FALSE(PLRNetCfgMergeConfig(kMergeFile));
-  EXPECT_TRUE(log.Contains(
+  EXPECT_TRUE(test::LogHas(
       "Database needs to be loaded using PLR_Load beforecalling PLRNetCfgMergeConfig()"));
 }
 

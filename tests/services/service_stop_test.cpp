@@ -104,7 +104,7 @@ TEST_F(ServiceStopTest, PidFileWithoutAUsablePidIsNeverSignalled) {
     EXPECT_FALSE(PLRServiceStop(4, PLR_SERVICE_NAT));
     EXPECT_TRUE(FileExists("/var/run/kavix-natd-4.pid"));
   }
-  WaitForSleep(100);
+  SleepMs(100);
   sigaction(SIGTERM, &old, nullptr);
   EXPECT_EQ(gTermsReceived, 0);
   EXPECT_TRUE(LogHas("PLRServiceStop - Could not extract PID of NAT"));

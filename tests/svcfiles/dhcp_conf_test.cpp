@@ -25,7 +25,7 @@ using test::WriteFile;
 
 constexpr const char* kStaticMapping = "add_dhcp_mac_to_ip 8 00:50:56:3F:00:10 192.168.8.10\n";
 
-class DhcpConf : public test::SvcFilesTest {
+class DhcpConf : public test::LoadedLibraryTest {
  protected:
   void LoadNatVnet(const std::string& extra = "") {
     Load(test::VnetRecords(8, "192.168.8.0", "255.255.255.0", true) + kStaticMapping + extra);
@@ -51,7 +51,7 @@ class DhcpConf : public test::SvcFilesTest {
     ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
     EXPECT_EQ(ReadFile(DhcpBackupPath(8)), handEdited);
     EXPECT_EQ(test::MaskWrittenAt(Conf()), Expected("dhcpd-nat-kavix8.conf"));
-    EXPECT_EQ(CountOf(Log(), reason), 1) << reason;
+    EXPECT_EQ(test::LogCount(reason), 1) << reason;
     ExpectHashMatchesFile();
   }
 };
@@ -65,10 +65,10 @@ TEST_F(DhcpConf, FirstWriteCreatesTheFilesWithTheExactNatText) {
   EXPECT_TRUE(FileExists(test::DhcpLeasesPath(8)));
   EXPECT_FALSE(FileExists(DhcpBackupPath(8)));  // nothing to back up yet
   ExpectHashMatchesFile();
-  EXPECT_EQ(LogCount("DHCP Config /etc/tarsis/kavix8/dhcpd/dhcpd.conf does not exist yet, "
+  EXPECT_EQ(test::LogCount("DHCP Config /etc/tarsis/kavix8/dhcpd/dhcpd.conf does not exist yet, "
                      "Creating new\n"),
             1);
-  EXPECT_EQ(LogCount("Hash of DHCP config block set in vnet config\n"), 1);
+  EXPECT_EQ(test::LogCount("Hash of DHCP config block set in vnet config\n"), 1);
   ExpectDhcpdAccepts(DhcpConfPath(8));
 }
 
@@ -101,12 +101,12 @@ TEST_F(DhcpConf, EveryMappingGetsItsEntryAndTheFileStaysValid) {
              "host 192.168.8.%d {\n\thardware ethernet 00:50:56:00:01:%02X;\n"
              "\tfixed-address 192.168.8.%d;\n",
              10 + i, i, 10 + i);
-    EXPECT_EQ(CountOf(conf, entry), 1) << entry;
+    EXPECT_EQ(test::CountOf(conf, entry), 1) << entry;
   }
   // Each static entry carries both gateway lines; the host's own only routers.
-  EXPECT_EQ(CountOf(conf, "\toption netbios-name-servers 192.168.8.2;\n"), 41);
-  EXPECT_EQ(CountOf(conf, "\toption routers 192.168.8.2;\n"), 41);
-  EXPECT_EQ(CountOf(conf, "\toption routers 0.0.0.0;\n"), 1);
+  EXPECT_EQ(test::CountOf(conf, "\toption netbios-name-servers 192.168.8.2;\n"), 41);
+  EXPECT_EQ(test::CountOf(conf, "\toption routers 192.168.8.2;\n"), 41);
+  EXPECT_EQ(test::CountOf(conf, "\toption routers 0.0.0.0;\n"), 1);
   ExpectDhcpdAccepts(DhcpConfPath(8));
 }
 
@@ -119,7 +119,7 @@ TEST_F(DhcpConf, SmallestSubnetWorksAndTheNextSmallerIsRefused) {
   std::string before = Conf();
   ASSERT_TRUE(PLRSetVnetSubnetMask(8, "255.255.255.252"));
   EXPECT_FALSE(PLRDHCPWriteDHCPCfg(8));
-  EXPECT_EQ(LogCount("Getting PLR_DHCP_PARAM_LEASE_BEGIN_IP failed\n"), 1);
+  EXPECT_EQ(test::LogCount("Getting PLR_DHCP_PARAM_LEASE_BEGIN_IP failed\n"), 1);
   EXPECT_EQ(Conf(), before);  // a failed rewrite leaves the old file
 }
 
@@ -167,7 +167,7 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedAndTheUserTextKeptByteForByte) {
       EXPECT_EQ(conf.substr(conf.size() - after.size()), after);
       std::string newBlock = test::DhcpBlockOf(conf);
       EXPECT_EQ(before + newBlock + after, conf);
-      EXPECT_EQ(CountOf(newBlock, "option routers"), 0) << newBlock;
+      EXPECT_EQ(test::CountOf(newBlock, "option routers"), 0) << newBlock;
       if (rewrite == 0) {
         EXPECT_EQ(ReadFile(DhcpBackupPath(8)), userFile);
       }
@@ -177,7 +177,7 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedAndTheUserTextKeptByteForByte) {
       ExpectDhcpdAccepts(DhcpConfPath(8));
     }
   }
-  EXPECT_EQ(LogCount("DHCP config block is not modified\n"), 4);
+  EXPECT_EQ(test::LogCount("DHCP config block is not modified\n"), 4);
 }
 
 TEST_F(DhcpConf, BlockThatBeganTheFileGetsTheHeaderBackAndKeepsWhatFollows) {
@@ -208,7 +208,7 @@ TEST_F(DhcpConf, HashDifferingOnlyInCaseOrAfterTwentyDigitsCountsAsUntouched) {
   ASSERT_TRUE(PLRSetVnetCfg(8, "DHCP_CFG_HASH", changedTail.c_str()));
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_EQ(Conf().rfind("# keep me\n", 0), 0u);
-  EXPECT_EQ(LogCount("DHCP config block is not modified\n"), 2);
+  EXPECT_EQ(test::LogCount("DHCP config block is not modified\n"), 2);
 }
 
 TEST_F(DhcpConf, OneCharacterEditedInsideTheBlockGivesAFreshFile) {
@@ -261,7 +261,7 @@ TEST_F(DhcpConf, MissingOrMisplacedMarkersGiveAFreshFile) {
     EXPECT_EQ(test::MaskWrittenAt(Conf()), Expected("dhcpd-nat-kavix8.conf"));
     ExpectHashMatchesFile();
   }
-  EXPECT_EQ(LogCount("Could not locate kavix DHCP config block, creating a new config file and "
+  EXPECT_EQ(test::LogCount("Could not locate kavix DHCP config block, creating a new config file and "
                      "backing up existing file\n"),
             5);
 }
@@ -276,7 +276,7 @@ TEST_F(DhcpConf, LaterStartMarkerReplacesAnEarlierOne) {
   WriteFile(DhcpConfPath(8), before + block);
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_EQ(Conf().substr(0, before.size()), before);
-  EXPECT_EQ(LogCount("DHCP config block is not modified\n"), 1);
+  EXPECT_EQ(test::LogCount("DHCP config block is not modified\n"), 1);
 }
 
 TEST_F(DhcpConf, RandomHandEditsNeverLoseUserText) {
@@ -337,7 +337,7 @@ TEST_F(DhcpConf, FailedFirstWriteLeavesNoFileBehind) {
   EXPECT_FALSE(PLRDHCPWriteDHCPCfg(8));
   sys::ClearFaults();
   EXPECT_FALSE(FileExists(DhcpConfPath(8)));
-  EXPECT_EQ(LogCount("Cannot create DHCP Config File, /etc/tarsis/kavix8/dhcpd/dhcpd.conf, "
+  EXPECT_EQ(test::LogCount("Cannot create DHCP Config File, /etc/tarsis/kavix8/dhcpd/dhcpd.conf, "
                      "because of  error: No space left on device\n"),
             1);
   EXPECT_EQ(PLRGetVnetCfg(8, "DHCP_CFG_HASH"), nullptr);
@@ -366,13 +366,13 @@ TEST_F(DhcpConf, FailedBackupStopsBeforeTheFileIsTouched) {
   sys::ClearFaults();
   EXPECT_FALSE(ok);
   EXPECT_EQ(Conf(), old);
-  EXPECT_EQ(LogCount("Failed to backup DHCP file. Aborting\n"), 1);
+  EXPECT_EQ(test::LogCount("Failed to backup DHCP file. Aborting\n"), 1);
 }
 
 TEST_F(DhcpConf, VnetWithoutSubnetFailsAndRemovesTheFileItCreated) {
   Load("answer VNET_8_DHCP yes\n");
   EXPECT_FALSE(PLRDHCPWriteDHCPCfg(8));
-  EXPECT_EQ(LogCount("Getting Subnet address failed\n"), 1);
+  EXPECT_EQ(test::LogCount("Getting Subnet address failed\n"), 1);
   EXPECT_FALSE(FileExists(DhcpConfPath(8)));
 }
 
@@ -380,7 +380,7 @@ TEST_F(DhcpConf, UnreadableFileIsNeverOverwritten) {
   LoadNatVnet();
   ASSERT_EQ(test::Run("mkdir -p " + DhcpConfPath(8)), 0);  // a directory where the file belongs
   EXPECT_FALSE(PLRDHCPWriteDHCPCfg(8));
-  EXPECT_EQ(LogCount("Cannot create DHCP Config File, /etc/tarsis/kavix8/dhcpd/dhcpd.conf, "
+  EXPECT_EQ(test::LogCount("Cannot create DHCP Config File, /etc/tarsis/kavix8/dhcpd/dhcpd.conf, "
                      "because of  error: Is a directory\n"),
             1);
 }
@@ -400,7 +400,7 @@ TEST_F(DhcpConf, UpdateWritesWithDhcpOnAndRemovesEveryTraceWithDhcpOff) {
   EXPECT_FALSE(FileExists(DhcpBackupPath(8)));
   EXPECT_FALSE(FileExists(test::DhcpLeasesPath(8)));
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
-  EXPECT_EQ(LogCount("Removed all traces of DHCP configuration for vnet: 8\n"), 1);
+  EXPECT_EQ(test::LogCount("Removed all traces of DHCP configuration for vnet: 8\n"), 1);
 
   // Directories that hold other files stay.
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));

@@ -14,7 +14,7 @@ namespace {
 
 using test::CountOf;
 
-class DhcpParams : public test::SvcFilesTest {
+class DhcpParams : public test::LoadedLibraryTest {
  protected:
   // Loads a database holding vnet 8 with `subnet`/`mask` and NAT as given.
   void LoadVnet(const std::string& subnet, const std::string& mask, bool nat,
@@ -44,12 +44,12 @@ TEST_F(DhcpParams, ExternalIdentifiersMapToInternalOnes) {
       {13357, PLR_DHCP_PARAM_DNS_ADDR}, {13358, PLR_DHCP_PARAM_ROUTERS},
       {13362, PLR_DHCP_PARAM_NETBIOS}};
   for (auto [external, internal] : mapped) EXPECT_EQ(PLRDHCPMapIntParamID(external), internal);
-  EXPECT_EQ(CountOf(Log(), "Could not map external paramID"), 0);
+  EXPECT_EQ(test::LogCount("Could not map external paramID"), 0);
   // Neighbours of mapped identifiers are not mapped.
   EXPECT_EQ(PLRDHCPMapIntParamID(13352), 9555u);
   EXPECT_EQ(PLRDHCPMapIntParamID(13363), 9555u);
-  EXPECT_EQ(CountOf(Log(), "Could not map external paramID: 13352\n"), 1);
-  EXPECT_EQ(CountOf(Log(), "Mapped external ParamID: 13363 to internal ParamID: 9555\n"), 1);
+  EXPECT_EQ(test::LogCount("Could not map external paramID: 13352\n"), 1);
+  EXPECT_EQ(test::LogCount("Mapped external ParamID: 13363 to internal ParamID: 9555\n"), 1);
 }
 
 TEST_F(DhcpParams, TablesHoldKeysAndQuotedDisplayNames) {
@@ -145,8 +145,7 @@ TEST_F(DhcpParams, SubnetsBelowEightAddressesAreRefused) {
         PLR_DHCP_PARAM_DNS_ADDR, PLR_DHCP_PARAM_ROUTERS, PLR_DHCP_PARAM_NETBIOS}) {
     EXPECT_EQ(Default(id), "FAILED") << id;
   }
-  EXPECT_EQ(CountOf(Log(),
-                    "The subnet: 192.168.8.0, mask: 255.255.255.252 is too small, we "
+  EXPECT_EQ(test::LogCount("The subnet: 192.168.8.0, mask: 255.255.255.252 is too small, we "
                     "need atleast 8 hosts\n"),
             6);
   for (const char* mask : {"255.255.255.254", "255.255.255.255"}) {
@@ -160,11 +159,11 @@ TEST_F(DhcpParams, SubnetsBelowEightAddressesAreRefused) {
 TEST_F(DhcpParams, AddressDefaultsNeedSubnetAndMask) {
   Load("answer VNET_8_HOSTONLY_NETMASK 255.255.255.0\n");
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_BEGIN_IP), "FAILED");
-  EXPECT_EQ(CountOf(Log(), "Cannot obtain subnet address\n"), 1);
+  EXPECT_EQ(test::LogCount("Cannot obtain subnet address\n"), 1);
   ASSERT_TRUE(PLRSetVnetSubnetAddr(8, "192.168.8.0"));
   ASSERT_TRUE(PLRRemoveVnetSubnetMask(8));
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_BEGIN_IP), "FAILED");
-  EXPECT_EQ(CountOf(Log(), "Cannot obtain subnet netmask\n"), 1);
+  EXPECT_EQ(test::LogCount("Cannot obtain subnet netmask\n"), 1);
 }
 
 TEST_F(DhcpParams, FixedDefaultsAndTheirBufferRules) {
@@ -176,8 +175,7 @@ TEST_F(DhcpParams, FixedDefaultsAndTheirBufferRules) {
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME), "localdomain");
   // A time into 4 bytes: reported, yet TRUE with the buffer as it was.
   EXPECT_EQ(Default(PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, 4), "unchanged");
-  EXPECT_EQ(CountOf(Log(),
-                    "Insufficient buffer size: 4 for DHCP parameter: \"Max Lease "
+  EXPECT_EQ(test::LogCount("Insufficient buffer size: 4 for DHCP parameter: \"Max Lease "
                     "Duration\" required: 5\n"),
             1);
   EXPECT_EQ(Default(PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, 5), "7200");
@@ -185,8 +183,7 @@ TEST_F(DhcpParams, FixedDefaultsAndTheirBufferRules) {
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME, 11), "FAILED");
   EXPECT_EQ(Default(PLR_DHCP_PARAM_DOMAIN_NAME, 12), "localdomain");
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_END_IP, 15), "FAILED");  // "192.168.100.254"
-  EXPECT_EQ(CountOf(Log(),
-                    "Insufficient buffer size: 15 for DHCP parameter: \"Lease End IP\" "
+  EXPECT_EQ(test::LogCount("Insufficient buffer size: 15 for DHCP parameter: \"Lease End IP\" "
                     "required: 16\n"),
             1);
   EXPECT_EQ(Default(PLR_DHCP_PARAM_LEASE_END_IP, 16), "192.168.100.254");
@@ -198,18 +195,17 @@ TEST_F(DhcpParams, IdentifiersWithoutARowAreRejected) {
     SCOPED_TRACE(id);
     EXPECT_EQ(Default(id), "FAILED");
     EXPECT_FALSE(PLRDHCPSetParameter(8, id, "192.168.8.5"));
-    EXPECT_EQ(CountOf(Log(), "Invalid DHCP Param Name " + std::to_string(id) + "\n"), 2);
+    EXPECT_EQ(test::LogCount("Invalid DHCP Param Name " + std::to_string(id) + "\n"), 2);
   }
   EXPECT_FALSE(PLRDHCPRemoveParameter(8, 9538));
   EXPECT_FALSE(PLRDHCPRemoveParameter(8, 9556));
-  EXPECT_EQ(CountOf(Log(), "Invalid DHCP parameter: 9556\n"), 1);
+  EXPECT_EQ(test::LogCount("Invalid DHCP parameter: 9556\n"), 1);
   // The getter with defaults reports the missing value and the failed default.
   EXPECT_EQ(Get(9556, true), "FAILED");
-  EXPECT_EQ(CountOf(Log(),
-                    "Value for DHCP parameter: Invalid DHCP Parameter not found in "
+  EXPECT_EQ(test::LogCount("Value for DHCP parameter: Invalid DHCP Parameter not found in "
                     "configuration for vnet: 8\n"),
             1);
-  EXPECT_EQ(CountOf(Log(), "Failure in getting default value of parameter\n"), 1);
+  EXPECT_EQ(test::LogCount("Failure in getting default value of parameter\n"), 1);
 }
 
 // --- Validation -------------------------------------------------------------
@@ -236,13 +232,13 @@ TEST_F(DhcpParams, RejectedValuesLogTheirReasonAndChangeNothing) {
   };
   for (const Bad& b : bad) {
     SCOPED_TRACE(b.value);
-    int seen = CountOf(Log(), b.message);
+    int seen = test::LogCount(b.message);
     EXPECT_FALSE(PLRDHCPSetParameter(8, b.id, b.value));
-    EXPECT_EQ(CountOf(Log(), b.message), seen + 1);
+    EXPECT_EQ(test::LogCount(b.message), seen + 1);
   }
   std::string longName(64, 'd');
   EXPECT_FALSE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_DOMAIN_NAME, longName.c_str()));
-  EXPECT_EQ(CountOf(Log(), "Invalid value length: 64, value: " + longName +
+  EXPECT_EQ(test::LogCount("Invalid value length: 64, value: " + longName +
                                " for parameter: \"Domain Name\"\n"),
             1);
   EXPECT_EQ(Database(), before);
@@ -260,8 +256,7 @@ TEST_F(DhcpParams, AcceptedValuesAreStoredUnchanged) {
   std::string db = Database();
   EXPECT_NE(db.find("answer VNET_8_DHCP_PARAM_MAX_LEASE_TIME 007200\n"), std::string::npos);
   EXPECT_NE(db.find("answer VNET_8_DHCP_PARAM_LEASE_START_IP 192.168.8.200\n"), std::string::npos);
-  EXPECT_EQ(CountOf(Log(),
-                    "Successfully set value of DHCP parameter: \"Lease Begin IP\" to "
+  EXPECT_EQ(test::LogCount("Successfully set value of DHCP parameter: \"Lease Begin IP\" to "
                     "value: 192.168.8.200 for vnet: 8\n"),
             1);
   // A stored value wins over the default.
@@ -273,18 +268,16 @@ TEST_F(DhcpParams, AcceptedValuesAreStoredUnchanged) {
 TEST_F(DhcpParams, GetReportsAbsenceAndFallsBackOnlyWhenAsked) {
   LoadVnet("192.168.8.0", "255.255.255.0", false);
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_END_IP), "FAILED");
-  EXPECT_EQ(CountOf(Log(),
-                    "Value for DHCP parameter: \"Lease End IP\" not found in "
+  EXPECT_EQ(test::LogCount("Value for DHCP parameter: \"Lease End IP\" not found in "
                     "configuration for vnet: 8\n"),
             1);
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_END_IP, true), "192.168.8.254");
-  EXPECT_EQ(CountOf(Log(), "Reverting to getting default value\n"), 1);
+  EXPECT_EQ(test::LogCount("Reverting to getting default value\n"), 1);
 
   ASSERT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_DNS_ADDR, "192.168.8.53"));
   char small[12];
   EXPECT_FALSE(PLRDHCPGetParameter(8, PLR_DHCP_PARAM_DNS_ADDR, true, small, sizeof small));
-  EXPECT_EQ(CountOf(Log(),
-                    "Insufficient space 12 to store value of DHCP parameter: \"DNS "
+  EXPECT_EQ(test::LogCount("Insufficient space 12 to store value of DHCP parameter: \"DNS "
                     "Address\", required: 13\n"),
             1);
   char exact[13];
@@ -343,13 +336,13 @@ TEST_F(DhcpParams, StaticMappingsAddLookUpEnumerateAndRemove) {
   EXPECT_TRUE(PLRDHCPSetIPToMAC(8, "192.168.8.10", "00:50:56:3F:00:10"));
   EXPECT_TRUE(PLRDHCPSetIPToMAC(8, "192.168.8.11", "00:50:56:3F:00:11"));
   EXPECT_FALSE(PLRDHCPSetIPToMAC(8, "192.168.8.256", "00:50:56:3F:00:12"));
-  EXPECT_EQ(CountOf(Log(), "IP address: 192.168.8.256 is not valid\n"), 1);
+  EXPECT_EQ(test::LogCount("IP address: 192.168.8.256 is not valid\n"), 1);
 
   char ip[16];
   ASSERT_TRUE(PLRDHCPGetIPToMAC(8, ip, sizeof ip, "00:50:56:3F:00:11"));
   EXPECT_STREQ(ip, "192.168.8.11");
   EXPECT_FALSE(PLRDHCPGetIPToMAC(8, ip, sizeof ip, "00:50:56:3F:00:12"));
-  EXPECT_EQ(CountOf(Log(), "Failure while getting the value of DHCP IP to MAC in vnet config\n"),
+  EXPECT_EQ(test::LogCount("Failure while getting the value of DHCP IP to MAC in vnet config\n"),
             1);
 
   // Enumeration hands out the IP first although the database takes the MAC first.

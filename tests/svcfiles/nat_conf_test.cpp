@@ -50,15 +50,15 @@ std::string Sections() {
   return names;
 }
 
-class NatConf : public test::SvcFilesTest {
+class NatConf : public test::LoadedLibraryTest {
  protected:
   void SetUp() override {
-    test::SvcFilesTest::SetUp();
+    test::LoadedLibraryTest::SetUp();
     path_ = NatConfPath(8);
   }
   void TearDown() override {
     globalConfig = nullptr;
-    test::SvcFilesTest::TearDown();
+    test::LoadedLibraryTest::TearDown();
   }
   void LoadVnet(const std::string& extra = "") {
     Load(test::VnetRecords(8, "192.168.8.0", "255.255.255.0", true) + extra);
@@ -76,7 +76,7 @@ TEST_F(NatConf, FirstUpdateWritesTheExactText) {
   EXPECT_EQ(ReadFile(path_),
             ReadFile(std::string(test::TestDataDir()) + "/svcfiles/nat-kavix8.conf"));
   EXPECT_FALSE(FileExists(NatBackupPath(8)));
-  EXPECT_EQ(CountOf(ReadFile(path_), "web server"), 0);  // descriptions stay in the database
+  EXPECT_EQ(test::CountOf(ReadFile(path_), "web server"), 0);  // descriptions stay in the database
 }
 
 TEST_F(NatConf, GeneratedFileReadsBackAsWritten) {
@@ -155,12 +155,12 @@ TEST_F(NatConf, VnetWithoutNatLosesItsNatFiles) {
 TEST_F(NatConf, MissingValuesFailBeforeAnyFileIsTouched) {
   Load("answer VNET_8_NAT yes\n");
   EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(LogCount("Failure in looking up NAT gateway address\n"), 1);
+  EXPECT_EQ(test::LogCount("Failure in looking up NAT gateway address\n"), 1);
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
 
   ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_GATEWAY_IP, "10.0.0.2"));
   EXPECT_FALSE(PLRNATUpdateFromConfig(8));
-  EXPECT_EQ(LogCount("Failure in looking up NAT netmask\n"), 1);
+  EXPECT_EQ(test::LogCount("Failure in looking up NAT netmask\n"), 1);
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix8"));
 }
 
@@ -169,8 +169,8 @@ TEST_F(NatConf, FailedFirstWriteRemovesWhatItCreated) {
   sys::FailNth(sys::Op::kRename, 1, ENOSPC);
   EXPECT_FALSE(PLRNATUpdateFromConfig(8));
   sys::ClearFaults();
-  EXPECT_EQ(LogCount("fopen: failed to open NAT config file, error: No space left on device\n"), 1);
-  EXPECT_EQ(LogCount("Removing newly created NAT directory and config file\n"), 1);
+  EXPECT_EQ(test::LogCount("fopen: failed to open NAT config file, error: No space left on device\n"), 1);
+  EXPECT_EQ(test::LogCount("Removing newly created NAT directory and config file\n"), 1);
   EXPECT_FALSE(FileExists(path_));
   EXPECT_FALSE(FileExists("/etc/tarsis/kavix8/nat"));
 }
@@ -185,7 +185,7 @@ TEST_F(NatConf, FailedRewriteKeepsTheOldFileAndTheBackup) {
   sys::ClearFaults();
   EXPECT_EQ(ReadFile(path_), old);
   EXPECT_EQ(ReadFile(NatBackupPath(8)), old);
-  EXPECT_EQ(LogCount("Removing newly created NAT directory and config file\n"), 0);
+  EXPECT_EQ(test::LogCount("Removing newly created NAT directory and config file\n"), 0);
 }
 
 TEST_F(NatConf, TemplateTextsAreExportedAsWritten) {

@@ -13,7 +13,7 @@ namespace {
 
 using test::CountOf;
 
-class NatParams : public test::SvcFilesTest {
+class NatParams : public test::LoadedLibraryTest {
  protected:
   void LoadVnet(const std::string& extra = "") {
     Load(test::VnetRecords(8, "192.168.8.0", "255.255.255.0", true) + extra);
@@ -33,11 +33,11 @@ TEST_F(NatParams, ExternalIdentifiersMapAndNetmaskOrDeviceHaveNone) {
       {9033, PLR_NAT_PARAM_UDP_TIMEOUT},     {9050, PLR_NAT_PARAM_NAT6},
       {9051, PLR_NAT_PARAM_NAT6_PREFIX}};
   for (auto [external, internal] : mapped) EXPECT_EQ(PLRNATMapIntParamID(external), internal);
-  EXPECT_EQ(LogCount("Could not map external paramID"), 0);
+  EXPECT_EQ(test::LogCount("Could not map external paramID"), 0);
   for (uint32_t unmapped : {9028u, 9029u, 9034u, 9049u, 9052u}) {
     EXPECT_EQ(PLRNATMapIntParamID(unmapped), PLR_NAT_PARAM_NOT_SUPPORTED) << unmapped;
   }
-  EXPECT_EQ(LogCount("Could not map external paramID: 9028\n"), 1);
+  EXPECT_EQ(test::LogCount("Could not map external paramID: 9028\n"), 1);
   EXPECT_STREQ(PLRNATParamIDToConfigOption[PLR_NAT_PARAM_GATEWAY_NETMASK - 13858],
                "NAT_PARAM_INT_GATEWAY_IPSUBNETMASK");
   EXPECT_STREQ(PLRNATParamIDToName[PLR_NAT_PARAM_NOT_SUPPORTED - 13858], "\"non support\"");
@@ -74,14 +74,14 @@ TEST_F(NatParams, SetterRejectsWhatTheRulesRejectAndChangesNothing) {
   };
   for (const Bad& b : bad) {
     SCOPED_TRACE(b.value);
-    int seen = LogCount(b.message);
+    int seen = test::LogCount(b.message);
     EXPECT_FALSE(PLRNATSetParameter(8, b.id, b.value));
-    EXPECT_EQ(LogCount(b.message), seen + 1);
+    EXPECT_EQ(test::LogCount(b.message), seen + 1);
   }
   for (uint32_t id : {PLR_NAT_PARAM_GATEWAY_NETMASK, 13861u, PLR_NAT_PARAM_DEVICE,
                       PLR_NAT_PARAM_NOT_SUPPORTED, 13858u, 13870u}) {
     EXPECT_FALSE(PLRNATSetParameter(8, id, "1")) << id;
-    EXPECT_EQ(LogCount("Unrecognized NAT parameter ID: " + std::to_string(id) + "\n"), 1) << id;
+    EXPECT_EQ(test::LogCount("Unrecognized NAT parameter ID: " + std::to_string(id) + "\n"), 1) << id;
   }
   EXPECT_EQ(Database(), before);
 }
@@ -97,7 +97,7 @@ TEST_F(NatParams, AcceptedValuesAreStoredAsGiven) {
   EXPECT_EQ(Get(PLR_NAT_PARAM_CONFIG_PORT, false), "01");
   EXPECT_EQ(Get(PLR_NAT_PARAM_NAT6_PREFIX, true), "anything at all");
   EXPECT_NE(Database().find("answer VNET_8_NAT_PARAM_CONFIG_PORT 01\n"), std::string::npos);
-  EXPECT_EQ(LogCount("Successfully set value of NAT parameter: \"gateway ip\" to value: "
+  EXPECT_EQ(test::LogCount("Successfully set value of NAT parameter: \"gateway ip\" to value: "
                      "192.168.8.254 for vnet: 8\n"),
             1);
 }
@@ -127,11 +127,11 @@ TEST_F(NatParams, DefaultsReportWhatTheyLack) {
   Load("answer VNET_8_NAT yes\n");
   char buf[64];
   EXPECT_FALSE(PLRNATGetParamDefault(8, PLR_NAT_PARAM_GATEWAY_IP, buf, sizeof buf));
-  EXPECT_EQ(LogCount("Could not get subnet address for vnet: 8\n"), 1);
+  EXPECT_EQ(test::LogCount("Could not get subnet address for vnet: 8\n"), 1);
   EXPECT_FALSE(PLRNATGetParamDefault(8, PLR_NAT_PARAM_GATEWAY_NETMASK, buf, sizeof buf));
-  EXPECT_EQ(LogCount("Could not get subnet netmask for vnet: 8\n"), 1);
+  EXPECT_EQ(test::LogCount("Could not get subnet netmask for vnet: 8\n"), 1);
   EXPECT_FALSE(PLRNATGetParamDefault(256, PLR_NAT_PARAM_DEVICE, buf, sizeof buf));
-  EXPECT_EQ(LogCount("Could not get kavix name for vnet: 256\n"), 1);
+  EXPECT_EQ(test::LogCount("Could not get kavix name for vnet: 256\n"), 1);
 }
 
 TEST_F(NatParams, BufferMustHoldTheValueAndTheConfigPortAlwaysNeedsSix) {
@@ -140,7 +140,7 @@ TEST_F(NatParams, BufferMustHoldTheValueAndTheConfigPortAlwaysNeedsSix) {
   EXPECT_EQ(Get(PLR_NAT_PARAM_GATEWAY_IP, true, 12), "192.168.8.2");
   EXPECT_EQ(Get(PLR_NAT_PARAM_CONFIG_PORT, true, 5), "FAILED");
   EXPECT_EQ(Get(PLR_NAT_PARAM_CONFIG_PORT, true, 6), "33445");
-  EXPECT_EQ(LogCount("Insufficient space to store NAT param 13862.\n"), 1);
+  EXPECT_EQ(test::LogCount("Insufficient space to store NAT param 13862.\n"), 1);
   ASSERT_TRUE(PLRNATSetParameter(8, PLR_NAT_PARAM_UDP_TIMEOUT, "1200"));
   EXPECT_EQ(Get(PLR_NAT_PARAM_UDP_TIMEOUT, false, 4), "FAILED");
   EXPECT_EQ(Get(PLR_NAT_PARAM_UDP_TIMEOUT, false, 5), "1200");
@@ -149,11 +149,11 @@ TEST_F(NatParams, BufferMustHoldTheValueAndTheConfigPortAlwaysNeedsSix) {
 TEST_F(NatParams, UnsetParameterWithoutDefaultsFailsWithoutAnError) {
   LoadVnet();
   ASSERT_TRUE(PLR_SetCurrentLogLevel(PLR_LOG_ERR));
-  std::string before = Log();
+  std::string before = test::LogText();
   EXPECT_EQ(Get(PLR_NAT_PARAM_UDP_TIMEOUT, false), "FAILED");
-  EXPECT_EQ(Log(), before);  // absence is not an error
+  EXPECT_EQ(test::LogText(), before);  // absence is not an error
   EXPECT_EQ(Get(13870, false), "FAILED");
-  EXPECT_EQ(CountOf(Log(), "Unrecognized NAT parameter ID: 13870\n"), 1);
+  EXPECT_EQ(test::LogCount("Unrecognized NAT parameter ID: 13870\n"), 1);
 }
 
 TEST_F(NatParams, RemoveTreatsAbsenceAsDoneAndRemoveConfigClearsEverything) {
@@ -210,7 +210,7 @@ TEST_F(NatParams, PortForwardWrappersReachTheDatabase) {
 TEST_F(NatParams, PrefixesAreStoredWithoutDescriptions) {
   LoadVnet();
   EXPECT_FALSE(PLRNATSetPrefix(8, nullptr, "d", 1));
-  EXPECT_EQ(LogCount("Invalid prefix\n"), 1);
+  EXPECT_EQ(test::LogCount("Invalid prefix\n"), 1);
   EXPECT_TRUE(PLRNATSetPrefix(8, "fd00:1:2:3::/64", "my prefix", 9));
   EXPECT_NE(Database().find("add_nat_prefix 8 fd00:1:2:3::/64\n"), std::string::npos);
   char desc[32] = "untouched";
