@@ -2,9 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -12,12 +13,13 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <sstream>
 
-#include <gtest/gtest.h>
+#include "pelorus.h"
 
 namespace plr::test {
 namespace {
@@ -92,8 +94,8 @@ bool CoverDev() {
     const char* path;
     unsigned major, minor;
   };
-  const Node nodes[] = {{"/dev/null", 1, 3},    {"/dev/zero", 1, 5}, {"/dev/full", 1, 7},
-                        {"/dev/random", 1, 8},  {"/dev/urandom", 1, 9}, {"/dev/tty", 5, 0},
+  const Node nodes[] = {{"/dev/null", 1, 3},      {"/dev/zero", 1, 5},    {"/dev/full", 1, 7},
+                        {"/dev/random", 1, 8},    {"/dev/urandom", 1, 9}, {"/dev/tty", 5, 0},
                         {"/dev/net/tun", 10, 200}};
   if (!MkdirP("/dev/net") || !MkdirP("/dev/pts") || !MkdirP("/dev/shm")) return false;
   for (const Node& n : nodes)
@@ -129,8 +131,8 @@ bool EnterSandbox() {
   if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return Fail("make private", "/");
   // /run first: /var/run points into it, and the /etc overlay keeps its upper layer there.
-  return MountTmpfs("/run") && CoverEtc() && MountTmpfs("/var/log") && CoverTmp() &&
-         CoverDev() && LoopbackUp();
+  return MountTmpfs("/run") && CoverEtc() && MountTmpfs("/var/log") && CoverTmp() && CoverDev() &&
+         LoopbackUp();
 }
 
 void KillStragglers() {
@@ -150,10 +152,18 @@ void KillStragglers() {
   closedir(proc);
 }
 
-const char* SourceDir() { return PLR_TEST_SOURCE_DIR; }
-const char* BinaryDir() { return PLR_TEST_BINARY_DIR; }
-const char* FixtureBinDir() { return PLR_TEST_FIXTURE_BINDIR; }
-const char* TestDataDir() { return PLR_TEST_SOURCE_DIR "/tests/data"; }
+const char* SourceDir() {
+  return PLR_TEST_SOURCE_DIR;
+}
+const char* BinaryDir() {
+  return PLR_TEST_BINARY_DIR;
+}
+const char* FixtureBinDir() {
+  return PLR_TEST_FIXTURE_BINDIR;
+}
+const char* TestDataDir() {
+  return PLR_TEST_SOURCE_DIR "/tests/data";
+}
 
 void WriteFile(const std::string& path, const std::string& text, int mode) {
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
@@ -198,6 +208,67 @@ std::string Capture(const std::string& command) {
   while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
   pclose(p);
   return out;
+}
+
+std::string LogText() {
+  std::ifstream in(kLogPath, std::ios::binary);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  return buffer.str();
+}
+
+bool LogHas(const std::string& text) {
+  return LogText().find(text) != std::string::npos;
+}
+
+int CountOf(const std::string& text, const std::string& needle) {
+  int n = 0;
+  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+  return n;
+}
+
+size_t LogCount(const std::string& text) {
+  return static_cast<size_t>(CountOf(LogText(), text));
+}
+
+void LogWhileUnloaded() {
+  ASSERT_EQ(plrContext.loadCount, 0u);
+  FILE* stream = fopen(kLogPath, "ab+e");
+  ASSERT_NE(stream, nullptr) << kLogPath << ": " << strerror(errno);
+  if (plrContext.logStream != nullptr) fclose(plrContext.logStream);
+  plrContext.logStream = stream;
+  plrContext.currentLevel = PLR_LOG_MAX_LEVEL;
+}
+
+bool ProcessAlive(pid_t pid) {
+  if (pid <= 0) return false;
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat;
+  std::getline(in, stat);
+  size_t paren = stat.rfind(')');
+  if (paren == std::string::npos || paren + 2 >= stat.size()) return false;
+  return stat[paren + 2] != 'Z' && stat[paren + 2] != 'X';
+}
+
+void SleepMs(unsigned ms) {
+  struct timespec ts = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
+  nanosleep(&ts, nullptr);
+}
+
+uint64_t NowMs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+}
+
+std::set<int> OpenFds() {
+  std::set<int> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return fds;
+  while (dirent* e = readdir(dir))
+    if (e->d_name[0] != '.' && atoi(e->d_name) != dirfd(dir)) fds.insert(atoi(e->d_name));
+  closedir(dir);
+  return fds;
 }
 
 }  // namespace plr::test

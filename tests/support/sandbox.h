@@ -6,8 +6,11 @@
 // runs one gtest case per process), so library state never leaks between cases.
 #pragma once
 
+#include <stdint.h>
+#include <sys/types.h>
+
+#include <set>
 #include <string>
-#include <vector>
 
 namespace plr::test {
 
@@ -40,5 +43,34 @@ inline constexpr const char* kLogPath = "/var/log/pelorus";
 int Run(const std::string& command);
 // Runs a command and returns its standard output.
 std::string Capture(const std::string& command);
+
+// Occurrences of `needle` in `text`.
+int CountOf(const std::string& text, const std::string& needle);
+
+// The one log probe: the library's log file, whether it holds `text`, and how often.
+std::string LogText();
+bool LogHas(const std::string& text);
+size_t LogCount(const std::string& text);
+// Sends the log of a library that is not loaded to the log file with every
+// level on; the next load or unload takes the stream over.
+void LogWhileUnloaded();
+
+// Whether `pid` names a live process (zombies count as gone).
+bool ProcessAlive(pid_t pid);
+// Sleeps `ms` milliseconds.
+void SleepMs(unsigned ms);
+// Polls `pred` every 10 ms for at most `timeoutMs`; true once it holds.
+template <class Pred>
+bool WaitFor(Pred pred, unsigned timeoutMs) {
+  for (unsigned waited = 0;; waited += 10) {
+    if (pred()) return true;
+    if (waited >= timeoutMs) return false;
+    SleepMs(10);
+  }
+}
+// Monotonic milliseconds.
+uint64_t NowMs();
+// The descriptors open in this process.
+std::set<int> OpenFds();
 
 }  // namespace plr::test

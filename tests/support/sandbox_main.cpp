@@ -1,8 +1,7 @@
 // Test entry point: enters the sandbox before any case runs. Listing the
 // cases (ctest's discovery) needs no sandbox and gets none.
-#include <string.h>
-
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include "tests/support/sandbox.h"
 

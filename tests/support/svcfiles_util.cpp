@@ -1,10 +1,5 @@
 #include "tests/support/svcfiles_util.h"
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <time.h>
-#include <unistd.h>
-
 #include "base/sha1.h"
 #include "base/str-util.h"
 #include "tests/support/sandbox.h"
@@ -73,54 +68,6 @@ bool DhcpdAccepts(const std::string& path, std::string* output) {
   std::string out = Capture("dhcpd -4 -t -cf '" + path + "' 2>&1; echo \"rc=$?\"");
   if (output != nullptr) *output = out;
   return out.size() >= 5 && out.compare(out.size() - 5, 5, "rc=0\n") == 0;
-}
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs) {
-  for (int waited = 0;; waited += 50) {
-    if (done()) return true;
-    if (waited >= timeoutMs) return false;
-    usleep(50 * 1000);
-  }
-}
-
-ChildProcess::ChildProcess(const std::vector<std::string>& argv, const std::string& logPath) {
-  pid_ = ::fork();
-  if (pid_ != 0) return;
-  FILE* log = freopen(logPath.c_str(), "w", stdout);
-  if (log != nullptr) dup2(fileno(stdout), STDERR_FILENO);
-  std::vector<char*> args;
-  for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-  args.push_back(nullptr);
-  execvp(args[0], args.data());
-  _exit(127);
-}
-
-ChildProcess::~ChildProcess() {
-  Stop();
-}
-
-bool ChildProcess::Running() {
-  if (pid_ <= 0) return false;
-  int status = 0;
-  if (waitpid(pid_, &status, WNOHANG) == pid_) {
-    pid_ = -1;
-    return false;
-  }
-  return true;
-}
-
-void ChildProcess::Stop() {
-  if (!Running()) return;
-  kill(pid_, SIGTERM);
-  if (!WaitUntil([this] { return !Running(); }, 3000)) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-}
-
-int SvcFilesTest::LogCount(const std::string& text) const {
-  return CountOf(Log(), text);
 }
 
 }  // namespace plr::test

@@ -1,11 +1,7 @@
 // Test support for the service-file generators: a vnet set up in a loaded
-// database, the generated files' paths, the real DHCP server's syntax check,
-// and child processes that a case starts and always stops again.
+// database, the generated files' paths and the real DHCP server's syntax check.
 #pragma once
 
-#include <sys/types.h>
-
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -36,33 +32,5 @@ std::string Sha1Upper(const std::string& data);
 // Runs the real DHCP server's configuration check on `path`; false with its
 // output in `output` when the server rejects the file.
 bool DhcpdAccepts(const std::string& path, std::string* output);
-
-// Calls `done` every 50 ms until it is true or `timeoutMs` passed.
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs);
-
-// A program started by a case. The destructor stops it (SIGTERM, then
-// SIGKILL after a bounded wait) and reaps it, so nothing outlives the case.
-class ChildProcess {
- public:
-  explicit ChildProcess(const std::vector<std::string>& argv, const std::string& logPath);
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-  ~ChildProcess();
-
-  pid_t pid() const { return pid_; }
-  // True while the program has not exited.
-  bool Running();
-  void Stop();
-
- private:
-  pid_t pid_ = -1;
-};
-
-// A case with the library loaded and a vnet's generated files at hand.
-class SvcFilesTest : public LoadedLibraryTest {
- protected:
-  // Log lines (time stamps removed) that contain `text`.
-  int LogCount(const std::string& text) const;
-};
 
 }  // namespace plr::test

@@ -1,12 +1,12 @@
-// Test support for the vnet settings and subnet assignment: a loaded
-// database in the sandbox, the log, and the scripted ping tool fixture.
+// Test support for the vnet settings and subnet assignment: the answers of
+// the default cache and the scripted ping tool fixture.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/services_util.h"
 
 namespace plr::test {
 
@@ -21,22 +21,6 @@ void SetPingRules(const std::string& rules);
 std::vector<std::string> PingCalls();
 // The command line the library runs for `address` with timeout and interval 1.
 std::string PingCommand(const std::string& address);
-
-// Occurrences of `needle` in `text`.
-int CountOf(const std::string& text, const std::string& needle);
-
-// A case with the product configuration and a database written, the library
-// loaded over them with every log level on, and unloaded at the end.
-class LoadedLibraryTest : public ::testing::Test {
- protected:
-  // Writes the database with `records` after the version line and loads it.
-  void Load(const std::string& records = "");
-  void TearDown() override;
-  // The whole log file so far.
-  std::string Log() const;
-  // The database file as it is on disk now.
-  std::string Database() const;
-};
 
 // The answer `key` of the default cache, or nothing when it is absent.
 std::optional<std::string> Answer(const std::string& key);

@@ -1,5 +1,4 @@
-// Test support for the bridge and database tests: crafted netlink replies,
-// a log capture for cases that run without a loaded library, and the host
+// Helpers of the bridge tests: crafted netlink replies, and the host
 // interfaces the enumeration tests create in the sandbox's namespace.
 #pragma once
 
@@ -46,24 +45,6 @@ class NetlinkReply {
  private:
   void AppendMessage(const Header& header, const std::vector<uint8_t>& payload);
   std::vector<uint8_t> bytes_;
-};
-
-// Sends the library's log to a private file while the library is not
-// loaded; restores the previous stream and level when destroyed.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  // Everything logged so far.
-  std::string Text() const;
-  bool Contains(const std::string& text) const { return Text().find(text) != std::string::npos; }
-
- private:
-  void* savedStream_;
-  uint32_t savedLevel_;
-  std::string path_;
 };
 
 // Runs `ip` with `args` in the sandbox; fails the test when it fails.

@@ -1,10 +1,9 @@
-#include "tests/support/bridge_util.h"
+#include "tests/bridge/bridge_util.h"
 
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 
-#include "pelorus/core.h"
 #include "tests/support/sandbox.h"
 
 namespace plr::test {
@@ -83,27 +82,6 @@ NetlinkReply& NetlinkReply::AddRaw(const std::vector<uint8_t>& bytes) {
 
 void NetlinkReply::SetLength(size_t offset, uint32_t length) {
   memcpy(&bytes_[offset], &length, 4);
-}
-
-LogCapture::LogCapture()
-    : savedStream_(plrContext.logStream),
-      savedLevel_(plrContext.currentLevel),
-      path_("/tmp/bridge-test.log") {
-  FILE* stream = fopen(path_.c_str(), "w+");
-  EXPECT_NE(stream, nullptr);
-  plrContext.logStream = stream;
-  plrContext.currentLevel = PLR_LOG_MAX_LEVEL;
-}
-
-LogCapture::~LogCapture() {
-  if (plrContext.logStream != nullptr) fclose(plrContext.logStream);
-  plrContext.logStream = static_cast<FILE*>(savedStream_);
-  plrContext.currentLevel = savedLevel_;
-}
-
-std::string LogCapture::Text() const {
-  if (plrContext.logStream != nullptr) fflush(plrContext.logStream);
-  return ReadFile(path_);
 }
 
 void Ip(const std::string& args) {
