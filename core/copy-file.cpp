@@ -1,15 +1,16 @@
 // Copying one file over another, used to keep the ".bak" sibling of a
-// regenerated service file. The copy is made in place: no temporary file,
-// no rename, no fsync; a failure leaves a partly written destination.
+// regenerated service file. The copy is written beside the destination and
+// renamed over it, so a failure leaves the destination as it was.
 #include <errno.h>
 #include <fcntl.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include "base/fd-util.h"
+#include "base/fs-util.h"
 #include "base/sys-util.h"
 #include "core/log.h"
 #include "pelorus/core.h"
-#include "pelorus/files.h"
 
 namespace plr {
 namespace {
@@ -46,33 +47,37 @@ bool CopyContents(const char* function, int source, int destination, const char*
 
 extern "C" {
 
-// Copies `source` over `destination`, creating the destination (mode 0644)
-// when it does not exist. Descriptor 0 is never closed here: when the caller
+// Copies `source` over `destination` in one atomic replacement: a new
+// destination gets mode 0644, an existing one keeps its mode, and a failure
+// leaves it untouched. Descriptor 0 is never closed here: when the caller
 // has closed its standard input, the slot stays as the caller left it.
 bool PLRCopyFile(const char* source, const char* destination) {
   if (source == nullptr || destination == nullptr) {
     PLOG(LOG_ERR, "Invalid arguments");
     return false;
   }
-  // Only makes sure the destination exists; opening it below reports failures.
-  PLRCreateFile(PLR_VNET_NONE, PLR_FILE_CUSTOM, destination);
-
   plr::UniqueFd in(plr::sys::open(source, O_RDONLY | O_CLOEXEC));
-  plr::UniqueFd out;
   plr::ScopeExit keepDescriptorZero([&] {
     if (in.get() == 0) in.release();
-    if (out.get() == 0) out.release();
   });
   if (!in) {
     PLOG(LOG_ERR, "Could not open source file: %s, error: %s", source, strerror(errno));
     return false;
   }
-  out.reset(plr::sys::open(destination, O_WRONLY | O_TRUNC | O_CLOEXEC));
-  if (!out) {
+  struct stat st;
+  const mode_t mode = stat(destination, &st) == 0 ? st.st_mode & 07777 : 0644;
+  plr::PendingFile out;
+  if (!out.Create(destination, mode)) {
     PLOG(LOG_ERR, "Could not open destination file: %s, error: %s", destination, strerror(errno));
     return false;
   }
-  return plr::CopyContents(__func__, in.get(), out.get(), source, destination);
+  if (!plr::CopyContents(__func__, in.get(), out.fd(), source, destination)) return false;
+  if (!out.Sync() || !out.Commit()) {
+    PLOG(LOG_ERR, "Writing to destination file: %s failed, error: %s", destination,
+         strerror(errno));
+    return false;
+  }
+  return true;
 }
 
 }  // extern "C"

@@ -3,6 +3,7 @@
 // database replaced, their service files regenerated and their daemons
 // started again; a failure puts the old file and the old daemons back. This
 // is the only database code that drives services, service files and adapters.
+#include <errno.h>
 #include <string.h>
 #include <strings.h>
 
@@ -148,28 +149,47 @@ struct MergeState {
   std::string databasePath;
   bool defaultWasReadOnly = false;
   std::string restorePoint;
+  std::string oldDatabase;  // the database file's bytes before the merge
   std::vector<ChangedVnet> changed;
   size_t touched = 0;  // changed vnets whose services were stopped
   bool databaseReplaced = false;
 };
 
-// Undoes a merge: the restore point becomes the database again, the default
-// cache is loaded from it, and the touched vnets' daemons are put back.
+// Undoes a merge: the database file gets its old bytes back, the default
+// cache is loaded from it, the touched vnets' daemons are put back, and the
+// restore point goes once the database is as before. Nothing of a failed
+// merge stays behind.
 void RollBackMerge(const MergeState& s) {
+  bool restored = true;
   if (s.databaseReplaced) {
-    if (PLRNetCfgImportConfig(s.restorePoint.c_str(), s.databasePath.c_str()))
+    // The default cache holds the merged settings when their reload worked.
+    if (netCfgDefaultCache != nullptr) PLRNetCfgUnload(nullptr, false);
+    restored = ReplaceFileAtomically(s.databasePath.c_str(), s.oldDatabase, 0600);
+    if (restored)
       PLOG_AS(s.function, LOG_INFO, "Restored config from backup file: %s", s.restorePoint.c_str());
+    else
+      PLOG_AS(s.function, LOG_ERR,
+              "Failed to restore database file during error handling from: %s to %s",
+              s.restorePoint.c_str(), s.databasePath.c_str());
   }
   if (!PLRNetCfgLoad(s.databasePath.c_str(), nullptr, false, s.defaultWasReadOnly))
     PLOG_AS(s.function, LOG_ERR,
             "Failed to restore the default database cache, during error handling");
   for (size_t i = s.touched; i-- > 0;) RestoreVnetServices(s.changed[i], s.function);
+  // A database that could not be put back keeps its restore point.
+  if (restored) sys::unlink(s.restorePoint.c_str());
 }
 
 // Replaces the database file by the contents of `db` (temporary file beside
-// it, renamed over it) and loads the default cache from it again.
+// it, renamed over it) and loads the default cache from it again. The old
+// bytes are kept for the rollback.
 bool InstallMergedDatabase(PLRNetworkConfigurationDB* db, MergeState& s) {
   const char* path = s.databasePath.c_str();
+  if (!ReadWholeFile(path, &s.oldDatabase)) {
+    PLOG_AS(s.function, LOG_ERR, "Failed to read database file: %s, error: %s", path,
+            strerror(errno));
+    return false;
+  }
   PendingFile file;
   if (!NetCfgWriteDatabaseFile(db, &file, path, 0600, false)) {
     PLOG_AS(s.function, LOG_ERR, "Failed to write to database file: %s", path);
@@ -192,7 +212,7 @@ bool InstallMergedDatabase(PLRNetworkConfigurationDB* db, MergeState& s) {
 }
 
 // Exports the default cache as a backup file beside the database: the
-// restore point, which stays in the directory after the merge.
+// restore point, which stays in the directory after a successful merge.
 bool WriteRestorePoint(MergeState& s) {
   PendingFile file;
   const bool written =

@@ -4,11 +4,14 @@
 // byte for byte) from one a user edited (the whole file goes to the ".bak"
 // sibling and a fresh file is written).
 //
-// The new file is built in memory and replaces the old one atomically, so a
-// failed rewrite leaves the previous file in place as well as in the backup.
+// The new file is built in memory; the leases file, the new text and its
+// hash follow in that order, each undone when a later step fails, so a
+// failed rewrite leaves the previous file and hash in place (and the file in
+// the backup).
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <algorithm>
@@ -283,6 +286,15 @@ bool CreateDhcpFiles(const char* function, uint32_t vnet) {
   return true;
 }
 
+// True when the vnet's leases file exists; a quiet probe, unlike
+// PLRFileExists, because a missing leases file is the normal first case.
+bool LeasesFileExists(uint32_t vnet) {
+  char leases[PLR_PATH_SIZE];
+  struct stat st;
+  return PLRGetFileName(vnet, PLR_FILE_DHCP_LEASES, leases, sizeof leases) &&
+         stat(leases, &st) == 0;
+}
+
 }  // namespace
 
 DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content) {
@@ -396,6 +408,27 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     text.append(old, static_cast<size_t>(keep.end));
   }
 
+  // The leases file comes first, so that a failure leaves the previous text
+  // and hash; one that exists is left alone (a failed creation would remove it).
+  bool leasesCreated = false;
+  if (!plr::LeasesFileExists(vnet)) {
+    if (!PLRCreateFile(vnet, PLR_FILE_DHCP_LEASES, nullptr)) {
+      PLOG(LOG_ERR, "Cannot create DHCP leases file");
+      return trace.Exit(false);
+    }
+    leasesCreated = true;
+  }
+  plr::ScopeExit removeLeases([&] {
+    if (leasesCreated) PLRRemoveFile(vnet, PLR_FILE_DHCP_LEASES, nullptr);
+  });
+  // Undo: the old text goes back unless it is still there (a failed
+  // directory sync leaves the renamed new file in place).
+  plr::ScopeExit restoreOld([&] {
+    std::string now;
+    if (created || (plr::ReadWholeFile(path, &now) && now == old)) return;
+    if (!plr::ReplaceFileAtomically(path, old, 0644))
+      PLOG(LOG_ERR, "Cannot restore DHCP Config File, %s, error: %s", path, strerror(errno));
+  });
   if (!plr::ReplaceFileAtomically(path, text, 0644)) {
     PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
          strerror(errno));
@@ -406,10 +439,8 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     return trace.Exit(false);
   }
   PLOG(LOG_INFO, "Hash of DHCP config block set in vnet config");
-  if (!PLRCreateFile(vnet, PLR_FILE_DHCP_LEASES, nullptr)) {
-    PLOG(LOG_ERR, "Cannot create DHCP leases file");
-    return trace.Exit(false);
-  }
+  restoreOld.dismiss();
+  removeLeases.dismiss();
   removeCreated.dismiss();
   return trace.Exit(true);
 }

@@ -112,20 +112,26 @@ struct AdapterMove {
   uint32_t destination = PLR_VNET_NONE;    // T
   uint32_t defaultBridge = PLR_VNET_NONE;  // D
   bool readOnly = false;
-  AdapterList displaced;  // adapters bridged to T before the move
+  bool hadMapping = false;       // the adapter had an explicit mapping before the move
+  int32_t previousMapping = -1;  // its vnet then
+  bool mapped = false;           // the move changed the adapter's mapping
+  AdapterList displaced;         // adapters bridged to T before the move
   bool sourceWasRunning = false;
   bool destinationWasRunning = false;
   bool defaultWasRunning = false;
 };
 
-// Steps after the lock: map the adapter, hand T's former adapters to the
-// default bridge, restart the daemons of T, D and S. False means roll back.
+// Steps after the lock: note the adapter's explicit mapping, map the
+// adapter, hand T's former adapters to the default bridge, restart the
+// daemons of T, D and S. False means roll back.
 bool ApplyAdapterMove(AdapterMove& m) {
+  m.hadMapping = PLRNetCfgLookupVnetForHostAdapter(nullptr, m.adapter, &m.previousMapping);
   if (!PLRSetBridgeMappingForAdapter(m.adapter, m.destination)) {
     PLOG_AS(kMove, LOG_ERR, "Unable to bridge host adapter: %s to vnet: %d", m.adapter,
             static_cast<int>(m.destination));
     return false;
   }
+  m.mapped = true;
   if (m.destination < PLR_MAX_VNETS) {
     // A vnet other than the default bridge keeps one bridged adapter.
     if (!PLRSetBridgeMappingForMultipleAdapters(m.defaultBridge, m.displaced.get())) {
@@ -155,10 +161,16 @@ bool ApplyAdapterMove(AdapterMove& m) {
   return true;
 }
 
-// The undo of ApplyAdapterMove: mappings first, then the daemons that had
-// been running, each started again from the restored mappings.
+// The undo of ApplyAdapterMove: mappings first, exactly as they were (an
+// adapter that followed the default bridge loses its explicit mapping
+// again), then the daemons that had been running, each started again from
+// the restored mappings.
 void UndoAdapterMove(const AdapterMove& m) {
-  if (!PLRSetBridgeMappingForAdapter(m.adapter, m.source))
+  const bool restored =
+      !m.mapped || (m.hadMapping ? PLRSetBridgeMappingForAdapter(
+                                       m.adapter, static_cast<uint32_t>(m.previousMapping))
+                                 : PLRNetCfgRemoveHostAdapterMapping(nullptr, m.adapter));
+  if (!restored)
     PLOG_AS(kMove, LOG_ERR, "Unable to restore host adapter: %s to its previous vnet: %d",
             m.adapter, static_cast<int>(m.source));
   if (!m.displaced.empty() &&
