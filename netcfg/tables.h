@@ -4,6 +4,8 @@
 // Nothing here writes a record except NetCfgWriteRecordToConfig.
 #pragma once
 
+#include <errno.h>
+
 #include <new>
 #include <optional>
 #include <string>
@@ -98,6 +100,43 @@ bool NetCfgAddWithRollback(PLRNetworkConfigurationDB* db, const Kind& kind,
     return rollBack();
   }
   return true;
+}
+
+// The failure points of a remove, for the record kind's own log lines.
+enum class NetCfgRemoveStep {
+  kTable,    // the table erase failed
+  kWrite,    // the remove record was not written
+  kRestore,  // undo: the removed value could not be put back in the table
+};
+
+// Removes the entry `old` (found by the caller) and writes it through: the
+// table changes first, then the remove record goes to the journal. When that
+// write fails the entry goes back into the table, and an add record
+// compensates a remove record that may have reached the file. Each failure
+// point is logged through `kind.Log(NetCfgRemoveStep, const Value& old)`
+// with errno as the failed write left it. `Kind` is a record kind as for
+// NetCfgAddWithRollback (Put, Erase and Record are used).
+template <class Kind>
+bool NetCfgRemoveWithRollback(PLRNetworkConfigurationDB* db, const Kind& kind,
+                              const typename Kind::Value& old) {
+  if (!kind.Erase(db)) {
+    kind.Log(NetCfgRemoveStep::kTable, old);
+    return false;
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  bool mayHaveLanded = false;
+  if (NetCfgWriteRecordToConfig(db, kind.Record(old, false), &mayHaveLanded)) return true;
+  const int writeErrno = errno;
+  kind.Log(NetCfgRemoveStep::kWrite, old);
+  if (!kind.Put(db, old)) {
+    errno = writeErrno;
+    kind.Log(NetCfgRemoveStep::kRestore, old);
+  }
+  if (mayHaveLanded) NetCfgWriteRecordToConfig(db, kind.Record(old, true), &mayHaveLanded);
+  return false;
 }
 
 // Field checks (the reader's rules; the writers produce only what passes).
