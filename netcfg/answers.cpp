@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "base/str-util.h"
+#include "netcfg/global-answer.h"
 #include "netcfg/tables.h"
 
 namespace plr {
@@ -73,6 +74,14 @@ struct AnswerKind {
 };
 
 }  // namespace
+
+// Declared in netcfg/global-answer.h.
+const char* NetCfgGlobalAnswerOr(const char* key, const char* fallback) {
+  const char* value = nullptr;
+  if (PLRNetCfgGetAnswerString(nullptr, key, &value) && value != nullptr) return value;
+  return fallback;
+}
+
 }  // namespace plr
 
 extern "C" {
