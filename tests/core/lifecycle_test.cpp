@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "base/file-lock.h"
+#include "core/frame.h"
 #include "pelorus.h"
+#include "tests/support/core_util.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 
@@ -114,6 +118,46 @@ TEST(LogLevel, MaskDecidesWhichLinesAreWritten) {
                            " no name here\n", "silenced", "Probe - error again"})
     seen += LogHas(text) ? '1' : '0';
   EXPECT_EQ(seen, "001101");
+}
+
+// Each form of the outcome pair logs the ok line at its level or the error
+// line at LOG_ERR, and returns the outcome. Only LOG_OK and LOG_ERR lines are
+// written, so an ok line at LOG_INFO must not appear.
+TEST(LogOutcome, OkLineAtItsLevelErrorLineAtLogErr) {
+  const struct {
+    std::function<bool()> log;
+    bool result;
+    const char* line;  // nullptr: nothing written
+  } kRows[] = {
+      {[] { return LogOutcome("Probe", true, LOG_OK, "ok %d", "err %d", 1); }, true, "ok 1"},
+      {[] { return LogOutcome("Probe", false, LOG_OK, "ok %d", "err %d", 2); }, false, "err 2"},
+      {[] { return LogOutcome("Probe", true, LOG_INFO, "ok %d", "err %d", 3); }, true, nullptr},
+      {[] { return LogOutcome("Probe", true, LOG_OK, FixedLine{"ok 4"}, "err %d", 4); }, true,
+       "ok 4"},
+      {[] { return LogOutcome("Probe", false, LOG_OK, FixedLine{"ok 5"}, "err %d", 5); }, false,
+       "err 5"},
+      {[] { return LogOutcome("Probe", true, LOG_INFO, FixedLine{"ok 6"}, "err %d", 6); }, true,
+       nullptr},
+      {[] { return LogOutcome("Probe", true, LOG_OK, "ok %d", FixedLine{"err 7"}, 7); }, true,
+       "ok 7"},
+      {[] { return LogOutcome("Probe", false, LOG_OK, "ok %d", FixedLine{"err 8"}, 8); }, false,
+       "err 8"},
+      {[] { return LogOutcome("Probe", true, LOG_INFO, "ok %d", FixedLine{"err 9"}, 9); }, true,
+       nullptr},
+  };
+  WriteDatabase();
+  ASSERT_TRUE(PLR_Load(0));
+  ASSERT_TRUE(PLR_SetCurrentLogLevel(PLR_LOG_OK | PLR_LOG_ERR));
+  std::vector<std::string> expected;
+  for (const auto& row : kRows) {
+    EXPECT_EQ(row.log(), row.result) << (row.line ? row.line : "");
+    if (row.line != nullptr) expected.push_back(std::string("Probe - ") + row.line);
+  }
+  PLR_Unload();
+  std::vector<std::string> written;
+  for (const std::string& line : LogLines(kLogPath))
+    if (line.rfind("Probe - ", 0) == 0) written.push_back(line);
+  EXPECT_EQ(written, expected);
 }
 
 TEST(LogFile, ConfiguredFileOfAtMost255CharactersReplacesTheDefault) {
