@@ -12,13 +12,6 @@
 namespace plr {
 namespace {
 
-bool CopyOut(std::string_view text, char* buf, size_t size) {
-  if (buf == nullptr || text.size() + 1 > size) return false;
-  memcpy(buf, text.data(), text.size());
-  buf[text.size()] = '\0';
-  return true;
-}
-
 // A DHCP mapping as a record kind of NetCfgAddWithRollback and
 // NetCfgRemoveWithRollback; `ip` is the added address (unused by a remove).
 struct DhcpKind {
@@ -139,7 +132,7 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
     return false;
   }
   PLOG(LOG_INFO2, "Found DHCP entry: %p for MAC: %s", static_cast<const void*>(ip), standard);
-  if (!CopyOut(*ip, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(*ip, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip->c_str());
     return false;
   }
@@ -176,11 +169,11 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
     return false;
   }
   const auto& [mac, ip] = *table.array[*cursor];
-  if (!CopyOut(mac, macBuffer, macBufferSize)) {
+  if (!NetCfgCopyOut(mac, macBuffer, macBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, mac.c_str());
     return false;
   }
-  if (!CopyOut(ip, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(ip, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip.c_str());
     return false;
   }

@@ -14,14 +14,6 @@
 namespace plr {
 namespace {
 
-// Copies `text` with its terminator into `buf` when it fits.
-bool CopyOut(std::string_view text, char* buf, size_t size) {
-  if (buf == nullptr || text.size() + 1 > size) return false;
-  memcpy(buf, text.data(), text.size());
-  buf[text.size()] = '\0';
-  return true;
-}
-
 // The description as the lookup and enumeration hand it out: copied when its
 // length plus 1 is below the given length, which then becomes length plus 2;
 // 0 when there is none.
@@ -184,7 +176,7 @@ bool PLRNetCfgLookupNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
   if (entry == nullptr) return false;
   PLOG(LOG_INFO2, "Port Fwd Lookup succeeded: %s:%u for %u, %s", entry->vmIP.c_str(), entry->vmPort,
        hostPort, NetCfgProtoName(isTCP));
-  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
          entry->vmIP.c_str());
     return false;
@@ -219,7 +211,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
   }
   const NATPortFwdEntry* entry = group.array[*cursor];
   if (hostPort != nullptr) *hostPort = entry->hostPort;
-  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
          entry->vmIP.c_str());
     return false;

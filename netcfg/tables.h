@@ -151,6 +151,10 @@ bool NetCfgIsLineText(std::string_view text);
 
 const char* NetCfgProtoName(bool isTCP);
 
+// Copies `text` with its terminator into the caller's `buf` of `size` bytes
+// when it fits; false (and nothing copied) when it does not or `buf` is null.
+bool NetCfgCopyOut(std::string_view text, char* buf, size_t size);
+
 // Port forwards. Insert replaces an entry with the same key (logging that it
 // does) and discards the group's enumeration array.
 const NATPortFwdEntry* NetCfgFindPortFwd(const PLRNetworkConfigurationDB* db, uint32_t vnet,
