@@ -41,12 +41,8 @@ void SayAdapter(const SwitchCall& s, SwitchStep step, bool ok) {
       PLOG_AS(fn, LOG_INFO, "New subnet configured");
       break;
     case SwitchStep::kOn:
-      if (ok) {
-        PLOG_AS(fn, LOG_OK, "Success in configuring Adapter for the vnet");
-      } else {
-        PLOG_AS(fn, LOG_ERR, "Configuring Adapter failed on vnet: %s, current status unknown",
-                s.vnetName);
-      }
+      LogOutcome(fn, ok, LOG_OK, FixedLine{"Success in configuring Adapter for the vnet"},
+                 "Configuring Adapter failed on vnet: %s, current status unknown", s.vnetName);
       break;
     case SwitchStep::kOff:
       LogOutcome(fn, ok, LOG_OK, "Success in unconfiguring Adapter on vnet: %s",

@@ -187,18 +187,12 @@ bool RemoveVnetConfiguration(const char* fn, uint32_t vnet, const char* name, bo
     all &= LogOutcome(fn, PLRNATUpdateFromConfig(vnet), LOG_INFO,
                       "Removed NAT system configuration file, for vnet: %s",
                       "Failed to remove NAT system configuraiton file, for vnet: %s", name);
-  if (PLRSetVnetUseAdapter(vnet, false, true)) {
-    PLOG_AS(fn, LOG_INFO, "Removed Adapter from vnet: %s", name);
-  } else {
-    PLOG_AS(fn, LOG_ERR, "Failed to delete adapter from configuration");
-    all = false;
-  }
-  if (PLRRemoveSubnetAssignment(vnet)) {
-    PLOG_AS(fn, LOG_INFO, "Removed subnet assignment for vnet: %s", name);
-  } else {
-    PLOG_AS(fn, LOG_ERR, "Failed to delete subnet assignment");
-    all = false;
-  }
+  all &= LogOutcome(fn, PLRSetVnetUseAdapter(vnet, false, true), LOG_INFO,
+                    "Removed Adapter from vnet: %s",
+                    FixedLine{"Failed to delete adapter from configuration"}, name);
+  all &= LogOutcome(fn, PLRRemoveSubnetAssignment(vnet), LOG_INFO,
+                    "Removed subnet assignment for vnet: %s",
+                    FixedLine{"Failed to delete subnet assignment"}, name);
   if (!PLRRemoveFile(vnet, PLR_FILE_KAVIX_DEVICE, nullptr)) {
     PLOG_AS(fn, LOG_ERR, "Failed to delete kavix device");
     all = false;

@@ -38,12 +38,8 @@ void SayDhcp(const SwitchCall& s, SwitchStep step, bool ok) {
       PLOG_AS(fn, LOG_INFO2, "New subnet configured");
       break;
     case SwitchStep::kOn:
-      if (ok) {
-        PLOG_AS(fn, LOG_OK, "Success in configuring DHCP for the vnet");
-      } else {
-        PLOG_AS(fn, LOG_ERR, "Configuring DHCP failed on vnet: %s, current status unknown",
-                s.vnetName);
-      }
+      LogOutcome(fn, ok, LOG_OK, FixedLine{"Success in configuring DHCP for the vnet"},
+                 "Configuring DHCP failed on vnet: %s, current status unknown", s.vnetName);
       break;
     case SwitchStep::kOff:
       LogOutcome(fn, ok, LOG_OK, "Success in unconfiguring DHCP  on vnet: %s",

@@ -26,6 +26,32 @@ bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okF
   return ok;
 }
 
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, FixedLine okLine,
+                const char* errFormat, ...) {
+  if (ok) {
+    PLRLog(okLevel, function, "%s", okLine.text);
+    return true;
+  }
+  va_list args;
+  va_start(args, errFormat);
+  PLRVLog(LOG_ERR, function, errFormat, args);
+  va_end(args);
+  return false;
+}
+
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                FixedLine errLine, ...) {
+  if (!ok) {
+    PLRLog(LOG_ERR, function, "%s", errLine.text);
+    return false;
+  }
+  va_list args;
+  va_start(args, errLine);
+  PLRVLog(okLevel, function, okFormat, args);
+  va_end(args);
+  return true;
+}
+
 Api::Api(const char* function, int line) : function_(function), line_(line) {
   PLRLog(LOG_INFO2, nullptr, "\n----------------------------------\nEntering API Function, %s:%d\n",
          function, line);

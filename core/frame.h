@@ -29,6 +29,18 @@ bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okF
                 const char* errFormat, ...) __attribute__((format(printf, 4, 6)))
 __attribute__((format(printf, 5, 6)));
 
+// A line that takes no arguments, logged as it is.
+struct FixedLine {
+  const char* text;
+};
+
+// The outcome pair when only one of the two lines takes the arguments: the
+// other one is a FixedLine.
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, FixedLine okLine,
+                const char* errFormat, ...) __attribute__((format(printf, 5, 6)));
+bool LogOutcome(const char* function, bool ok, LogLevel okLevel, const char* okFormat,
+                FixedLine errLine, ...) __attribute__((format(printf, 4, 6)));
+
 // Whether the write bracket asks PLRNetCfgIsReadOnly first (the usual one)
 // or takes the lock unconditionally (the update-from-config and service
 // calls, which lock even a read-only cache).

@@ -1,7 +1,8 @@
 // Answers: string values under string keys, written through to the journal.
 //
-// Adds go through NetCfgAddWithRollback (netcfg/tables.h), which also holds
-// the undo rules of the other record kinds.
+// Adds and removes go through NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback (netcfg/tables.h), which hold the undo rules of
+// every record kind.
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
@@ -9,12 +10,14 @@
 #include <optional>
 
 #include "base/str-util.h"
+#include "netcfg/global-answer.h"
 #include "netcfg/tables.h"
 
 namespace plr {
 namespace {
 
-// An answer as a record kind of NetCfgAddWithRollback.
+// An answer as a record kind of NetCfgAddWithRollback and NetCfgRemoveWithRollback;
+// `value` is the added value (unused by a remove).
 struct AnswerKind {
   using Value = std::string;
   const char* key;
@@ -55,9 +58,30 @@ struct AnswerKind {
         break;
     }
   }
+  void Log(NetCfgRemoveStep step, const std::string& old) const {
+    switch (step) {
+      case NetCfgRemoveStep::kTable:
+        PLOG_AS(function, LOG_ERR, "Failed to remove \"%s\" from hash table", key);
+        break;
+      case NetCfgRemoveStep::kWrite:
+        PLOG_AS(function, LOG_ERR, "Failed to remove \"%s\" in database file", key);
+        break;
+      case NetCfgRemoveStep::kRestore:
+        PLOG_AS(function, LOG_ERR, "Restoring %s:%s failed in hash table", key, old.c_str());
+        break;
+    }
+  }
 };
 
 }  // namespace
+
+// Declared in netcfg/global-answer.h.
+const char* NetCfgGlobalAnswerOr(const char* key, const char* fallback) {
+  const char* value = nullptr;
+  if (PLRNetCfgGetAnswerString(nullptr, key, &value) && value != nullptr) return value;
+  return fallback;
+}
+
 }  // namespace plr
 
 extern "C" {
@@ -134,24 +158,8 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
   return plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
     auto it = cache->answers->find(std::string_view(key));
     if (it == cache->answers->end()) return true;
-    std::string oldValue = it->second.value;
-    if (!plr::NetCfgHashRemoveAnswer(cache, key)) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to remove \"%s\" from hash table", key);
-      return false;
-    }
-    if (cache->readOnly) {
-      cache->modified = true;
-      return true;
-    }
-    bool mayHaveLanded = false;
-    if (plr::NetCfgWriteRecordToConfig(cache, plr::RemoveAnswerRecord(key), &mayHaveLanded))
-      return true;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove \"%s\" in database file", key);
-    if (!plr::NetCfgHashAddAnswer(cache, key, oldValue))
-      PLOG_AS(fnName, LOG_ERR, "Restoring %s:%s failed in hash table", key, oldValue.c_str());
-    if (mayHaveLanded)
-      plr::NetCfgWriteRecordToConfig(cache, plr::AnswerRecord(key, oldValue), &mayHaveLanded);
-    return false;
+    return plr::NetCfgRemoveWithRollback(cache, plr::AnswerKind{key, nullptr, fnName},
+                                         std::string(it->second.value));
   });
 }
 

@@ -1,6 +1,6 @@
 // Bridge mappings of host adapters to vnets (-1: bridged to nothing), written
-// through to the journal (adds through NetCfgAddWithRollback), and the adapter
-// lists built from them.
+// through to the journal (through NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback), and the adapter lists built from them.
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,7 +12,8 @@
 namespace plr {
 namespace {
 
-// A bridge mapping as a record kind of NetCfgAddWithRollback.
+// A bridge mapping as a record kind of NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback; `vnet` is the added one.
 struct BridgeKind {
   using Value = int32_t;
   const char* adapter;
@@ -53,6 +54,23 @@ struct BridgeKind {
       case NetCfgAddStep::kRemoveNew:
         PLOG_AS(function, LOG_ERR, "Failed to remove newly added record, adapter: %s, vnet:%d",
                 adapter, vnet);
+        break;
+    }
+  }
+  void Log(NetCfgRemoveStep step, int32_t old) const {
+    switch (step) {
+      case NetCfgRemoveStep::kTable:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove Bridge mapping for adapter: %s from hash table", adapter);
+        break;
+      case NetCfgRemoveStep::kWrite:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove Bridge mapping for adapter: %s from database file", adapter);
+        break;
+      case NetCfgRemoveStep::kRestore:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d",
+                adapter, old);
         break;
     }
   }
@@ -113,24 +131,9 @@ bool PLRNetCfgRemoveHostAdapterMapping(PLRNetworkConfigurationDB* db, const char
          adapter ? adapter : "(null)");
     return false;
   }
-  int32_t oldVnet = *found;
+  const int32_t oldVnet = *found;
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    NetCfgHashRemoveBridge(cache, adapter);
-    if (cache->readOnly) {
-      cache->modified = true;
-      return true;
-    }
-    bool mayHaveLanded = false;
-    if (NetCfgWriteRecordToConfig(cache, BridgeRecord(adapter, oldVnet, false), &mayHaveLanded))
-      return true;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove Bridge mapping for adapter: %s from database file",
-            adapter);
-    if (!NetCfgHashAddBridge(cache, adapter, oldVnet))
-      PLOG_AS(fnName, LOG_ERR,
-              "Failed to restore previous values of Bridge mapping, adapter: %s, vnet: %d", adapter,
-              oldVnet);
-    if (mayHaveLanded)
-      NetCfgWriteRecordToConfig(cache, BridgeRecord(adapter, oldVnet, true), &mayHaveLanded);
+    if (NetCfgRemoveWithRollback(cache, BridgeKind{adapter, oldVnet, fnName}, oldVnet)) return true;
     PLOG_AS(fnName, LOG_ERR, "Removing Bridge mapping failed");
     return false;
   });

@@ -1,5 +1,6 @@
 // DHCP MAC-to-IP mappings: one table per vnet keyed by the standard form of
-// the MAC, written through to the journal (adds through NetCfgAddWithRollback).
+// the MAC, written through to the journal (through NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback).
 #include <errno.h>
 #include <string.h>
 
@@ -11,14 +12,8 @@
 namespace plr {
 namespace {
 
-bool CopyOut(std::string_view text, char* buf, size_t size) {
-  if (buf == nullptr || text.size() + 1 > size) return false;
-  memcpy(buf, text.data(), text.size());
-  buf[text.size()] = '\0';
-  return true;
-}
-
-// A DHCP mapping as a record kind of NetCfgAddWithRollback.
+// A DHCP mapping as a record kind of NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback; `ip` is the added address (unused by a remove).
 struct DhcpKind {
   using Value = std::string;
   uint32_t vnet;
@@ -56,6 +51,19 @@ struct DhcpKind {
         break;
       case NetCfgAddStep::kRemoveNew:
         PLOG_AS(function, LOG_ERR, "Failed to remove newly added record, %s:%s", mac, ip);
+        break;
+    }
+  }
+  void Log(NetCfgRemoveStep step, const std::string& old) const {
+    switch (step) {
+      case NetCfgRemoveStep::kTable:
+      case NetCfgRemoveStep::kWrite:
+        PLOG_AS(function, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", mac);
+        break;
+      case NetCfgRemoveStep::kRestore:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s", mac,
+                old.c_str());
         break;
     }
   }
@@ -99,22 +107,8 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
     return false;
   }
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    std::string oldIp = *found;
-    NetCfgHashRemoveDhcp(cache, vnet, standard);
-    if (cache->readOnly) {
-      cache->modified = true;
-      return true;
-    }
-    bool mayHaveLanded = false;
-    if (NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, standard, oldIp, false), &mayHaveLanded))
-      return true;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove DHCP address mapping for MAC: %s", standard);
-    if (!NetCfgHashAddDhcp(cache, vnet, standard, oldIp))
-      PLOG_AS(fnName, LOG_ERR, "Failed to restore previous values of DHCP mapping, mac: %s, ip: %s",
-              standard, oldIp.c_str());
-    if (mayHaveLanded)
-      NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, standard, oldIp, true), &mayHaveLanded);
-    return false;
+    return NetCfgRemoveWithRollback(cache, DhcpKind{vnet, standard, nullptr, fnName},
+                                    std::string(*found));
   });
 }
 
@@ -138,7 +132,7 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
     return false;
   }
   PLOG(LOG_INFO2, "Found DHCP entry: %p for MAC: %s", static_cast<const void*>(ip), standard);
-  if (!CopyOut(*ip, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(*ip, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip->c_str());
     return false;
   }
@@ -175,11 +169,11 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
     return false;
   }
   const auto& [mac, ip] = *table.array[*cursor];
-  if (!CopyOut(mac, macBuffer, macBufferSize)) {
+  if (!NetCfgCopyOut(mac, macBuffer, macBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, mac.c_str());
     return false;
   }
-  if (!CopyOut(ip, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(ip, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", ipBufferSize, ip.c_str());
     return false;
   }

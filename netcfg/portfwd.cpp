@@ -1,5 +1,6 @@
 // NAT port forwards: per vnet, a TCP and a UDP table keyed by host port,
-// written through to the journal (adds through NetCfgAddWithRollback).
+// written through to the journal (through NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback).
 #include <errno.h>
 #include <string.h>
 
@@ -12,14 +13,6 @@
 
 namespace plr {
 namespace {
-
-// Copies `text` with its terminator into `buf` when it fits.
-bool CopyOut(std::string_view text, char* buf, size_t size) {
-  if (buf == nullptr || text.size() + 1 > size) return false;
-  memcpy(buf, text.data(), text.size());
-  buf[text.size()] = '\0';
-  return true;
-}
 
 // The description as the lookup and enumeration hand it out: copied when its
 // length plus 1 is below the given length, which then becomes length plus 2;
@@ -40,7 +33,14 @@ bool CopyDescription(const std::string& description, char* buf, uint32_t* length
   return true;
 }
 
-// A port forward as a record kind of NetCfgAddWithRollback.
+// The failure line of a remove that finds nothing to take out of the table.
+void LogNotRemoved(const char* function, bool isTCP, uint16_t hostPort) {
+  PLOG_AS(function, LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table",
+          NetCfgProtoName(isTCP), hostPort);
+}
+
+// A port forward as a record kind of NetCfgAddWithRollback and
+// NetCfgRemoveWithRollback; `entry` is the one added or removed.
 struct PortFwdKind {
   using Value = NATPortFwdEntry;
   const NATPortFwdEntry& entry;
@@ -78,6 +78,26 @@ struct PortFwdKind {
         PLOG_AS(function, LOG_ERR,
                 "Failed to remove newly added record, vnet: %u, %s, port %u, vmip: %s, vmPort: %u",
                 entry.vnet, proto, entry.hostPort, entry.vmIP.c_str(), entry.vmPort);
+        break;
+    }
+  }
+  void Log(NetCfgRemoveStep step, const NATPortFwdEntry& old) const {
+    const char* proto = NetCfgProtoName(old.isTCP);
+    switch (step) {
+      case NetCfgRemoveStep::kTable:
+        LogNotRemoved(function, old.isTCP, old.hostPort);
+        break;
+      case NetCfgRemoveStep::kWrite:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove NAT port forward for %s port %u from database file, error: %s",
+                proto, old.hostPort, strerror(errno));
+        break;
+      case NetCfgRemoveStep::kRestore:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
+                "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
+                old.vnet, proto, old.hostPort, old.vmIP.c_str(), old.vmPort,
+                old.description.c_str());
         break;
     }
   }
@@ -136,31 +156,13 @@ bool PLRNetCfgRemoveNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    const char* proto = NetCfgProtoName(isTCP);
     const NATPortFwdEntry* found = NetCfgFindPortFwd(cache, vnet, isTCP, hostPort);
-    std::optional<NATPortFwdEntry> old;
-    if (found != nullptr) old = *found;
-    if (!old || !NetCfgHashRemovePortFwd(cache, vnet, isTCP, hostPort)) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT port forward for %s port %u from hash table",
-              proto, hostPort);
+    if (found == nullptr) {
+      LogNotRemoved(fnName, isTCP, hostPort);
       return false;
     }
-    if (cache->readOnly) {
-      cache->modified = true;
-      return true;
-    }
-    bool mayHaveLanded = false;
-    if (NetCfgWriteRecordToConfig(cache, PortFwdRecord(*old, false), &mayHaveLanded)) return true;
-    PLOG_AS(fnName, LOG_ERR,
-            "Failed to remove NAT port forward for %s port %u from database file, error: %s", proto,
-            hostPort, strerror(errno));
-    if (!NetCfgHashAddPortFwd(cache, *old))
-      PLOG_AS(fnName, LOG_ERR,
-              "Failed to restore previous value for NAT port  forward record, vnet: %u, \"%s\", "
-              "hostPort: %u, vmIP: %s vmPort: %u, desc.: %s",
-              vnet, proto, hostPort, old->vmIP.c_str(), old->vmPort, old->description.c_str());
-    if (mayHaveLanded) NetCfgWriteRecordToConfig(cache, PortFwdRecord(*old, true), &mayHaveLanded);
-    return false;
+    const NATPortFwdEntry old = *found;
+    return NetCfgRemoveWithRollback(cache, PortFwdKind{old, fnName}, old);
   });
 }
 
@@ -174,7 +176,7 @@ bool PLRNetCfgLookupNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
   if (entry == nullptr) return false;
   PLOG(LOG_INFO2, "Port Fwd Lookup succeeded: %s:%u for %u, %s", entry->vmIP.c_str(), entry->vmPort,
        hostPort, NetCfgProtoName(isTCP));
-  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
          entry->vmIP.c_str());
     return false;
@@ -209,7 +211,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
   }
   const NATPortFwdEntry* entry = group.array[*cursor];
   if (hostPort != nullptr) *hostPort = entry->hostPort;
-  if (!CopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
+  if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,
          entry->vmIP.c_str());
     return false;

@@ -5,6 +5,46 @@
 
 #include "netcfg/tables.h"
 
+namespace plr {
+namespace {
+
+// A prefix of one vnet as a record kind of NetCfgRemoveWithRollback. A set
+// holds no value under its key, so the value is the prefix itself.
+struct PrefixKind {
+  using Value = std::string;
+  uint32_t vnet;
+  const char* prefix;
+  const char* function;
+
+  bool Put(PLRNetworkConfigurationDB* db, const std::string& v) const {
+    return NetCfgHashAddPrefix(db, vnet, v);
+  }
+  bool Erase(PLRNetworkConfigurationDB* db) const {
+    return NetCfgHashRemovePrefix(db, vnet, prefix);
+  }
+  NetCfgRecord Record(const std::string& v, bool add) const { return PrefixRecord(vnet, v, add); }
+  void Log(NetCfgRemoveStep step, const std::string&) const {
+    switch (step) {
+      case NetCfgRemoveStep::kTable:
+        PLOG_AS(function, LOG_ERR, "Failed to remove NAT prefix for %s from hash table", prefix);
+        break;
+      case NetCfgRemoveStep::kWrite:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to remove NAT prefix for %s from database file, error: %s", prefix,
+                strerror(errno));
+        break;
+      case NetCfgRemoveStep::kRestore:
+        PLOG_AS(function, LOG_ERR,
+                "Failed to add back NAT prefix for %s from database file, error: %s", prefix,
+                strerror(errno));
+        break;
+    }
+  }
+};
+
+}  // namespace
+}  // namespace plr
+
 using namespace plr;
 
 extern "C" {
@@ -62,26 +102,7 @@ bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, cons
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr || !PLRNetCfgLookupNATPrefix(cache, vnet, prefix)) return false;
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    if (!NetCfgHashRemovePrefix(cache, vnet, prefix)) {
-      PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from hash table", prefix);
-      return false;
-    }
-    if (cache->readOnly) {
-      cache->modified = true;
-      return true;
-    }
-    bool mayHaveLanded = false;
-    if (NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, false), &mayHaveLanded))
-      return true;
-    int err = errno;
-    PLOG_AS(fnName, LOG_ERR, "Failed to remove NAT prefix for %s from database file, error: %s",
-            prefix, strerror(err));
-    if (!NetCfgHashAddPrefix(cache, vnet, prefix))
-      PLOG_AS(fnName, LOG_ERR, "Failed to add back NAT prefix for %s from database file, error: %s",
-              prefix, strerror(err));
-    if (mayHaveLanded)
-      NetCfgWriteRecordToConfig(cache, PrefixRecord(vnet, prefix, true), &mayHaveLanded);
-    return false;
+    return NetCfgRemoveWithRollback(cache, PrefixKind{vnet, prefix, fnName}, std::string(prefix));
   });
 }
 

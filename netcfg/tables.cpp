@@ -71,6 +71,13 @@ const char* NetCfgProtoName(bool isTCP) {
   return isTCP ? "tcp" : "udp";
 }
 
+bool NetCfgCopyOut(std::string_view text, char* buf, size_t size) {
+  if (buf == nullptr || text.size() + 1 > size) return false;
+  memcpy(buf, text.data(), text.size());
+  buf[text.size()] = '\0';
+  return true;
+}
+
 // --- answers -------------------------------------------------------------
 
 void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry* entry) {

@@ -4,6 +4,8 @@
 // Nothing here writes a record except NetCfgWriteRecordToConfig.
 #pragma once
 
+#include <errno.h>
+
 #include <new>
 #include <optional>
 #include <string>
@@ -100,6 +102,43 @@ bool NetCfgAddWithRollback(PLRNetworkConfigurationDB* db, const Kind& kind,
   return true;
 }
 
+// The failure points of a remove, for the record kind's own log lines.
+enum class NetCfgRemoveStep {
+  kTable,    // the table erase failed
+  kWrite,    // the remove record was not written
+  kRestore,  // undo: the removed value could not be put back in the table
+};
+
+// Removes the entry `old` (found by the caller) and writes it through: the
+// table changes first, then the remove record goes to the journal. When that
+// write fails the entry goes back into the table, and an add record
+// compensates a remove record that may have reached the file. Each failure
+// point is logged through `kind.Log(NetCfgRemoveStep, const Value& old)`
+// with errno as the failed write left it. `Kind` is a record kind as for
+// NetCfgAddWithRollback (Put, Erase and Record are used).
+template <class Kind>
+bool NetCfgRemoveWithRollback(PLRNetworkConfigurationDB* db, const Kind& kind,
+                              const typename Kind::Value& old) {
+  if (!kind.Erase(db)) {
+    kind.Log(NetCfgRemoveStep::kTable, old);
+    return false;
+  }
+  if (db->readOnly) {
+    db->modified = true;
+    return true;
+  }
+  bool mayHaveLanded = false;
+  if (NetCfgWriteRecordToConfig(db, kind.Record(old, false), &mayHaveLanded)) return true;
+  const int writeErrno = errno;
+  kind.Log(NetCfgRemoveStep::kWrite, old);
+  if (!kind.Put(db, old)) {
+    errno = writeErrno;
+    kind.Log(NetCfgRemoveStep::kRestore, old);
+  }
+  if (mayHaveLanded) NetCfgWriteRecordToConfig(db, kind.Record(old, true), &mayHaveLanded);
+  return false;
+}
+
 // Field checks (the reader's rules; the writers produce only what passes).
 bool NetCfgParseDecimal(std::string_view text, uint32_t max, uint32_t* out);
 bool NetCfgIsValidPrefix(std::string_view text);
@@ -111,6 +150,10 @@ bool NetCfgIsToken(std::string_view text);
 bool NetCfgIsLineText(std::string_view text);
 
 const char* NetCfgProtoName(bool isTCP);
+
+// Copies `text` with its terminator into the caller's `buf` of `size` bytes
+// when it fits; false (and nothing copied) when it does not or `buf` is null.
+bool NetCfgCopyOut(std::string_view text, char* buf, size_t size);
 
 // Port forwards. Insert replaces an entry with the same key (logging that it
 // does) and discards the group's enumeration array.

@@ -11,9 +11,6 @@ namespace plr {
 // for an ID outside the table. The program answers only name PID files.
 const char* DefaultProgramForService(uint32_t service);
 
-// A global answer of the default database, or `fallback` when it is absent.
-const char* GlobalAnswerOr(const char* key, const char* fallback);
-
 // "kavix<n>".
 std::string VnetNameOf(uint32_t vnet);
 

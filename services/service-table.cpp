@@ -14,6 +14,7 @@
 #include "base/sys-util.h"
 #include "core/frame.h"
 #include "core/log.h"
+#include "netcfg/global-answer.h"
 #include "pelorus/netcfg.h"
 #include "pelorus/services.h"
 #include "services/service-internal.h"
@@ -62,13 +63,6 @@ const char* DefaultProgramForService(uint32_t service) {
   return row != nullptr ? row->defaultProgram : nullptr;
 }
 
-// Declared in service-internal.h.
-const char* GlobalAnswerOr(const char* key, const char* fallback) {
-  const char* value = nullptr;
-  if (PLRNetCfgGetAnswerString(nullptr, key, &value) && value != nullptr) return value;
-  return fallback;
-}
-
 // Declared in service-internal.h; formatted here rather than through the
 // vnet name converter so that no vnet number can make it fail.
 std::string VnetNameOf(uint32_t vnet) {
@@ -101,7 +95,7 @@ bool PLRGetPidFilename(uint32_t vnet, uint32_t service, char** pidFile, const ch
     PLOG(LOG_ERR, "Invalid service name: %d", static_cast<int>(service));
     return false;
   }
-  const char* runDir = plr::GlobalAnswerOr("RUNDIR", "/var/run");
+  const char* runDir = plr::NetCfgGlobalAnswerOr("RUNDIR", "/var/run");
   const char* program = plr::PidProgramName(__func__, *row);
 
   std::string name;

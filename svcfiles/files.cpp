@@ -13,8 +13,8 @@
 #include "base/fd-util.h"
 #include "base/sys-util.h"
 #include "core/log.h"
+#include "netcfg/global-answer.h"
 #include "pelorus/core.h"
-#include "pelorus/netcfg.h"
 #include "pelorus/vnet.h"
 
 namespace plr {
@@ -62,13 +62,6 @@ constexpr uint32_t kTypeCount = sizeof kRules / sizeof kRules[0];
 
 const TypeRule* RuleFor(uint32_t type) {
   return type < kTypeCount ? &kRules[type] : nullptr;
-}
-
-// A global answer, or `fallback` when the database has none.
-const char* AnswerOr(const char* key, const char* fallback) {
-  const char* value = nullptr;
-  if (!PLRNetCfgGetAnswerString(nullptr, key, &value) || value == nullptr) return fallback;
-  return value;
 }
 
 // True when snprintf's result shows the whole text fitted.
@@ -224,10 +217,10 @@ extern "C" {
 bool PLRGetFileName(uint32_t vnet, uint32_t type, char* buf, size_t size) {
   const plr::TypeRule* rule = plr::RuleFor(type);
   if (rule == nullptr || type == PLR_FILE_CUSTOM || buf == nullptr) return false;
-  const char* configDir = plr::AnswerOr("CONFIGDIR", plr::kDefaultConfigDir);
+  const char* configDir = plr::NetCfgGlobalAnswerOr("CONFIGDIR", plr::kDefaultConfigDir);
   // RUNDIR names no path of this table; it is read so every lookup sees the
   // same answers in the same order as the daemons' code does.
-  (void)plr::AnswerOr("RUNDIR", plr::kDefaultRunDir);
+  (void)plr::NetCfgGlobalAnswerOr("RUNDIR", plr::kDefaultRunDir);
 
   bool fits =
       type == PLR_FILE_KAVIX_DEVICE

@@ -44,36 +44,34 @@ struct DefaultBridgeChange {
   bool newWasRunning = false;
 };
 
-constexpr const char* kSetDefault = "PLR_SetBridgeDefaultNetwork";
-
 // Steps after the lock: pin the adapters by explicit mappings, write the new
 // default, restart the daemons of the old and the new default. False means
-// the caller must roll back.
-bool ApplyDefaultBridgeChange(DefaultBridgeChange& c) {
+// the caller must roll back. Logs under `function`.
+bool ApplyDefaultBridgeChange(const char* function, DefaultBridgeChange& c) {
   uint32_t count = 0;
   if (!PLRGetVnetBridge(c.listOwner, &count, c.list.out())) {
-    PLOG_AS(kSetDefault, LOG_ERR, "Error creating list of adapters on host");
+    PLOG_AS(function, LOG_ERR, "Error creating list of adapters on host");
     return false;
   }
-  PLOG_AS(kSetDefault, LOG_INFO2, "Obtained list of %u adapters", count);
+  PLOG_AS(function, LOG_INFO2, "Obtained list of %u adapters", count);
   if (!PLRSetBridgeMappingForMultipleAdapters(c.newOwner, c.list.get())) {
-    PLOG_AS(kSetDefault, LOG_ERR, "Failed to set the bridge mappings, vnet: %d",
+    PLOG_AS(function, LOG_ERR, "Failed to set the bridge mappings, vnet: %d",
             static_cast<int>(c.newOwner));
     return false;
   }
   if (!PLRSetDefaultBridgeVnet(c.requested)) {
-    PLOG_AS(kSetDefault, LOG_INFO, "Failed to set value of default bridge: %d",
+    PLOG_AS(function, LOG_INFO, "Failed to set value of default bridge: %d",
             static_cast<int>(c.requested));
     return false;
   }
   if (c.readOnly) return true;  // no daemons are touched for a read-only database
   if (c.current < PLR_MAX_VNETS && !RestartBridge(c.current, &c.oldWasRunning)) {
-    PLOG_AS(kSetDefault, LOG_ERR, "Failed to restart bridge service on old default bridge: %d",
+    PLOG_AS(function, LOG_ERR, "Failed to restart bridge service on old default bridge: %d",
             static_cast<int>(c.current));
     return false;
   }
   if (c.requested < PLR_MAX_VNETS && !RestartBridge(c.requested, &c.newWasRunning)) {
-    PLOG_AS(kSetDefault, LOG_ERR, "Failed to restart bridge service on new default bridge: %d",
+    PLOG_AS(function, LOG_ERR, "Failed to restart bridge service on new default bridge: %d",
             static_cast<int>(c.requested));
     return false;
   }
@@ -82,28 +80,27 @@ bool ApplyDefaultBridgeChange(DefaultBridgeChange& c) {
 
 // The undo of ApplyDefaultBridgeChange: the old default first, then the
 // mappings, and only then the daemons, so restarted daemons read the
-// restored settings. Every failure is logged; the undo goes on.
-void UndoDefaultBridgeChange(const DefaultBridgeChange& c) {
+// restored settings. Every failure is logged under `function`; the undo goes
+// on.
+void UndoDefaultBridgeChange(const char* function, const DefaultBridgeChange& c) {
   if (!PLRSetDefaultBridgeVnet(c.current))
-    PLOG_AS(kSetDefault, LOG_INFO, "Failed to restore value of default bridge: %d",
+    PLOG_AS(function, LOG_INFO, "Failed to restore value of default bridge: %d",
             static_cast<int>(c.current));
   if (!c.list.empty() && !PLRSetBridgeMappingForMultipleAdapters(c.listOwner, c.list.get()))
-    PLOG_AS(kSetDefault, LOG_ERR, "Failed to restore the bridge mappings for vnet: %d",
+    PLOG_AS(function, LOG_ERR, "Failed to restore the bridge mappings for vnet: %d",
             static_cast<int>(c.listOwner));
   if (c.readOnly) return;
   if (!RestoreBridge(c.current, c.oldWasRunning))
-    PLOG_AS(kSetDefault, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Failed to restart bridge service on old default bridge: %d during cleanup",
             static_cast<int>(c.current));
   if (!RestoreBridge(c.requested, c.newWasRunning))
-    PLOG_AS(kSetDefault, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Failed to restart bridge service on old default bridge: %d during cleanup",
             static_cast<int>(c.requested));
 }
 
 // ---- Moving one adapter ----
-
-constexpr const char* kMove = "PLR_BridgeMoveAdapter";
 
 // What one move of an adapter did so far.
 struct AdapterMove {
@@ -123,11 +120,11 @@ struct AdapterMove {
 
 // Steps after the lock: note the adapter's explicit mapping, map the
 // adapter, hand T's former adapters to the default bridge, restart the
-// daemons of T, D and S. False means roll back.
-bool ApplyAdapterMove(AdapterMove& m) {
+// daemons of T, D and S. False means roll back. Logs under `function`.
+bool ApplyAdapterMove(const char* function, AdapterMove& m) {
   m.hadMapping = PLRNetCfgLookupVnetForHostAdapter(nullptr, m.adapter, &m.previousMapping);
   if (!PLRSetBridgeMappingForAdapter(m.adapter, m.destination)) {
-    PLOG_AS(kMove, LOG_ERR, "Unable to bridge host adapter: %s to vnet: %d", m.adapter,
+    PLOG_AS(function, LOG_ERR, "Unable to bridge host adapter: %s to vnet: %d", m.adapter,
             static_cast<int>(m.destination));
     return false;
   }
@@ -135,18 +132,18 @@ bool ApplyAdapterMove(AdapterMove& m) {
   if (m.destination < PLR_MAX_VNETS) {
     // A vnet other than the default bridge keeps one bridged adapter.
     if (!PLRSetBridgeMappingForMultipleAdapters(m.defaultBridge, m.displaced.get())) {
-      PLOG_AS(kMove, LOG_ERR, "Failed to move adapters from destination vnet to default bridge");
+      PLOG_AS(function, LOG_ERR, "Failed to move adapters from destination vnet to default bridge");
       return false;
     }
     if (!m.readOnly) {
       if (!RestartBridge(m.destination, &m.destinationWasRunning)) {
-        PLOG_AS(kMove, LOG_ERR, "Failed to restart bridge service on destination vnet: %d",
+        PLOG_AS(function, LOG_ERR, "Failed to restart bridge service on destination vnet: %d",
                 static_cast<int>(m.destination));
         return false;
       }
       if (m.defaultBridge < PLR_MAX_VNETS &&
           !RestartBridge(m.defaultBridge, &m.defaultWasRunning)) {
-        PLOG_AS(kMove, LOG_ERR, "Failed to restart bridge service on destination vnet: %d",
+        PLOG_AS(function, LOG_ERR, "Failed to restart bridge service on destination vnet: %d",
                 static_cast<int>(m.defaultBridge));
         return false;
       }
@@ -154,7 +151,7 @@ bool ApplyAdapterMove(AdapterMove& m) {
   }
   if (m.readOnly) return true;
   if (m.source < PLR_MAX_VNETS && !RestartBridge(m.source, &m.sourceWasRunning)) {
-    PLOG_AS(kMove, LOG_ERR, "Failed to restart bridge service on old default bridge: %d",
+    PLOG_AS(function, LOG_ERR, "Failed to restart bridge service on old default bridge: %d",
             static_cast<int>(m.source));
     return false;
   }
@@ -164,51 +161,55 @@ bool ApplyAdapterMove(AdapterMove& m) {
 // The undo of ApplyAdapterMove: mappings first, exactly as they were (an
 // adapter that followed the default bridge loses its explicit mapping
 // again), then the daemons that had been running, each started again from
-// the restored mappings.
-void UndoAdapterMove(const AdapterMove& m) {
+// the restored mappings. Logs under `function`.
+void UndoAdapterMove(const char* function, const AdapterMove& m) {
   const bool restored =
       !m.mapped || (m.hadMapping ? PLRSetBridgeMappingForAdapter(
                                        m.adapter, static_cast<uint32_t>(m.previousMapping))
                                  : PLRNetCfgRemoveHostAdapterMapping(nullptr, m.adapter));
   if (!restored)
-    PLOG_AS(kMove, LOG_ERR, "Unable to restore host adapter: %s to its previous vnet: %d",
+    PLOG_AS(function, LOG_ERR, "Unable to restore host adapter: %s to its previous vnet: %d",
             m.adapter, static_cast<int>(m.source));
   if (!m.displaced.empty() &&
       !PLRSetBridgeMappingForMultipleAdapters(m.destination, m.displaced.get()))
-    PLOG_AS(kMove, LOG_ERR, "Failed to move back adapters from default bridge to destination vnet");
+    PLOG_AS(function, LOG_ERR,
+            "Failed to move back adapters from default bridge to destination vnet");
   if (m.readOnly) return;
   if (!RestoreBridge(m.source, m.sourceWasRunning))
-    PLOG_AS(kMove, LOG_ERR, "Failed to restart bridge service on source vnet: %d, during cleanup",
+    PLOG_AS(function, LOG_ERR,
+            "Failed to restart bridge service on source vnet: %d, during cleanup",
             static_cast<int>(m.source));
   if (!RestoreBridge(m.destination, m.destinationWasRunning))
-    PLOG_AS(kMove, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Failed to restart bridge service on destination vnet: %d, during cleanup",
             static_cast<int>(m.destination));
   if (!RestoreBridge(m.defaultBridge, m.defaultWasRunning))
-    PLOG_AS(kMove, LOG_ERR,
+    PLOG_AS(function, LOG_ERR,
             "Failed to restart bridge service on default bridge vnet: %d, during cleanup",
             static_cast<int>(m.defaultBridge));
 }
 
 // Resolves the source vnet of a move: the given one after checking that the
-// adapter is bridged to it, or the adapter's current mapping.
-bool ResolveMoveSource(const char* adapter, const PLR_NetworkID* source, uint32_t* out) {
+// adapter is bridged to it, or the adapter's current mapping. Logs under
+// `function`.
+bool ResolveMoveSource(const char* function, const char* adapter, const PLR_NetworkID* source,
+                       uint32_t* out) {
   if (source != nullptr) {
     if (!PLRValidateNetIDStruct(source)) {
-      PLOG_AS(kMove, LOG_ERR, "Invalid destination network");
+      PLOG_AS(function, LOG_ERR, "Invalid destination network");
       return false;
     }
-    PLOG_AS(kMove, LOG_INFO2, "Checking source vnet: %d to see if it is bridged to adapter: %s",
+    PLOG_AS(function, LOG_INFO2, "Checking source vnet: %d to see if it is bridged to adapter: %s",
             static_cast<int>(source->vnet), adapter);
   }
   uint32_t current = PLR_VNET_NONE;
   if (!PLRGetBridgeMappingForAdapter(adapter, &current)) {
-    PLOG_AS(kMove, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s, aborting",
+    PLOG_AS(function, LOG_ERR, "Failed to get the bridge mapping for host adapter: %s, aborting",
             adapter);
     return false;
   }
   if (source != nullptr && current != source->vnet) {
-    PLOG_AS(kMove, LOG_ERR, "Souce vnet: %d is not bridged to specified host adapter: %s",
+    PLOG_AS(function, LOG_ERR, "Souce vnet: %d is not bridged to specified host adapter: %s",
             static_cast<int>(source->vnet), adapter);
     return false;
   }
@@ -300,8 +301,8 @@ bool PLR_SetBridgeDefaultNetwork(const PLR_NetworkID* in) {
         change.listOwner = PLR_VNET_NONE;
         change.newOwner = change.requested;
       }
-      if (ApplyDefaultBridgeChange(change)) return true;
-      UndoDefaultBridgeChange(change);
+      if (ApplyDefaultBridgeChange(c.function(), change)) return true;
+      UndoDefaultBridgeChange(c.function(), change);
       return false;
     });
   });
@@ -365,7 +366,7 @@ bool PLR_BridgeMoveAdapter(const PLR_HostAdapter* adapter, const PLR_NetworkID* 
       if (!PLRValidateNetIDStruct(destination)) return c.Fail("Invalid destination network");
       move.destination = destination->vnet;
     }
-    if (!ResolveMoveSource(move.adapter, source, &move.source)) return false;
+    if (!ResolveMoveSource(c.function(), move.adapter, source, &move.source)) return false;
     c.Log(LOG_INFO2, "SourceVnet: %d, DestinationVnet: %d", static_cast<int>(move.source),
           static_cast<int>(move.destination));
     if (move.destination == move.source) {
@@ -379,8 +380,8 @@ bool PLR_BridgeMoveAdapter(const PLR_HostAdapter* adapter, const PLR_NetworkID* 
                     static_cast<int>(move.destination));
     return c.Locked([&] {
       move.readOnly = PLRNetCfgIsReadOnly(nullptr);
-      if (ApplyAdapterMove(move)) return true;
-      UndoAdapterMove(move);
+      if (ApplyAdapterMove(c.function(), move)) return true;
+      UndoAdapterMove(c.function(), move);
       return false;
     });
   });

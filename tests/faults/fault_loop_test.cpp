@@ -1,6 +1,6 @@
-// Covers: answer change, DHCP static mapping, port forward, NAT prefix, bridge
-// mapping, DHCP on with subnet assignment, bridge move, import, merge,
-// compaction at unload, dhcpd.conf and nat.conf rewrite.
+// Covers: answer change, DHCP static mapping, port forward (each added and
+// removed), NAT prefix, bridge mapping, DHCP on with subnet assignment, bridge
+// move, import, merge, compaction at unload, dhcpd.conf and nat.conf rewrite.
 //
 // One fault loop for every representative write: each file system call of the
 // table fails at position N = 1, 2, ... until the operation no longer reaches
@@ -66,6 +66,10 @@ std::vector<Operation> Operations() {
        [] { return PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"); }},
       {"PortForward", [] {},
        [] { return PLR_SetNATPortForward("kavix1", true, 80, "192.168.1.12", 81, "new", 3); }},
+      {"StaticMappingRemoval", [] {},
+       [] { return PLR_SetDHCPIPToMAC("kavix1", nullptr, "00:50:56:00:00:01"); }},
+      {"PortForwardRemoval", [] {},
+       [] { return PLR_SetNATPortForward("kavix1", true, 80, nullptr, 0, nullptr, 0); }},
       {"NatPrefix", [] {}, [] { return PLR_SetNATPrefix("kavix1", "fd00:2::/64", "two", 3); }},
       {"BridgeMapping", [] {}, [] { return PLRSetBridgeMappingForAdapter("eth0", 3); }},
       {"DhcpOnWithSubnet", [] { SetPingRules(""); },
