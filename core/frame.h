@@ -17,7 +17,6 @@
 // the exported function's), never through PLOG, which would name the lambda.
 #pragma once
 
-#include <source_location>
 
 #include "core/log.h"
 
@@ -113,8 +112,8 @@ inline constexpr AnyState kAnyState{};
 // null) and the body does not run.
 template <class Body>
 auto ApiCall(const char* function, Body&& body,
-             std::source_location where = std::source_location::current()) {
-  Api call(function, static_cast<int>(where.line()));
+             int line = __builtin_LINE()) {
+  Api call(function, line);
   using Result = decltype(body(call));
   if (!call.Loaded()) return Result{};
   return body(call);
@@ -124,8 +123,8 @@ auto ApiCall(const char* function, Body&& body,
 // loaded (load, unload, the database file calls).
 template <class Body>
 auto ApiCall(const char* function, AnyState, Body&& body,
-             std::source_location where = std::source_location::current()) {
-  Api call(function, static_cast<int>(where.line()));
+             int line = __builtin_LINE()) {
+  Api call(function, line);
   return body(call);
 }
 

@@ -2,7 +2,6 @@
 // printf-checked, so each fixed message is checked against its arguments.
 #pragma once
 
-#include <source_location>
 
 #include "pelorus/core.h"
 
@@ -35,8 +34,8 @@ class FunctionTrace {
   // Writes the entry line unless `enter` is false (functions that trace
   // only their exit).
   explicit FunctionTrace(const char* function, bool enter = true,
-                         std::source_location where = std::source_location::current())
-      : function_(function), line_(static_cast<int>(where.line())) {
+                         int line = __builtin_LINE())
+      : function_(function), line_(line) {
     if (enter) PLRLog(LOG_INFO2, function_, " Entering Function, %s:%d", function_, line_);
   }
   FunctionTrace(const FunctionTrace&) = delete;
@@ -45,8 +44,8 @@ class FunctionTrace {
 
   // Records the line of the return statement and passes `value` through.
   template <typename T>
-  T Exit(T value, std::source_location where = std::source_location::current()) {
-    line_ = static_cast<int>(where.line());
+  T Exit(T value, int line = __builtin_LINE()) {
+    line_ = line;
     return value;
   }
 
