@@ -140,12 +140,6 @@ class FaultLoop : public LoadedLibraryTest, public ::testing::WithParamInterface
     ASSERT_EQ(plr::test::Run("ip tuntap add dev eth0 mode tap && ip tuntap add dev eth1 mode tap"),
               0);
   }
-  void TearDown() override {
-    sys::ClearFaults();
-    for (uint32_t vnet = 0; vnet < 6; ++vnet)
-      for (uint32_t service = 1; service <= 4; ++service) PLRServiceStop(vnet, service);
-    LoadedLibraryTest::TearDown();
-  }
   // The library loaded over the seed with nothing left of an earlier attempt.
   void Fresh() {
     while (plrContext.loadCount != 0) PLR_Unload2(0);
