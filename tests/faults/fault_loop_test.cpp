@@ -1,10 +1,7 @@
-// One fault loop for every representative write: each file system call of the
-// table fails at position N = 1, 2, ... until the operation no longer reaches
-// it. After each injected failure the cache and a fresh load of the database
-// file agree, no descriptor leaked, and a reported failure leaves the cache as
-// before the call, no temporary file or restore point, and every other file
-// under /etc/tarsis (generated files, backups) whole: byte for byte as before
-// or as a successful call leaves it.
+// Each representative write with each file system call failing at N = 1, 2, ...
+// until the write no longer reaches it. Then cache and file agree, no descriptor
+// leaked, and a reported failure leaves the cache as before, no temporary file or
+// restore point, and every other file under /etc/tarsis as before or as success.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -16,7 +13,6 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 #include "tests/support/vnet_util.h"
 
@@ -27,8 +23,7 @@ namespace fs = std::filesystem;
 
 constexpr const char* kBackup = "/tmp/backup";
 
-// vnet 1 has a subnet, DHCP and NAT, one record of each kind, and journal
-// entries that a compaction folds away.
+// vnet 1 with subnet, DHCP, NAT, a record of each kind, and journal to compact.
 constexpr const char* kSeed =
     "answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
     "answer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\nanswer VNET_1_DISPLAY_NAME old\n"
@@ -98,9 +93,8 @@ constexpr struct {
               {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
               {sys::Op::kMknod, "mknod", EPERM}};
 
-// Every file below /etc/tarsis except the database itself, with its bytes;
-// the random suffix of a temporary name reads "XXXXXX", and the time a
-// dhcpd.conf block was written reads "TIME".
+// Every file below /etc/tarsis but the database, with its bytes; temporary names
+// end in "XXXXXX", and the time a dhcpd.conf block was written reads "TIME".
 std::map<std::string, std::string> Files() {
   constexpr std::string_view kStamp = "# Written at: ";
   std::map<std::string, std::string> files;
@@ -117,8 +111,7 @@ std::map<std::string, std::string> Files() {
   return files;
 }
 
-// The answers and records of a cache (the default one for nullptr), or of the
-// database file through a private read-only cache, in compacted order.
+// A cache (nullptr: the default one), or the file through a private read-only one, as text.
 std::string StateOf(PLRNetworkConfigurationDB* db) {
   char* text = nullptr;
   if (!PLRNetCfgExportConfigToBuffer(db, &text, false, true)) return "<export failed>";
