@@ -1,14 +1,8 @@
-// Covers: answer change, DHCP static mapping, port forward (each added and
-// removed), NAT prefix, bridge mapping, DHCP on with subnet assignment, bridge
-// move, import, merge, compaction at unload, dhcpd.conf and nat.conf rewrite.
-//
-// One fault loop for every representative write: each file system call of the
-// table fails at position N = 1, 2, ... until the operation no longer reaches
-// it. After each injected failure the operation reports it, the cache is as
-// before the call, a fresh load of the database file equals the cache, no
-// descriptor leaked, no temporary file or restore point is left, and every
-// other file under /etc/tarsis (generated files, backups) is byte for byte as
-// before or as a successful call leaves it.
+// Each representative write (records added and removed, subnet assignment,
+// bridge move, import, merge, compaction, generated files) with each file system call failing at N
+// = 1, 2, ... until the write no longer reaches it. Then cache and file agree, no descriptor
+// leaked, and a reported failure leaves the cache as before, no temporary file or
+// restore point, and every other file under /etc/tarsis as before or as success.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -20,7 +14,6 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 #include "tests/support/vnet_util.h"
 
@@ -31,17 +24,13 @@ namespace fs = std::filesystem;
 
 constexpr const char* kBackup = "/tmp/backup";
 
-// vnet 1 has a subnet, DHCP and NAT, one record of each kind, and journal
-// entries that a compaction folds away.
+// vnet 1 with subnet, DHCP, NAT, a record of each kind, and journal to compact.
 constexpr const char* kSeed =
-    "answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\n"
-    "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
-    "answer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\n"
-    "answer VNET_1_DISPLAY_NAME old\nremove_answer VNET_1_DISPLAY_NAME\n"
-    "answer VNET_1_DISPLAY_NAME one\n"
+    "answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
+    "answer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\nanswer VNET_1_DISPLAY_NAME old\n"
+    "remove_answer VNET_1_DISPLAY_NAME\nanswer VNET_1_DISPLAY_NAME one\n"
     "add_dhcp_mac_to_ip 1 00:50:56:00:00:01 192.168.1.10\n"
-    "add_nat_portfwd 1 tcp 80 192.168.1.10 80 web\n"
-    "add_nat_prefix 1 fd00:1::/64\n"
+    "add_nat_portfwd 1 tcp 80 192.168.1.10 80 web\nadd_nat_prefix 1 fd00:1::/64\n"
     "add_bridge_mapping eth1 2\n";
 
 struct Operation {
@@ -50,63 +39,53 @@ struct Operation {
   std::function<bool()> run;      // the write under test
   bool unloads = false;           // the call ends with the library unloaded
 };
-
-PLR_HostAdapter Adapter(const char* name) {
-  PLR_HostAdapter a{};
-  a.version = 1;
-  snprintf(a.name, sizeof a.name, "%s", name);
-  return a;
+void PrintTo(const Operation& op, std::ostream* os) {
+  *os << op.name;
 }
 
-std::vector<Operation> Operations() {
-  static const PLR_NetworkID kTwo{1, 1, 2};
-  return {
-      {"AnswerChange", [] {}, [] { return PLR_SetVnetDisplayName("kavix1", "renamed"); }},
-      {"StaticMapping", [] {},
-       [] { return PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"); }},
-      {"PortForward", [] {},
-       [] { return PLR_SetNATPortForward("kavix1", true, 80, "192.168.1.12", 81, "new", 3); }},
-      {"StaticMappingRemoval", [] {},
-       [] { return PLR_SetDHCPIPToMAC("kavix1", nullptr, "00:50:56:00:00:01"); }},
-      {"PortForwardRemoval", [] {},
-       [] { return PLR_SetNATPortForward("kavix1", true, 80, nullptr, 0, nullptr, 0); }},
-      {"NatPrefix", [] {}, [] { return PLR_SetNATPrefix("kavix1", "fd00:2::/64", "two", 3); }},
-      {"BridgeMapping", [] {}, [] { return PLRSetBridgeMappingForAdapter("eth0", 3); }},
-      {"DhcpOnWithSubnet", [] { SetPingRules(""); },
-       [] { return PLR_SetVnetUseDHCP("kavix4", true, false); }},
-      {"BridgeMove", [] {},
-       [] {
-         const PLR_HostAdapter eth0 = Adapter("eth0");
-         return PLR_BridgeMoveAdapter(&eth0, nullptr, &kTwo);
-       }},
-      {"Import", [] { WriteFile(kBackup, "BACKUP_VERSION=1,0\nanswer VNET_5_NAT yes\n"); },
-       [] { return PLRNetCfgImportConfig(kBackup, kDatabasePath); }},
-      {"Merge",
-       [] {
-         WriteFile(kBackup, std::string("BACKUP_VERSION=1,0\n") + kSeed +
-                                "answer VNET_2_DISPLAY_NAME two\n");
-       },
-       [] { return PLRNetCfgMergeConfig(kBackup); }},
-      {"CompactionAtUnload", [] { ASSERT_TRUE(PLR_SetVnetMTU("kavix1", 1400)); },
-       [] {
-         PLR_Unload();
-         return false;
-       },
-       true},
-      {"DhcpConfRewrite",
-       [] {
-         ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1"));
-         ASSERT_TRUE(PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"));
-       },
-       [] { return PLR_UpdateDHCPFromConfig("kavix1"); }},
-      {"NatConfRewrite",
-       [] {
-         ASSERT_TRUE(PLR_UpdateNATFromConfig("kavix1"));
-         ASSERT_TRUE(PLR_SetNATPortForward("kavix1", false, 53, "192.168.1.13", 53, nullptr, 0));
-       },
-       [] { return PLR_UpdateNATFromConfig("kavix1"); }},
-  };
-}
+const Operation kOperations[] = {
+    {"AnswerChange", nullptr, [] { return PLR_SetVnetDisplayName("kavix1", "renamed"); }},
+    {"StaticMapping", nullptr,
+     [] { return PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"); }},
+    {"PortForward", nullptr,
+     [] { return PLR_SetNATPortForward("kavix1", true, 80, "192.168.1.12", 81, "new", 3); }},
+    {"StaticMappingRemoval", nullptr,
+     [] { return PLR_SetDHCPIPToMAC("kavix1", nullptr, "00:50:56:00:00:01"); }},
+    {"PortForwardRemoval", nullptr,
+     [] { return PLR_SetNATPortForward("kavix1", true, 80, nullptr, 0, nullptr, 0); }},
+    {"NatPrefix", nullptr, [] { return PLR_SetNATPrefix("kavix1", "fd00:2::/64", "two", 3); }},
+    {"BridgeMapping", nullptr, [] { return PLRSetBridgeMappingForAdapter("eth0", 3); }},
+    {"DhcpOnWithSubnet", [] { SetPingRules(""); },
+     [] { return PLR_SetVnetUseDHCP("kavix4", true, false); }},
+    {"BridgeMove", nullptr,
+     [] {
+       PLR_HostAdapter eth0{1, nullptr, {}, 0, "", "", "eth0"};
+       const PLR_NetworkID two{1, 1, 2};
+       return PLR_BridgeMoveAdapter(&eth0, nullptr, &two);
+     }},
+    {"Import", [] { WriteFile(kBackup, "BACKUP_VERSION=1,0\nanswer VNET_5_NAT yes\n"); },
+     [] { return PLRNetCfgImportConfig(kBackup, kDatabasePath); }},
+    {"Merge",
+     [] {
+       WriteFile(kBackup,
+                 std::string("BACKUP_VERSION=1,0\n") + kSeed + "answer VNET_2_DISPLAY_NAME two\n");
+     },
+     [] { return PLRNetCfgMergeConfig(kBackup); }},
+    {"CompactionAtUnload", [] { ASSERT_TRUE(PLR_SetVnetMTU("kavix1", 1400)); },
+     [] { return PLR_Unload(), false; }, true},
+    {"DhcpConfRewrite",
+     [] {
+       ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1"));
+       ASSERT_TRUE(PLR_SetDHCPIPToMAC("kavix1", "192.168.1.11", "00:50:56:00:00:02"));
+     },
+     [] { return PLR_UpdateDHCPFromConfig("kavix1"); }},
+    {"NatConfRewrite",
+     [] {
+       ASSERT_TRUE(PLR_UpdateNATFromConfig("kavix1"));
+       ASSERT_TRUE(PLR_SetNATPortForward("kavix1", false, 53, "192.168.1.13", 53, nullptr, 0));
+     },
+     [] { return PLR_UpdateNATFromConfig("kavix1"); }},
+};
 
 // The file system calls whose failure each operation must survive.
 constexpr struct {
@@ -119,9 +98,8 @@ constexpr struct {
               {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
               {sys::Op::kMknod, "mknod", EPERM}};
 
-// Every file below /etc/tarsis except the database itself, with its bytes;
-// the random suffix of a temporary name reads "XXXXXX", and the time a
-// dhcpd.conf block was written reads "TIME".
+// Every file below /etc/tarsis but the database, with its bytes; temporary names
+// end in "XXXXXX", and the time a dhcpd.conf block was written reads "TIME".
 std::map<std::string, std::string> Files() {
   constexpr std::string_view kStamp = "# Written at: ";
   std::map<std::string, std::string> files;
@@ -138,13 +116,7 @@ std::map<std::string, std::string> Files() {
   return files;
 }
 
-// True for a name that only a call in progress has: a temporary file or a
-// restore point, all beginning with a dot.
-bool IsTemporary(const std::string& name) {
-  return fs::path(name).filename().string().rfind('.', 0) == 0;
-}
-
-// The answers and records of a cache in the order of the compacted file.
+// A cache (nullptr: the default one), or the file through a private read-only one, as text.
 std::string StateOf(PLRNetworkConfigurationDB* db) {
   char* text = nullptr;
   if (!PLRNetCfgExportConfigToBuffer(db, &text, false, true)) return "<export failed>";
@@ -152,8 +124,6 @@ std::string StateOf(PLRNetworkConfigurationDB* db) {
   free(text);
   return state;
 }
-
-// The state the database file replays to, through a private read-only cache.
 std::string StateOfFile() {
   PLRNetworkConfigurationDB* db = nullptr;
   if (!PLRNetCfgLoad(kDatabasePath, &db, false, true)) return "<load failed>";
@@ -162,29 +132,18 @@ std::string StateOfFile() {
   return state;
 }
 
-// Keeps gtest from printing the row's bytes.
-[[maybe_unused]] void PrintTo(const Operation& op, std::ostream* os) {
-  *os << op.name;
-}
-
 class FaultLoop : public LoadedLibraryTest, public ::testing::WithParamInterface<Operation> {
  protected:
   void SetUp() override {
-    for (const char* tap : {"eth0", "eth1"})
-      ASSERT_EQ(plr::test::Run(std::string("ip tuntap add dev ") + tap + " mode tap"), 0);
-  }
-  void TearDown() override {
-    sys::ClearFaults();
-    for (uint32_t vnet = 0; vnet < 6; ++vnet)
-      for (uint32_t service = 1; service <= 4; ++service) PLRServiceStop(vnet, service);
-    LoadedLibraryTest::TearDown();
+    ASSERT_EQ(plr::test::Run("ip tuntap add dev eth0 mode tap && ip tuntap add dev eth1 mode tap"),
+              0);
   }
   // The library loaded over the seed with nothing left of an earlier attempt.
   void Fresh() {
     while (plrContext.loadCount != 0) PLR_Unload2(0);
     for (const auto& e : fs::directory_iterator("/etc/tarsis")) fs::remove_all(e.path());
     Load(kSeed);
-    GetParam().prepare();
+    if (GetParam().prepare) GetParam().prepare();
   }
 };
 
@@ -201,38 +160,34 @@ TEST_P(FaultLoop, EveryFailedCallLeavesFileCacheAndFilesConsistent) {
       if (HasFatalFailure()) return;
       const std::string stateBefore = StateOf(nullptr);
       const auto filesBefore = Files();
-      const size_t fdsBefore = svc::OpenFds().size();
+      const size_t fdsBefore = OpenFds().size();
       sys::FailNth(call.op, n, call.err);
       const bool ok = op.run();
       const bool reached = sys::CallCount(call.op) >= n;
       sys::ClearFaults();
-      EXPECT_LE(svc::OpenFds().size(), fdsBefore) << "a descriptor leaked";
+      EXPECT_LE(OpenFds().size(), fdsBefore) << "a descriptor leaked";
       const std::string cache = op.unloads ? stateBefore : StateOf(nullptr);
       EXPECT_EQ(StateOfFile(), cache);
       if (!reached) break;
       ++injected;
-      // A failure the operation works around is fine; a reported one undoes
-      // the database change, leaves no temporary file or restore point, and
-      // every other file is whole: as before, or as a successful call leaves
-      // it, never partly written or missing.
-      if (ok) continue;
+      if (ok) continue;  // a failure the operation works around
       EXPECT_EQ(cache, stateBefore);
       auto files = Files();
       for (const auto& [name, text] : filesBefore) files.emplace(name, "<missing>");
       for (const auto& [name, text] : files) {
         auto was = filesBefore.find(name), success = filesAfterSuccess.find(name);
-        const bool whole =
-            (was != filesBefore.end() && was->second == text) ||
-            (success != filesAfterSuccess.end() && success->second == text && !IsTemporary(name)) ||
-            (success == filesAfterSuccess.end() && text == "<missing>");
-        EXPECT_TRUE(whole) << name;
+        const bool temporary = fs::path(name).filename().string().rfind('.', 0) == 0;
+        EXPECT_TRUE((was != filesBefore.end() && was->second == text) ||
+                    (success != filesAfterSuccess.end() && success->second == text && !temporary) ||
+                    (success == filesAfterSuccess.end() && text == "<missing>"))
+            << name;
       }
     }
   }
   EXPECT_GT(injected, 0u) << "the operation makes no call of the table";
 }
 
-INSTANTIATE_TEST_SUITE_P(Writes, FaultLoop, ::testing::ValuesIn(Operations()),
+INSTANTIATE_TEST_SUITE_P(Writes, FaultLoop, ::testing::ValuesIn(kOperations),
                          [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
