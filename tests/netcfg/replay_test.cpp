@@ -2,6 +2,7 @@
 // malformed records (each costs only itself), BINDIR and the default cache;
 // answer conversions, lookups and cursor walks, and the adapter lists built
 // from bridge mappings.
+#include <numeric>
 #include <set>
 
 #include "pelorus/vnet.h"
@@ -108,19 +109,19 @@ TEST(Load, MalformedRecordsCostOnlyThemselves) {
 TEST(Load, BinDirAndTheDefaultCache) {
   WriteDatabase("answer BINDIR /from/the/file\nanswer K v\n");
   ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, nullptr, false, false));
-  WriteFile("/etc/tarsis/config", "# no bindir here\nother = 1\n");
+  WriteFile("/etc/tarsis/config", "other = 1\n");
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
   PLRNetCfgUnload(&db, false);
   WriteProductConfig();
   WriteDatabase("answer K w\n");
   ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, nullptr, false, false));  // keeps the first
-  const char* value = nullptr;
+  const char *value = nullptr, *binDir = nullptr;
+  ASSERT_NE(db = LoadCache(), nullptr);
+  ASSERT_TRUE(PLRNetCfgGetAnswerString(db, "BINDIR", &binDir));
+  EXPECT_STREQ(binDir, FixtureBinDir());
   ASSERT_TRUE(PLRNetCfgGetAnswerString(nullptr, "K", &value));
   EXPECT_STREQ(value, "v");
-  ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, &db, false, false));
-  ASSERT_TRUE(PLRNetCfgGetAnswerString(db, "BINDIR", &value));
-  EXPECT_STREQ(value, FixtureBinDir());
   PLRNetCfgUnload(&db, false);
   plrDefaultBridgeVnet = 3;
   EXPECT_TRUE(PLRNetCfgUnload(nullptr, false));
@@ -128,21 +129,18 @@ TEST(Load, BinDirAndTheDefaultCache) {
   EXPECT_FALSE(PLRNetCfgGetAnswerString(nullptr, "K", &value));
 }
 
+// Integer and boolean readings of answers ("-": refused), and the returned
+// string stays put while other answers change.
 TEST_F(CacheTest, AnswerConversions) {
   Open("answer HEX 0x19\nanswer NEG -42\nanswer TEXT 12abc\nanswer UPPER YES\nanswer ONE 1\n");
-  for (auto [key, expected] : {std::pair{"HEX", "25 no"},
-                               {"NEG", "-42 no"},
-                               {"TEXT", "- no"},
-                               {"UPPER", "- yes"},
-                               {"ONE", "1 no"},
-                               {"ABSENT", "- -"}}) {
+  std::string got;
+  for (const char* key : {"HEX", "NEG", "TEXT", "UPPER", "ONE", "ABSENT"}) {
     int32_t n = 0;
     bool b = false;
-    std::string got = PLRNetCfgGetAnswerInt32(db_, key, &n) ? std::to_string(n) : "-";
-    EXPECT_EQ(got + (PLRNetCfgGetAnswerBool(db_, key, &b) ? (b ? " yes" : " no") : " -"), expected)
-        << key;
+    got += PLRNetCfgGetAnswerInt32(db_, key, &n) ? std::to_string(n) : "-";
+    got += PLRNetCfgGetAnswerBool(db_, key, &b) ? (b ? " yes;" : " no;") : " -;";
   }
-  // The returned string lives in the cache until that answer changes.
+  EXPECT_EQ(got, "25 no;-42 no;- no;- yes;1 no;- -;");
   const char *first = nullptr, *again = nullptr;
   ASSERT_TRUE(PLRNetCfgGetAnswerString(db_, "ONE", &first));
   ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "OTHER", "x"));
@@ -150,44 +148,36 @@ TEST_F(CacheTest, AnswerConversions) {
   EXPECT_EQ(first, again);
 }
 
-TEST_F(CacheTest, PortForwardLookupCopiesWhatFitsAndEnumerationVisitsEachOnce) {
+// Lookups copy only what fits; a walk visits each entry once, in a stable
+// order, and a change between two steps shows up in the rest of the walk.
+TEST_F(CacheTest, LookupsAndWalksOfForwardsAndMappings) {
   Open(
       "add_nat_portfwd 8 tcp 443 192.168.120.128 8443 web\n"
-      "add_nat_portfwd 8 udp 443 192.168.120.129 53\n");
-  char ip[16], desc[128];
-  uint16_t vmPort = 0;
-  auto text = [&](uint32_t descLength) {
-    return std::string(ip) + " " + std::to_string(vmPort) + " " + desc + " " +
-           std::to_string(descLength);
-  };
-  const struct {
-    bool tcp;
-    uint16_t port;
-    size_t ipSize;
-    uint32_t descSize;
-    const char* found;  // ip, port, description and its length plus 2; "-": fails
-  } kRows[] = {{true, 443, 16, 128, "192.168.120.128 8443 web 5"},
-               {false, 443, 16, 128, "192.168.120.129 53  0"},
-               {true, 444, 16, 128, "-"},
-               {true, 443, 15, 128, "-"},
-               {true, 443, 16, 4, "-"}};  // "web" and its terminator do not fit in 4
-  for (const auto& r : kRows) {
-    uint32_t descLength = r.descSize;
+      "add_nat_portfwd 8 udp 443 192.168.120.129 53\n"
+      "add_dhcp_mac_to_ip 8 00:11:22:33:44:aa 10.0.0.5\nadd_dhcp_mac_to_ip 8 0:11:22:33:44:b "
+      "10.0.0.6\n");
+  char ip[16], desc[128], mac[18];
+  uint16_t vmPort = 0, hostPort = 0;
+  uint32_t len = 0, cursor = 0;
+  auto fwd = [&](bool tcp, uint16_t port, size_t ipSize, uint32_t descSize) {
+    len = descSize;
     desc[0] = '\0';
-    bool ok =
-        PLRNetCfgLookupNATPortFwd(db_, 8, r.tcp, r.port, ip, r.ipSize, &vmPort, desc, &descLength);
-    EXPECT_EQ(ok ? text(descLength) : "-", r.found);
-  }
+    return PLRNetCfgLookupNATPortFwd(db_, 8, tcp, port, ip, ipSize, &vmPort, desc, &len)
+               ? std::string(ip) + " " + std::to_string(vmPort) + " " + desc + std::to_string(len)
+               : "-";
+  };
+  EXPECT_EQ(fwd(true, 443, 16, 128), "192.168.120.128 8443 web5");  // length with 2 added
+  EXPECT_EQ(fwd(false, 443, 16, 128), "192.168.120.129 53 0");
+  EXPECT_EQ(fwd(true, 444, 16, 128) + fwd(true, 443, 15, 128) + fwd(true, 443, 16, 4), "---");
   for (uint16_t port = 1; port <= 50; ++port)
     ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, port, "10.0.0.2", port, "d", false));
   auto walk = [&](bool changeAfterFirst) {
     std::vector<uint16_t> ports;
-    uint32_t cursor = 0, descLength = sizeof desc;
-    uint16_t hostPort = 0;
-    while (PLRNetCfgEnumNATPortFwd(db_, 4, true, &cursor, &hostPort, ip, 16, &vmPort, desc,
-                                   &descLength)) {
-      EXPECT_EQ(text(descLength), "10.0.0.2 " + std::to_string(hostPort) + " d 3");
-      descLength = sizeof desc;
+    for (cursor = 0, len = 128;
+         PLRNetCfgEnumNATPortFwd(db_, 4, true, &cursor, &hostPort, ip, 16, &vmPort, desc, &len);
+         len = 128) {
+      EXPECT_EQ(std::string(ip) + desc + std::to_string(len), "10.0.0.2d3");
+      EXPECT_EQ(vmPort, hostPort);
       ports.push_back(hostPort);
       if (changeAfterFirst && ports.size() == 1) {
         EXPECT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, 500, "10.0.0.2", 500, "d", false));
@@ -198,66 +188,55 @@ TEST_F(CacheTest, PortForwardLookupCopiesWhatFitsAndEnumerationVisitsEachOnce) {
   };
   std::vector<uint16_t> first = walk(false);
   EXPECT_EQ(std::set<uint16_t>(first.begin(), first.end()).size(), 50u);
-  EXPECT_EQ(walk(false), first);  // the cached array keeps its order
-  // A change between two steps rebuilds the array; the walk sees the new entry.
+  EXPECT_EQ(walk(false), first);
   EXPECT_EQ(walk(true).size(), 51u);
-  uint32_t cursor = 0;
+  cursor = 0;
   EXPECT_FALSE(
       PLRNetCfgEnumNATPortFwd(db_, 5, true, &cursor, nullptr, ip, 16, nullptr, nullptr, nullptr));
-}
-
-TEST_F(CacheTest, DhcpLookupAndEnumeration) {
-  Open(
-      "add_dhcp_mac_to_ip 8 00:11:22:33:44:aa 192.168.120.130\n"
-      "add_dhcp_mac_to_ip 8 00:11:22:33:44:bb 192.168.120.131\n");
-  char ip[16], mac[18];
-  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(db_, 7, "00:11:22:33:44:aa", ip, 16));
   ASSERT_TRUE(PLRNetCfgLookupDHCPMACToIP(db_, 8, "0:11:22:33:44:AA", ip, 16));
-  EXPECT_STREQ(ip, "192.168.120.130");
-  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:cc", ip, 16));
-  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:aa", ip, 15));
+  EXPECT_STREQ(ip, "10.0.0.5");
+  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(db_, 7, "00:11:22:33:44:aa", ip, 16) ||
+               PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:cc", ip, 16) ||
+               PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:aa", ip, 8));
   std::set<std::string> seen;
-  uint32_t cursor = 0;
-  while (PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, sizeof mac, ip, 16))
+  for (cursor = 0; PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, sizeof mac, ip, 16);)
     seen.insert(std::string(mac) + " " + ip);
-  EXPECT_EQ(seen, (std::set<std::string>{"00:11:22:33:44:AA 192.168.120.130",
-                                         "00:11:22:33:44:BB 192.168.120.131"}));
+  EXPECT_EQ(seen,
+            (std::set<std::string>{"00:11:22:33:44:AA 10.0.0.5", "00:11:22:33:44:0B 10.0.0.6"}));
   EXPECT_EQ(cursor, 2u);
   cursor = 0;
-  EXPECT_FALSE(PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 17, ip, 16));
-  EXPECT_FALSE(PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 18, ip, 15));
-  EXPECT_FALSE(PLRNetCfgEnumDHCPMACToIP(db_, 9, &cursor, mac, 18, ip, 16));
+  EXPECT_FALSE(PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 17, ip, 16) ||
+               PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 18, ip, 8) ||
+               PLRNetCfgEnumDHCPMACToIP(db_, 9, &cursor, mac, 18, ip, 16));
 }
 
+// The adapters mapped to a vnet (or to every other vnet), as a list.
 TEST_F(CacheTest, HostAdaptersForAVnet) {
-  Open();
-  uint32_t count = 99;
-  PLR_HostAdapter* list = reinterpret_cast<PLR_HostAdapter*>(1);
-  ASSERT_TRUE(PLRNetCfgLookupHostAdaptersForVnet(db_, 0, &count, &list, false));
-  EXPECT_TRUE(count == 0 && list == nullptr);
-  for (auto [name, vnet] : {std::pair{"eth0", 0}, {"eth1", 0}, {"eth2", 2}, {"eth3", -1}})
-    ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db_, name, vnet, false));
+  Open(
+      "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 0\nadd_bridge_mapping eth2 2\n"
+      "add_bridge_mapping eth3 -1\n");
   const struct {
     uint32_t vnet;
     bool exclude;
-    std::set<std::string> names;
-  } kRows[] = {{0, false, {"eth0 0", "eth1 0"}},
-               {2, false, {"eth2 2"}},
-               {PLR_VNET_NONE, false, {"eth3 -1"}},
-               {7, false, {}},
-               {PLR_VNET_ALL, false, {"eth0 0", "eth1 0", "eth2 2", "eth3 -1"}},
-               {0, true, {"eth2 2", "eth3 -1"}}};
+    const char* names;
+  } kRows[] = {{0, false, "eth0 0,eth1 0,"},
+               {2, false, "eth2 2,"},
+               {PLR_VNET_NONE, false, "eth3 -1,"},
+               {7, false, ""},
+               {PLR_VNET_ALL, false, "eth0 0,eth1 0,eth2 2,eth3 -1,"},
+               {0, true, "eth2 2,eth3 -1,"}};
   for (const auto& r : kRows) {
+    uint32_t count = 99;
+    PLR_HostAdapter* list = reinterpret_cast<PLR_HostAdapter*>(1);
     ASSERT_TRUE(PLRNetCfgLookupHostAdaptersForVnet(db_, r.vnet, &count, &list, r.exclude));
     std::set<std::string> names;
-    uint32_t n = 0;
-    for (PLR_HostAdapter* e = list; e != nullptr; e = e->next, ++n) {
+    for (PLR_HostAdapter* e = list; e != nullptr; e = e->next) {
       EXPECT_TRUE(e->version == 1 && e->netId.version == 1 && e->netId.netType == 1);
       EXPECT_STREQ(e->displayName, e->name);
-      names.insert(e->name + (" " + std::to_string(static_cast<int32_t>(e->netId.vnet))));
+      names.insert(e->name + (" " + std::to_string(static_cast<int32_t>(e->netId.vnet)) + ","));
     }
-    EXPECT_EQ(n, count);
-    EXPECT_EQ(names, r.names) << r.vnet << " " << r.exclude;
+    EXPECT_EQ(names.size(), count);
+    EXPECT_EQ(std::accumulate(names.begin(), names.end(), std::string()), r.names) << r.vnet;
     PLRFreeHostAdapList(&list);
     EXPECT_EQ(list, nullptr);
   }
