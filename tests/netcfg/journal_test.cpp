@@ -7,6 +7,7 @@
 #include <iterator>
 #include <set>
 
+#include "base/file-lock.h"
 #include "base/sys-util.h"
 #include "tests/netcfg/netcfg_util.h"
 
@@ -188,7 +189,7 @@ TEST_F(CacheTest, EveryPrefixOfTheJournalLoadsToACompleteState) {
 }
 
 // Another process appends and leaves its last line unterminated: ours still
-// lands on a line of its own at the end.
+// lands on a line of its own at the end. The lock is held once.
 TEST_F(CacheTest, AppendLandsAtTheEndAfterAnotherWriter) {
   Open();
   ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "A", "1"));
@@ -197,6 +198,12 @@ TEST_F(CacheTest, AppendLandsAtTheEndAfterAnotherWriter) {
   close(fd);
   ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "D", "4"));
   EXPECT_EQ(Tail(), "answer A 1\nanswer B 2\nanswer C 3\nanswer D 4\n");
+  // The cache holds its lock once; unlocking twice is harmless.
+  EXPECT_TRUE(PLRNetCfgLockConfig(db_));
+  EXPECT_FALSE(PLRNetCfgLockConfig(db_));
+  EXPECT_FALSE(FileLock().Lock(kDatabasePath, 0));
+  EXPECT_TRUE(PLRNetCfgUnlockConfig(db_) && PLRNetCfgUnlockConfig(db_));
+  EXPECT_TRUE(FileLock().Lock(kDatabasePath, 0));
 }
 
 TEST_F(CacheTest, ReadOnlyUnchangedOrMissingCacheLeavesTheFileByteForByte) {
