@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <set>
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -18,29 +19,13 @@
 namespace {
 
 constexpr uint32_t kVnets = 4;
-const char* const kKeys[] = {"DISPLAY_NAME",
-                             "HOSTONLY_SUBNET",
-                             "HOSTONLY_NETMASK",
-                             "DHCP",
-                             "NAT",
-                             "VIRTUAL_ADAPTER",
-                             "VIRTUAL_ADAPTER_ADDR",
-                             "MTU",
-                             "DHCP_CFG_HASH",
-                             "DHCP_PARAM_LEASE_START_IP",
-                             "DHCP_PARAM_LEASE_END_IP",
-                             "DHCP_PARAM_DNS_ADDR",
-                             "DHCP_PARAM_ROUTERS",
-                             "DHCP_PARAM_NETBIOS",
-                             "DHCP_PARAM_SUB_DEFAULT_LEASE_TIME",
-                             "DHCP_PARAM_SUB_MAX_LEASE_TIME",
-                             "NAT_PARAM_GATEWAY_IP",
-                             "NAT_PARAM_CONFIG_PORT",
-                             "NAT_PARAM_ACTIVE_FTP",
-                             "NAT_PARAM_ALLOW_ANY_OUI",
-                             "NAT_PARAM_UDP_TIMEOUT",
-                             "NAT_PARAM_NAT6",
-                             "NAT_PARAM_NAT6_PREFIX"};
+// The VNET_<n>_ answer fields compared after every call.
+constexpr const char* kKeys =
+    "DISPLAY_NAME HOSTONLY_SUBNET HOSTONLY_NETMASK DHCP NAT VIRTUAL_ADAPTER VIRTUAL_ADAPTER_ADDR "
+    "MTU DHCP_CFG_HASH DHCP_PARAM_LEASE_START_IP DHCP_PARAM_LEASE_END_IP DHCP_PARAM_DNS_ADDR "
+    "DHCP_PARAM_ROUTERS DHCP_PARAM_NETBIOS DHCP_PARAM_SUB_DEFAULT_LEASE_TIME "
+    "DHCP_PARAM_SUB_MAX_LEASE_TIME NAT_PARAM_GATEWAY_IP NAT_PARAM_CONFIG_PORT NAT_PARAM_ACTIVE_FTP "
+    "NAT_PARAM_ALLOW_ANY_OUI NAT_PARAM_UDP_TIMEOUT NAT_PARAM_NAT6 NAT_PARAM_NAT6_PREFIX";
 const char* const kNames[] = {"kavix0",   "kavix1", "KAVIX2", "kavix3",
                               "kavix256", "kavix",  "",       nullptr};
 const char* const kPrefixes[] = {"fd00::/64", "fd15:4ba5:5a2b:1001::/64", "2001:db8::/48", "zz"};
@@ -62,9 +47,9 @@ class Input {
     return table[Byte() % N];
   }
   // Up to `max` raw bytes (not terminated), as an owned exact-size block.
-  std::string Bytes(size_t max) {
+  std::vector<char> Bytes(size_t max) {
     size_t n = Byte() % (max + 1);
-    std::string out;
+    std::vector<char> out;
     while (n-- > 0 && !empty()) out.push_back(static_cast<char>(Byte()));
     return out;
   }
@@ -115,7 +100,8 @@ void CheckFileMatchesCache() {
   PLRNetworkConfigurationDB* priv = nullptr;
   if (!PLRNetCfgLoad(plr::test::kDatabasePath, &priv, false, true)) Mismatch("loading the file");
   for (uint32_t v = 0; v < kVnets; ++v) {
-    for (const char* key : kKeys) {
+    std::istringstream keys(kKeys);
+    for (std::string key; keys >> key;) {
       const std::string full = "VNET_" + std::to_string(v) + "_" + key;
       if (AnswerOf(nullptr, full) != AnswerOf(priv, full)) Mismatch(full);
     }
@@ -136,8 +122,9 @@ void OneCall(Input& in) {
   uint32_t len = in.Byte() % 40;
   switch (in.Byte() % 16) {
     case 0: {
-      std::string name = in.Bytes(20);
-      PLR_SetVnetDisplayName(vnet, in.Byte() & 1 ? name.c_str() : nullptr);
+      std::vector<char> name = in.Bytes(20);
+      name.push_back('\0');
+      PLR_SetVnetDisplayName(vnet, in.Byte() & 1 ? name.data() : nullptr);
       break;
     }
     case 1:
@@ -153,31 +140,29 @@ void OneCall(Input& in) {
       PLR_RemoveMTU(vnet);
       break;
     case 5: {
-      std::string desc = in.Bytes(140);
-      std::vector<char> exact(desc.begin(), desc.end());
+      std::vector<char> exact = in.Bytes(140);
       PLR_SetNATPrefix(vnet, in.Pick(kPrefixes), exact.empty() ? nullptr : exact.data(),
                        static_cast<uint32_t>(exact.size()));
       break;
     }
     case 6: {
-      std::string value = in.Bytes(20);
-      std::vector<char> exact(value.begin(), value.end());
+      std::vector<char> exact = in.Bytes(20);
       PLR_SetDHCPParam(vnet, in.Pick(kDhcpIds), in.Byte() & 1 ? exact.data() : nullptr,
                        static_cast<uint32_t>(exact.size()));
       break;
     }
     case 7: {
-      std::string value = in.Bytes(12);  // NAT values must be terminated
-      PLR_SetNATParam(vnet, in.Pick(kNatIds), in.Byte() & 1 ? value.c_str() : nullptr,
-                      static_cast<uint32_t>(value.size()));
+      std::vector<char> value = in.Bytes(12);
+      value.push_back('\0');  // NAT values must be terminated
+      PLR_SetNATParam(vnet, in.Pick(kNatIds), in.Byte() & 1 ? value.data() : nullptr,
+                      static_cast<uint32_t>(value.size() - 1));
       break;
     }
     case 8:
       PLR_SetDHCPIPToMAC(vnet, in.Pick(kIPs), in.Pick(kMacs));
       break;
     case 9: {
-      std::string desc = in.Bytes(140);
-      std::vector<char> exact(desc.begin(), desc.end());
+      std::vector<char> exact = in.Bytes(140);
       PLR_SetNATPortForward(vnet, in.Byte() & 1, static_cast<uint16_t>(in.Byte() % 8),
                             in.Pick(kIPs), static_cast<uint16_t>(in.Byte()),
                             exact.empty() ? nullptr : exact.data(),

@@ -1,42 +1,30 @@
-// The file survives what happens to it: the compacting rewrite, failed
-// appends (injected, and on a really full file system), and writers in other
-// processes behind the database lock (which gives up after 3.5 s).
+// The file survives what happens to it: the compacting rewrite, appends on a
+// really full file system, and writers in other processes behind the
+// database lock.
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <set>
+
 #include "base/file-lock.h"
-#include "base/sys-util.h"
-#include "base/time-util.h"
 #include "tests/netcfg/netcfg_util.h"
 
 namespace plr::test {
 namespace {
 
-// Names in /etc/tarsis besides the database, its lock and the product configuration.
-size_t StrayFiles() {
-  size_t n = 0;
-  DIR* dir = opendir("/etc/tarsis");
-  while (dirent* e = dir != nullptr ? readdir(dir) : nullptr)
-    n += std::set<std::string>{".", "..", "networking", "networking.lck", "config"}.count(
-             e->d_name) == 0;
-  if (dir != nullptr) closedir(dir);
-  return n;
-}
-
 TEST_F(CacheTest, CompactionRewritesSortedAddRecordsWithTheOldMode) {
   WriteProductConfig();  // BINDIR is in the cache but never written
   Open(
-      "answer VNET_8_NAT yes\nanswer VNET_1_HOSTONLY_SUBNET 192.168.56.0\n"
-      "add_bridge_mapping eth9 -1\nadd_nat_prefix 8 fd00:1::/64\n");
+      "answer VNET_8_NAT yes\nanswer V 1\nadd_bridge_mapping eth9 -1\nadd_nat_prefix 8 "
+      "fd00::/64\n");
   chmod(kDatabasePath, 0600);
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "VNET_1_DISPLAY_NAME", "kavix1"));
-  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "VNET_1_HOSTONLY_SUBNET", "192.168.57.0"));
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "N", "kavix1"));
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "V", "2"));
   ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, false, 53, "192.168.120.128", 53, nullptr, false));
   ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, true, 443, "192.168.120.128", 443, "web", false));
   ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 8, true, 22, "192.168.120.129", 22, nullptr, false));
@@ -49,61 +37,26 @@ TEST_F(CacheTest, CompactionRewritesSortedAddRecordsWithTheOldMode) {
   std::string state = StateOf(db_);
   ASSERT_TRUE(PLRNetCfgUnload(&db_, true));
   EXPECT_EQ(ReadFile(kDatabasePath),
-            "VERSION=1,0\n"
-            "answer VNET_1_DISPLAY_NAME kavix1\n"
-            "answer VNET_1_HOSTONLY_SUBNET 192.168.57.0\n"
+            "VERSION=1,0\nanswer N kavix1\nanswer V 2\n"
             "add_nat_portfwd 2 tcp 9000 10.0.0.2 9\n"
             "add_nat_portfwd 8 tcp 22 192.168.120.129 22\n"
             "add_nat_portfwd 8 tcp 443 192.168.120.128 443 web\n"
             "add_nat_portfwd 8 udp 53 192.168.120.128 53\n"
             "add_dhcp_mac_to_ip 3 02:7A:3E:2A:10:02 10.0.3.2\n"
             "add_dhcp_mac_to_ip 8 02:7A:3E:2A:10:01 192.168.120.130\n"
-            "add_bridge_mapping eth9 -1\n"
-            "add_bridge_mapping eth0 0\n"
-            "add_bridge_mapping eth1 0\n"
-            "add_bridge_mapping br5 5\n");
+            "add_bridge_mapping eth9 -1\nadd_bridge_mapping eth0 0\n"
+            "add_bridge_mapping eth1 0\nadd_bridge_mapping br5 5\n");
   // Prefixes are not carried over by a rewrite; everything else replays the same.
-  state.erase(state.find("X 8 fd00:1::/64\n"), 16);
+  state.erase(state.find("X 8 fd00::/64\n"));
   EXPECT_EQ(StateOfFile(), state);
   struct stat st;
   ASSERT_EQ(stat(kDatabasePath, &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
-  EXPECT_EQ(StrayFiles(), 0u);
-}
-
-TEST(Compaction, HundredThousandRecordsRoundTrip) {
-  WriteDatabase();
-  PLRNetworkConfigurationDB* db = LoadCache();
-  ASSERT_NE(db, nullptr);
-  db->readOnly = true;  // fill the cache quickly, without journal records
-  for (uint32_t i = 0; i < 100000; ++i) {
-    uint16_t port = static_cast<uint16_t>(1 + i / 256);
-    if (i % 2 == 0)
-      ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db, i % 256, true, port, "10.1.2.3", port, "d", false));
-    else
-      ASSERT_TRUE(PLRNetCfgAddAnswerString(db, ("KEY_" + std::to_string(i)).c_str(), "value"));
-  }
-  db->readOnly = false;
-  db->modified = true;
-  std::string state = StateOf(db);
-  ASSERT_TRUE(PLRNetCfgUnload(&db, true));
-  EXPECT_EQ(StateOfFile(), state);
-}
-
-// A remove record that lands before the failed add is compensated by the old
-// value; removing all forwards goes on past a failed record.
-TEST_F(CacheTest, CompensatingRecordAndRemoveAllPastAFailure) {
-  Open(
-      "answer K old\nadd_nat_portfwd 8 tcp 80 10.0.0.2 80\nadd_nat_portfwd 8 udp 80 10.0.0.2 80\n");
-  sys::FailNth(sys::Op::kWrite, 2, ENOSPC);
-  EXPECT_FALSE(PLRNetCfgAddAnswerString(db_, "K", "new"));
-  EXPECT_TRUE(LogHas("Failed to write to K:new to database file, error: No space left on device"));
-  sys::FailNth(sys::Op::kWrite, 1, ENOSPC);
-  EXPECT_TRUE(PLRNetCfgRemoveAllNATPortFwd(db_, 8, true, false, true));
-  sys::ClearFaults();
-  EXPECT_TRUE(LogHas("All the forwarded TCP ports could not be deleted"));
-  EXPECT_EQ(Tail().substr(Tail().find("remove_answer")), "remove_answer K\nanswer K old\n");
-  EXPECT_EQ(StateOf(db_), "A K=old\nP 8 udp 80 10.0.0.2 80 []\n");
+  std::set<std::string> names;  // no temporary file is left
+  DIR* dir = opendir("/etc/tarsis");
+  while (dirent* e = readdir(dir)) names.insert(e->d_name);
+  closedir(dir);
+  EXPECT_EQ(names, (std::set<std::string>{".", "..", "config", "networking", "networking.lck"}));
 }
 
 // A real full file system: the database lives on a tiny tmpfs, filled up
@@ -114,7 +67,6 @@ TEST(FullDisk, AppendFailsCleanlyAndTheNextOneLandsWithRoomAgain) {
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
   int filler = open("/etc/tarsis/filler", O_WRONLY | O_CREAT, 0644);
-  ASSERT_GE(filler, 0);
   const std::string block(4096, 'f');
   while (write(filler, block.data(), block.size()) > 0) {
   }
@@ -138,64 +90,6 @@ TEST(FullDisk, AppendFailsCleanlyAndTheNextOneLandsWithRoomAgain) {
   PLRNetCfgUnload(&db, false);
 }
 
-// Forks a child that takes the database lock and holds it until killed;
-// its PID, or -1 when it could not take the lock.
-pid_t HoldLockInChild() {
-  int ready[2];
-  if (pipe(ready) != 0) return -1;
-  pid_t pid = fork();
-  if (pid == 0) {
-    FileLock lock;
-    char c = lock.Lock(kDatabasePath, 1000) ? '1' : '0';
-    (void)!write(ready[1], &c, 1);
-    pause();
-    _exit(0);
-  }
-  char c = '0';
-  (void)!read(ready[0], &c, 1);
-  close(ready[0]);
-  close(ready[1]);
-  return c == '1' ? pid : -1;
-}
-
-void KillHolder(pid_t pid) {
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
-}
-
-double SecondsSince(uint64_t startNs) {
-  return static_cast<double>(MonotonicNs() - startNs) / 1e9;
-}
-
-// Against a holder in another process, a lock call and a writable load
-// give up after 3.5 s; a read-only load takes no lock.
-TEST(Lock, GivesUpAfterThreeAndAHalfSecondsAgainstAnotherProcess) {
-  WriteDatabase("answer K v\n");
-  PLRNetworkConfigurationDB* db = LoadCache();
-  ASSERT_NE(db, nullptr);
-  pid_t holder = HoldLockInChild();  // the load released the lock after reading
-  ASSERT_GT(holder, 0);
-  for (bool load : {false, true}) {
-    uint64_t start = MonotonicNs();
-    EXPECT_FALSE(load ? LoadCache() != nullptr : PLRNetCfgLockConfig(db));
-    EXPECT_GE(SecondsSince(start), 3.4);
-    EXPECT_LT(SecondsSince(start), 6.0);
-  }
-  PLRNetworkConfigurationDB* reader = LoadCache(kDatabasePath, false, true);
-  ASSERT_NE(reader, nullptr);
-  EXPECT_EQ(StateOf(reader), "A K=v\n");
-  PLRNetCfgUnload(&reader, false);
-  KillHolder(holder);
-  EXPECT_TRUE(PLRNetCfgLockConfig(db));  // ours once the holder is gone, once
-  EXPECT_FALSE(PLRNetCfgLockConfig(db));
-  FileLock other;
-  EXPECT_FALSE(other.Lock(kDatabasePath, 0));
-  EXPECT_TRUE(PLRNetCfgUnlockConfig(db));
-  EXPECT_TRUE(PLRNetCfgUnlockConfig(db));
-  EXPECT_TRUE(other.Lock(kDatabasePath, 0));
-  PLRNetCfgUnload(&db, false);
-}
-
 // Two processes, each with its own cache, take turns: lock, change, unlock.
 // Every record of both lands, in turn order.
 TEST(Lock, TwoProcessesAppendingInTurnLeaveAValidJournal) {
@@ -206,29 +100,33 @@ TEST(Lock, TwoProcessesAppendingInTurnLeaveAValidJournal) {
   constexpr int kTurns = 20;
   auto turns = [](int in, int out, const char* who, bool first) {
     PLRNetworkConfigurationDB* db = LoadCache();
-    if (db == nullptr) return false;
     char token = 't';
-    bool ok = true;
-    for (int i = 0; i < kTurns; ++i) {
+    bool ok = db != nullptr;
+    for (int i = 0; i < kTurns; ++i) {  // the token passes on even after a failure
       if ((!first || i > 0) && read(in, &token, 1) != 1) return false;
-      ok = PLRNetCfgLockConfig(db) && ok;
-      ok = PLRNetCfgAddAnswerString(db, (who + std::to_string(i)).c_str(), "v") && ok;
-      ok = PLRNetCfgAddNATPortFwd(db, 1, first, i + 1, "10.0.0.2", 1, who, false) && ok;
-      ok = PLRNetCfgUnlockConfig(db) && ok;
+      ok = ok && PLRNetCfgLockConfig(db) &&
+           PLRNetCfgAddAnswerString(db, (who + std::to_string(i)).c_str(), "v") &&
+           PLRNetCfgAddNATPortFwd(db, 1, first, i + 1, "10.0.0.2", 1, who, false);
+      ok = ok && PLRNetCfgUnlockConfig(db);
       if (write(out, &token, 1) != 1) return false;
     }
-    PLRNetCfgUnload(&db, false);
+    if (db != nullptr) PLRNetCfgUnload(&db, false);
     return ok;
   };
   pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) _exit(turns(toChild[0], toParent[1], "child", false) ? 0 : 1);
+  if (pid == 0) {
+    close(toChild[1]);  // either side gone early is an end of file, not a hang
+    _exit(turns(toChild[0], toParent[1], "child", false) ? 0 : 1);
+  }
+  close(toParent[1]);
   bool parentOk = turns(toParent[0], toChild[1], "parent", true);
+  close(toChild[1]);
   int status = 0;
   waitpid(pid, &status, 0);
   ASSERT_TRUE(parentOk);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  std::string expected = "VERSION=1,0\n";
+  std::string expected = "VERSION=1,0\n";  // and the lock is free again
+  EXPECT_TRUE(FileLock().Lock(kDatabasePath, 0));
   for (int i = 0; i < kTurns; ++i) {
     const std::string n = std::to_string(i), port = std::to_string(i + 1);
     expected += "answer parent" + n + " v\nadd_nat_portfwd 1 tcp " + port + " 10.0.0.2 1 parent\n";

@@ -1,54 +1,17 @@
-// Shared helpers of the netcfg tests: the library log sent to its usual file
-// (read with the shared probe), private caches, and a canonical text of a
-// cache's whole state for comparisons.
+// Shared helpers of the netcfg tests: private caches, and a canonical text of
+// a cache's whole state for comparisons.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "netcfg/db-internal.h"
-#include "pelorus/core.h"
 #include "tests/support/sandbox.h"
-#include "tests/support/services_util.h"
 
 namespace plr::test {
-
-using svc::LogCount;
-using svc::LogHas;
-using svc::LogText;
-
-// Sends every log level to the library's log file for the scope.
-class LogToFile {
- public:
-  LogToFile() : stream_(fopen(kLogPath, "a")) {
-    plrContext.logStream = stream_;
-    plrContext.currentLevel = PLR_LOG_MAX_LEVEL;
-  }
-  ~LogToFile() {
-    plrContext.logStream = nullptr;
-    if (stream_ != nullptr) fclose(stream_);
-  }
-  LogToFile(const LogToFile&) = delete;
-  LogToFile& operator=(const LogToFile&) = delete;
-
- private:
-  FILE* stream_;
-};
-
-// The arguments printed with one space between each two.
-template <class... T>
-std::string StrCat(const T&... parts) {
-  std::ostringstream out;
-  ((out << parts << ' '), ...);
-  std::string text = out.str();
-  text.pop_back();
-  return text;
-}
 
 // Loads `path` into a private cache; null on failure.
 inline PLRNetworkConfigurationDB* LoadCache(const char* path = kDatabasePath, bool backup = false,
@@ -103,8 +66,7 @@ class CacheTest : public ::testing::Test {
   void Open(const std::string& records = "") {
     if (db_ != nullptr) PLRNetCfgUnload(&db_, false);
     WriteDatabase(records);
-    db_ = LoadCache();
-    ASSERT_NE(db_, nullptr);
+    ASSERT_NE(db_ = LoadCache(), nullptr);
   }
   void TearDown() override {
     if (db_ != nullptr) PLRNetCfgUnload(&db_, false);
@@ -112,7 +74,6 @@ class CacheTest : public ::testing::Test {
   // The journal after the version line.
   static std::string Tail() { return ReadFile(kDatabasePath).substr(sizeof "VERSION=1,0"); }
 
-  LogToFile log_;
   PLRNetworkConfigurationDB* db_ = nullptr;
 };
 

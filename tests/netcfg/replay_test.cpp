@@ -1,57 +1,52 @@
-// Loading: the version line, the replay of every record type, malformed
-// records (each costs only itself), BINDIR and the default cache.
+// Loading and reading back: the version line, the replay of every record type,
+// malformed records (each costs only itself), BINDIR and the default cache;
+// answer conversions, lookups and cursor walks, and the adapter lists built
+// from bridge mappings.
+#include <numeric>
+#include <set>
+
 #include "pelorus/vnet.h"
 #include "tests/netcfg/netcfg_util.h"
 
 namespace plr::test {
 namespace {
 
-constexpr const char* kBackupPath = "/tmp/networking.bak";
-
+// The version a load reports ("major,minor"), or "-" when it fails.
 TEST(Load, FirstLineDecidesWhetherADatabaseOrBackupLoads) {
   const struct {
     const char* text;
-    bool backup, loads;
-    uint32_t major = 0, minor = 0;
-  } kRows[] = {
-      {"VERSION=1,0\n", false, true, 1, 0},
-      {"VERSION=1,7\n", false, true, 1, 7},
-      {"VERSION=0,3\n", false, true, 0, 3},
-      {"VERSION=2,0\n", false, false},
-      {"VERSION=1\n", false, false},
-      {"VERSION=1,-1\n", false, false},
-      {"VERSION=x,0\n", false, false},
-      {"VERSION=-1,0\n", false, false},
-      {"version=1,0\n", false, false},
-      {"BACKUP_VERSION=1,0\n", false, false},
-      {"", false, false},
-      {"answer A b\n", false, false},
-      {"VERSION=1,0\n", true, true, 0, 0},
-      {"BACKUP_VERSION=1,0\n", true, true, 1, 0},
-      {"BACKUP_VERSION=3,0\n", true, false},
-      {"", true, true, 0, 0},
-      {"answer A b\n", true, true, 0, 0},
-  };
-  LogToFile log;
+    bool backup;
+    const char* version;
+  } kRows[] = {{"VERSION=1,0", 0, "1,0"},
+               {"VERSION=1,7", 0, "1,7"},
+               {"VERSION=0,3", 0, "0,3"},
+               {"VERSION=2,0", 0, "-"},
+               {"VERSION=1", 0, "-"},
+               {"VERSION=1,-1", 0, "-"},
+               {"version=1,0", 0, "-"},
+               {"BACKUP_VERSION=1,0", 0, "-"},
+               {"", 0, "-"},
+               {"VERSION=1,0", 1, "0,0"},
+               {"BACKUP_VERSION=1,0", 1, "1,0"},
+               {"BACKUP_VERSION=3,0", 1, "-"},
+               {"answer A b", 1, "0,0"}};
   for (const auto& r : kRows) {
     SCOPED_TRACE(std::string(r.text) + (r.backup ? " backup" : ""));
-    const char* path = r.backup ? kBackupPath : kDatabasePath;
-    WriteFile(path, std::string(r.text) + "answer K v\n");
+    const char* path = r.backup ? "/tmp/networking.bak" : kDatabasePath;
+    WriteFile(path, std::string(r.text) + (*r.text ? "\n" : "") + "answer K v\n");
     PLRNetworkConfigurationDB* db = LoadCache(path, r.backup, false);
-    ASSERT_EQ(db != nullptr, r.loads);
+    ASSERT_EQ(db ? std::to_string(db->majorVersion) + "," + std::to_string(db->minorVersion) : "-",
+              r.version);
     if (db == nullptr) continue;
-    EXPECT_EQ(db->majorVersion, r.major);
-    EXPECT_EQ(db->minorVersion, r.minor);
     EXPECT_EQ(db->backup, r.backup);
-    EXPECT_EQ(StateOf(db),
-              std::string(r.text).starts_with("answer") ? "A A=b\nA K=v\n" : "A K=v\n");
+    EXPECT_EQ(StateOf(db), *r.text == 'a' ? "A A=b\nA K=v\n" : "A K=v\n");
     PLRNetCfgUnload(&db, false);
   }
   EXPECT_EQ(LoadCache("/etc/tarsis/nothing-here"), nullptr);
-  EXPECT_EQ(LogCount("Failed to load database cache with contents of file: "), 10u);
 }
 
 TEST(Load, ReplaysEveryRecordTypeInOrder) {
+  const std::string a127(127, 'a'), x1019(1019, 'x'), y1011(1011, 'y');
   WriteDatabase(
       "answer VNET_1_DISPLAY_NAME my net\nANSWER VNET_1_DHCP yes\n"
       "answer GONE x\nRemove_Answer GONE\n"
@@ -62,25 +57,20 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
       "add_dhcp_mac_to_ip 8 02:7a:3e:2a:10:02 192.168.120.131\n"
       "remove_dhcp_mac_to_ip 8 02:7A:3E:2A:10:02 anything after the mac\n"
       "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 -1\nadd_bridge_mapping eth2 5\n"
-      "remove_bridge_mapping eth2\n"
-      "add_nat_prefix 8 fd00:1::/64\nadd_nat_prefix 8 fd00:2::/64\nremove_nat_prefix 8 "
-      "fd00:2::/64\n"
-      "add_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
-      std::string(127, 'a') + "\n" + "add_nat_portfwd 1 tcp 2 10.0.0.2 2 " + std::string(128, 'b') +
-      "\n" + "answer LONG " + std::string(1019, 'x') + "\n" +  // 1031 characters: refused
-      "answer FITS " + std::string(1011, 'y') + "\n" +         // 1023 characters: kept
-      "unknown_keyword is ignored\n");
+      "remove_bridge_mapping eth2\nadd_nat_prefix 8 fd00:1::/64\nadd_nat_prefix 8 fd00:2::/64\n"
+      "remove_nat_prefix 8 fd00:2::/64\nadd_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
+      a127 + "\nadd_nat_portfwd 1 tcp 2 10.0.0.2 2 " + a127 + "b\nanswer LONG " + x1019 +
+      "\nanswer FITS " + y1011 + "\nunknown_keyword is ignored\n");  // a 1031 and a 1023 line
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
-  EXPECT_EQ(StateOf(db),
-            "A FITS=" + std::string(1011, 'y') +
-                "\nA VNET_1_DHCP=yes\nA VNET_1_DISPLAY_NAME=my net\n"
-                "B eth0 0\nB eth1 -1\nD 8 02:7A:3E:2A:10:01 192.168.120.130\n"
-                "P 1 tcp 1 10.0.0.2 1 [" +
-                std::string(127, 'a') +
-                "]\nP 1 tcp 2 10.0.0.2 2 []\n"
-                "P 8 tcp 443 192.168.120.128 443 [web server]\nP 8 udp 53 192.168.120.128 53 []\n"
-                "X 8 fd00:1::/64\n");
+  EXPECT_EQ(StateOf(db), "A FITS=" + y1011 +
+                             "\nA VNET_1_DHCP=yes\nA VNET_1_DISPLAY_NAME=my net\n"
+                             "B eth0 0\nB eth1 -1\nD 8 02:7A:3E:2A:10:01 192.168.120.130\n"
+                             "P 1 tcp 1 10.0.0.2 1 [" +
+                             a127 +
+                             "]\nP 1 tcp 2 10.0.0.2 2 []\n"
+                             "P 8 tcp 443 192.168.120.128 443 [web server]\n"
+                             "P 8 udp 53 192.168.120.128 53 []\nX 8 fd00:1::/64\n");
   // Vnet and field position of VNET_<n>_<FIELD> keys travel with the entry.
   const auto& entry = db->answers->at("VNET_1_DHCP");
   EXPECT_EQ(entry.vnet, 1);
@@ -91,43 +81,24 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
 
 // Every malformed record is skipped; the good records around it still load.
 TEST(Load, MalformedRecordsCostOnlyThemselves) {
-  const char* kBad[] = {
-      "",
-      "answer",
-      "answer KEY_ONLY",
-      "remove_answer NOT_THERE",
-      "add_nat_portfwd 256 tcp 80 10.0.0.2 80",
-      "add_nat_portfwd x tcp 80 10.0.0.2 80",
-      "add_nat_portfwd 8 icmp 80 10.0.0.2 80",
-      "add_nat_portfwd 8 tcp 0 10.0.0.2 80",
-      "add_nat_portfwd 8 tcp 65536 10.0.0.2 80",
-      "add_nat_portfwd 8 tcp 80 10.0.0.300 80",
-      "add_nat_portfwd 8 tcp 80",
-      "add_nat_portfwd 8 tcp 80 10.0.0.2 0",
-      "add_nat_portfwd 8 tcp 80 10.0.0.2",
-      "remove_nat_portfwd 8 tcp 81",
-      "add_dhcp_mac_to_ip 300 00:11:22:33:44:55 10.0.0.2",
-      "add_dhcp_mac_to_ip 8 00:11:22:33:44 10.0.0.2",
-      "add_dhcp_mac_to_ip 8 00:11:22:33:44:55",
-      "add_dhcp_mac_to_ip 8 00:11:22:33:44:55 10.0.0.2 x",
-      "remove_dhcp_mac_to_ip 8 00:11:22:33:44:66",
-      "add_bridge_mapping eth1 300",
-      "add_bridge_mapping eth1 -2",
-      "add_bridge_mapping",
-      "remove_bridge_mapping nosuch",
-      "add_nat_prefix 8 fd00::",
-      "add_nat_prefix 8 fd00::/20",
-      "add_nat_prefix 999 fd00::/64",
-      "remove_nat_prefix 8 fd00:9::/64",
-  };
-  std::string journal = "answer GOOD_FIRST 1\nadd_bridge_mapping eth0 0\n";
-  for (const char* line : kBad) journal += std::string(line) + "\n";
-  WriteDatabase(journal + "answer GOOD_LAST 2\n");
-  LogToFile log;
+  WriteDatabase(
+      "answer GOOD_FIRST 1\nadd_bridge_mapping eth0 0\n\nanswer\nanswer KEY_ONLY\n"
+      "remove_answer NOT_THERE\nadd_nat_portfwd 256 tcp 80 10.0.0.2 80\n"
+      "add_nat_portfwd x tcp 80 10.0.0.2 80\nadd_nat_portfwd 8 icmp 80 10.0.0.2 80\n"
+      "add_nat_portfwd 8 tcp 0 10.0.0.2 80\nadd_nat_portfwd 8 tcp 65536 10.0.0.2 80\n"
+      "add_nat_portfwd 8 tcp 80 10.0.0.300 80\nadd_nat_portfwd 8 tcp 80\n"
+      "add_nat_portfwd 8 tcp 80 10.0.0.2 0\nadd_nat_portfwd 8 tcp 80 10.0.0.2\n"
+      "remove_nat_portfwd 8 tcp 81\nadd_dhcp_mac_to_ip 300 00:11:22:33:44:55 10.0.0.2\n"
+      "add_dhcp_mac_to_ip 8 00:11:22:33:44 10.0.0.2\nadd_dhcp_mac_to_ip 8 00:11:22:33:44:55\n"
+      "add_dhcp_mac_to_ip 8 00:11:22:33:44:55 10.0.0.2 x\n"
+      "remove_dhcp_mac_to_ip 8 00:11:22:33:44:66\nadd_bridge_mapping eth1 300\n"
+      "add_bridge_mapping eth1 -2\nadd_bridge_mapping\nremove_bridge_mapping nosuch\n"
+      "add_nat_prefix 8 fd00::\nadd_nat_prefix 8 fd00::/20\nadd_nat_prefix 999 fd00::/64\n"
+      "remove_nat_prefix 8 fd00:9::/64\nanswer GOOD_LAST 2\n");
+  LogWhileUnloaded();
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
   EXPECT_EQ(StateOf(db), "A GOOD_FIRST=1\nA GOOD_LAST=2\nB eth0 0\n");
-  EXPECT_EQ(LogCount("Failed to parse record at line #: "), std::size(kBad));
   EXPECT_TRUE(LogHas("Failed to parse record at line #: 8, data: 256 tcp 80 10.0.0.2 80\n"));
   PLRNetCfgUnload(&db, false);
 }
@@ -138,24 +109,141 @@ TEST(Load, MalformedRecordsCostOnlyThemselves) {
 TEST(Load, BinDirAndTheDefaultCache) {
   WriteDatabase("answer BINDIR /from/the/file\nanswer K v\n");
   ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, nullptr, false, false));
-  WriteFile("/etc/tarsis/config", "# no bindir here\nother = 1\n");
+  WriteFile("/etc/tarsis/config", "other = 1\n");
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
   PLRNetCfgUnload(&db, false);
   WriteProductConfig();
   WriteDatabase("answer K w\n");
   ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, nullptr, false, false));  // keeps the first
-  const char* value = nullptr;
+  const char *value = nullptr, *binDir = nullptr;
+  ASSERT_NE(db = LoadCache(), nullptr);
+  ASSERT_TRUE(PLRNetCfgGetAnswerString(db, "BINDIR", &binDir));
+  EXPECT_STREQ(binDir, FixtureBinDir());
   ASSERT_TRUE(PLRNetCfgGetAnswerString(nullptr, "K", &value));
   EXPECT_STREQ(value, "v");
-  ASSERT_TRUE(PLRNetCfgLoad(kDatabasePath, &db, false, false));
-  ASSERT_TRUE(PLRNetCfgGetAnswerString(db, "BINDIR", &value));
-  EXPECT_STREQ(value, FixtureBinDir());
   PLRNetCfgUnload(&db, false);
   plrDefaultBridgeVnet = 3;
   EXPECT_TRUE(PLRNetCfgUnload(nullptr, false));
   EXPECT_EQ(plrDefaultBridgeVnet, PLR_VNET_ALL);
   EXPECT_FALSE(PLRNetCfgGetAnswerString(nullptr, "K", &value));
+}
+
+// Integer and boolean readings of answers ("-": refused), and the returned
+// string stays put while other answers change.
+TEST_F(CacheTest, AnswerConversions) {
+  Open("answer HEX 0x19\nanswer NEG -42\nanswer TEXT 12abc\nanswer UPPER YES\nanswer ONE 1\n");
+  std::string got;
+  for (const char* key : {"HEX", "NEG", "TEXT", "UPPER", "ONE", "ABSENT"}) {
+    int32_t n = 0;
+    bool b = false;
+    got += PLRNetCfgGetAnswerInt32(db_, key, &n) ? std::to_string(n) : "-";
+    got += PLRNetCfgGetAnswerBool(db_, key, &b) ? (b ? " yes;" : " no;") : " -;";
+  }
+  EXPECT_EQ(got, "25 no;-42 no;- no;- yes;1 no;- -;");
+  const char *first = nullptr, *again = nullptr;
+  ASSERT_TRUE(PLRNetCfgGetAnswerString(db_, "ONE", &first));
+  ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "OTHER", "x"));
+  ASSERT_TRUE(PLRNetCfgGetAnswerString(db_, "ONE", &again));
+  EXPECT_EQ(first, again);
+}
+
+// Lookups copy only what fits; a walk visits each entry once, in a stable
+// order, and a change between two steps shows up in the rest of the walk.
+TEST_F(CacheTest, LookupsAndWalksOfForwardsAndMappings) {
+  Open(
+      "add_nat_portfwd 8 tcp 443 192.168.120.128 8443 web\n"
+      "add_nat_portfwd 8 udp 443 192.168.120.129 53\n"
+      "add_dhcp_mac_to_ip 8 00:11:22:33:44:aa 10.0.0.5\nadd_dhcp_mac_to_ip 8 0:11:22:33:44:b "
+      "10.0.0.6\n");
+  char ip[16], desc[128], mac[18];
+  uint16_t vmPort = 0, hostPort = 0;
+  uint32_t len = 0, cursor = 0;
+  auto fwd = [&](bool tcp, uint16_t port, size_t ipSize, uint32_t descSize) {
+    len = descSize;
+    desc[0] = '\0';
+    return PLRNetCfgLookupNATPortFwd(db_, 8, tcp, port, ip, ipSize, &vmPort, desc, &len)
+               ? std::string(ip) + " " + std::to_string(vmPort) + " " + desc + std::to_string(len)
+               : "-";
+  };
+  EXPECT_EQ(fwd(true, 443, 16, 128), "192.168.120.128 8443 web5");  // length with 2 added
+  EXPECT_EQ(fwd(false, 443, 16, 128), "192.168.120.129 53 0");
+  EXPECT_EQ(fwd(true, 444, 16, 128) + fwd(true, 443, 15, 128) + fwd(true, 443, 16, 4), "---");
+  for (uint16_t port = 1; port <= 50; ++port)
+    ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, port, "10.0.0.2", port, "d", false));
+  auto walk = [&](bool changeAfterFirst) {
+    std::vector<uint16_t> ports;
+    for (cursor = 0, len = 128;
+         PLRNetCfgEnumNATPortFwd(db_, 4, true, &cursor, &hostPort, ip, 16, &vmPort, desc, &len);
+         len = 128) {
+      EXPECT_EQ(std::string(ip) + desc + std::to_string(len), "10.0.0.2d3");
+      EXPECT_EQ(vmPort, hostPort);
+      ports.push_back(hostPort);
+      if (changeAfterFirst && ports.size() == 1) {
+        EXPECT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, 500, "10.0.0.2", 500, "d", false));
+      }
+    }
+    EXPECT_EQ(cursor, ports.size());
+    return ports;
+  };
+  std::vector<uint16_t> first = walk(false);
+  EXPECT_EQ(std::set<uint16_t>(first.begin(), first.end()).size(), 50u);
+  EXPECT_EQ(walk(false), first);
+  EXPECT_EQ(walk(true).size(), 51u);
+  cursor = 0;
+  EXPECT_FALSE(
+      PLRNetCfgEnumNATPortFwd(db_, 5, true, &cursor, nullptr, ip, 16, nullptr, nullptr, nullptr));
+  ASSERT_TRUE(PLRNetCfgLookupDHCPMACToIP(db_, 8, "0:11:22:33:44:AA", ip, 16));
+  EXPECT_STREQ(ip, "10.0.0.5");
+  EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(db_, 7, "00:11:22:33:44:aa", ip, 16) ||
+               PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:cc", ip, 16) ||
+               PLRNetCfgLookupDHCPMACToIP(db_, 8, "00:11:22:33:44:aa", ip, 8));
+  std::set<std::string> seen;
+  for (cursor = 0; PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, sizeof mac, ip, 16);)
+    seen.insert(std::string(mac) + " " + ip);
+  EXPECT_EQ(seen,
+            (std::set<std::string>{"00:11:22:33:44:AA 10.0.0.5", "00:11:22:33:44:0B 10.0.0.6"}));
+  EXPECT_EQ(cursor, 2u);
+  cursor = 0;
+  EXPECT_FALSE(PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 17, ip, 16) ||
+               PLRNetCfgEnumDHCPMACToIP(db_, 8, &cursor, mac, 18, ip, 8) ||
+               PLRNetCfgEnumDHCPMACToIP(db_, 9, &cursor, mac, 18, ip, 16));
+}
+
+// The adapters mapped to a vnet (or to every other vnet), as a list.
+TEST_F(CacheTest, HostAdaptersForAVnet) {
+  Open(
+      "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 0\nadd_bridge_mapping eth2 2\n"
+      "add_bridge_mapping eth3 -1\n");
+  const struct {
+    uint32_t vnet;
+    bool exclude;
+    const char* names;
+  } kRows[] = {{0, false, "eth0 0,eth1 0,"},
+               {2, false, "eth2 2,"},
+               {PLR_VNET_NONE, false, "eth3 -1,"},
+               {7, false, ""},
+               {PLR_VNET_ALL, false, "eth0 0,eth1 0,eth2 2,eth3 -1,"},
+               {0, true, "eth2 2,eth3 -1,"}};
+  for (const auto& r : kRows) {
+    uint32_t count = 99;
+    PLR_HostAdapter* list = reinterpret_cast<PLR_HostAdapter*>(1);
+    ASSERT_TRUE(PLRNetCfgLookupHostAdaptersForVnet(db_, r.vnet, &count, &list, r.exclude));
+    std::set<std::string> names;
+    for (PLR_HostAdapter* e = list; e != nullptr; e = e->next) {
+      EXPECT_TRUE(e->version == 1 && e->netId.version == 1 && e->netId.netType == 1);
+      EXPECT_STREQ(e->displayName, e->name);
+      names.insert(e->name + (" " + std::to_string(static_cast<int32_t>(e->netId.vnet)) + ","));
+    }
+    EXPECT_EQ(names.size(), count);
+    EXPECT_EQ(std::accumulate(names.begin(), names.end(), std::string()), r.names) << r.vnet;
+    PLRFreeHostAdapList(&list);
+    EXPECT_EQ(list, nullptr);
+  }
+  int32_t vnet = 0;
+  ASSERT_TRUE(PLRNetCfgLookupVnetForHostAdapter(db_, "eth3", &vnet));
+  EXPECT_EQ(vnet, -1);
+  EXPECT_FALSE(PLRNetCfgLookupVnetForHostAdapter(db_, "eth9", &vnet));
 }
 
 }  // namespace
