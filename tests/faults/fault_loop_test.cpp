@@ -1,8 +1,9 @@
 // Each representative write (records added and removed, subnet assignment,
-// bridge move, import, merge, compaction, generated files) with each file system call failing at N
-// = 1, 2, ... until the write no longer reaches it. Then cache and file agree, no descriptor
-// leaked, and a reported failure leaves the cache as before, no temporary file or
-// restore point, and every other file under /etc/tarsis as before or as success.
+// bridge move, import, merge, compaction, generated files) with each file
+// system call failing at N = 1, 2, ... until the write no longer reaches it.
+// Then cache and file agree, no descriptor leaked, and a reported failure
+// leaves the cache as before, no temporary file or restore point, and every
+// other file under /etc/tarsis as before or as a successful call leaves it.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
