@@ -103,7 +103,8 @@ TEST_F(ApiLayer, BadArgumentsAreRefused) {
   const char* v = "kavix1";
   const std::string before = Database();
   const bool groups[] = {
-      PLR_SetVnetDisplayName(nullptr, "x") || PLR_SetVnetSubnetAddr(v, "300.1.1.0") ||
+      PLR_SetVnetDisplayName(nullptr, "x") || PLR_SetVnetDisplayName("kavix256", "x") ||
+          PLR_SetVnetMTU("eth0", 1400) || PLR_SetVnetSubnetAddr(v, "300.1.1.0") ||
           PLR_SetVnetSubnetMask(v, "255.0.255.0") || PLR_GetVnetMTU(v, nullptr) ||
           PLR_SetVnetAdapterAddr(v, "1.2.3") || PLR_GetVnetAdapterStatus(v, &gFlag, nullptr),
       PLR_SetNATPrefix(v, "zz", nullptr, 0) || PLR_SetNATPrefix(v, "fd00::/64", gBuf, 128) ||
