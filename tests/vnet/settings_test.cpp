@@ -1,10 +1,10 @@
-// Per-vnet settings over the default database: key forming, the generic and
-// named accessors, the use-DHCP/NAT/adapter switches, the options and
-// subnet give-back.
+// Per-vnet settings over the default database: vnet names, key forming, the
+// accessors and switches, the options and the default bridge vnet.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -16,252 +16,199 @@
 namespace plr::test {
 namespace {
 
-class VnetSettings : public LoadedLibraryTest {
- protected:
-  void TearDown() override {
-    sys::ClearFaults();
-    LoadedLibraryTest::TearDown();
-  }
-};
+TEST(VnetNames, NameToNumberAndBack) {
+  const uint32_t none = PLR_VNET_NONE;
+  const std::pair<const char*, uint32_t> rows[] = {
+      {"kavix0", 0},
+      {"KaViX42", 42},
+      {"kavix019", 19},
+      {"kavix255", 255},
+      {"kavix256", none},
+      {"kavix", none},
+      {"kavix1a", none},
+      {"kavix-1", none},
+      {"kavix2550", none},
+      {"kavi", none},
+      {"xkavix1", none},
+      {"kavix99999999999999999999", none},
+      {"kavix00000000000000000000000000000001", 1}};  // zeros never overflow
+  for (const auto& [name, vnet] : rows) EXPECT_EQ(PLRConvVnetNameToNum(name), vnet) << name;
+  EXPECT_EQ(PLRConvVnetNameToNum(nullptr), none);
+  char name[PLR_VNET_NAME_SIZE] = "#";
+  EXPECT_FALSE(PLRConvVnetNumToName(256, name));
+  EXPECT_STREQ(name, "#") << "a refused number leaves the buffer alone";
+  ASSERT_TRUE(PLRConvVnetNumToName(255, name));
+  EXPECT_STREQ(name, "kavix255");
+}
 
-TEST_F(VnetSettings, KeysJoinSignedVnetNumberAndNameUpTo511Characters) {
-  Load();
-  ASSERT_TRUE(PLRSetVnetDisplayName(12, "Lab net"));
+using VnetSettings = LoadedLibraryTest;
+
+TEST_F(VnetSettings, Accessors) {
+  Load(
+      "answer VNET_4_DISPLAY_NAME fifteen-chars!!\nanswer VNET_1_DHCP YES\n"
+      "answer VNET_2_DHCP yes\nanswer VNET_3_DHCP true\nanswer VNET_6_NAT yEs\n"
+      "answer VNET_6_VIRTUAL_ADAPTER_NAME hostonly-long-name\n"
+      "answer VNET_3_HOSTONLY_SUBNET 10.0.3.0\nanswer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.3.254\n"
+      "answer VNET_7_HOSTONLY_SUBNET 10.0.7.255\n");
   ASSERT_TRUE(PLRSetVnetCfg(PLR_VNET_NONE, "MTU", "9000"));
-  EXPECT_EQ(Answer("VNET_12_DISPLAY_NAME"), "Lab net");
   EXPECT_EQ(Answer("VNET_-1_MTU"), "9000");
-  EXPECT_NE(Database().find("answer VNET_12_DISPLAY_NAME Lab net\n"), std::string::npos);
-
+  // Keys up to 511 characters; longer ones are refused by every accessor.
   const std::string fits(511 - strlen("VNET_1_"), 'K'), tooLong = fits + "K";
   ASSERT_TRUE(PLRSetVnetCfg(1, fits.c_str(), "v"));
   EXPECT_STREQ(PLRGetVnetCfg(1, fits.c_str()), "v");
   const std::string before = Database();
-  char buf[8];
-  size_t size = sizeof buf;
-  EXPECT_FALSE(PLRSetVnetCfg(1, tooLong.c_str(), "v"));
-  EXPECT_FALSE(PLRSetVnetCfgBool(1, tooLong.c_str(), true));
-  EXPECT_FALSE(PLRRemoveVnetCfg(1, tooLong.c_str()));
-  EXPECT_EQ(PLRGetVnetCfg(1, tooLong.c_str()), nullptr);
-  EXPECT_FALSE(PLRGetVnetCfgCpy(1, tooLong.c_str(), buf, &size));
-  EXPECT_EQ(Database(), before);
-}
-
-TEST_F(VnetSettings, CopyReportsNeededSizeAndGetPointsIntoTheCache) {
-  Load("answer VNET_4_DISPLAY_NAME fifteen-chars!!\nanswer VNET_2_MTU 1500\n");
-  char buf[32];
-  memset(buf, 'x', sizeof buf);
+  char buf[32] = "x";
   size_t size = 15;
+  const char* k = tooLong.c_str();
+  EXPECT_FALSE(PLRSetVnetCfg(1, k, "v") || PLRSetVnetCfgBool(1, k, true) ||
+               PLRRemoveVnetCfg(1, k) || PLRGetVnetCfg(1, k) ||
+               PLRGetVnetCfgCpy(1, k, buf, &size) || PLRGetVnetCfg(2, nullptr) ||
+               PLRRemoveVnetCfg(2, nullptr));
+  // A copy reports the size it needs; a failed one leaves the buffer alone.
   EXPECT_FALSE(PLRGetVnetCfgCpy(4, "DISPLAY_NAME", buf, &size));
   EXPECT_EQ(size, 16u);
-  EXPECT_EQ(buf[0], 'x') << "a failed copy leaves the buffer alone";
+  EXPECT_STREQ(buf, "x");
   EXPECT_TRUE(PLRGetVnetCfgCpy(4, "DISPLAY_NAME", buf, &size));
   EXPECT_STREQ(buf, "fifteen-chars!!");
   EXPECT_FALSE(PLRGetVnetCfgCpy(9, "MTU", buf, &size));
   EXPECT_EQ(size, 16u) << "an absent setting leaves the size";
-
-  const char* cached = nullptr;
-  ASSERT_TRUE(PLRNetCfgGetAnswerString(nullptr, "VNET_2_MTU", &cached));
-  EXPECT_EQ(PLRGetVnetCfg(2, "MTU"), cached);
-  EXPECT_EQ(PLRGetVnetCfg(3, "MTU"), nullptr);
-  EXPECT_EQ(PLRGetVnetCfg(2, nullptr), nullptr);
-}
-
-TEST_F(VnetSettings, BooleansAreTrueOnlyForYesInAnyCase) {
-  Load(
-      "answer VNET_1_DHCP YES\nanswer VNET_2_DHCP yes\nanswer VNET_3_DHCP true\n"
-      "answer VNET_4_DHCP 1\nanswer VNET_5_DHCP no\nanswer VNET_6_NAT yEs\n");
-  for (uint32_t vnet = 1; vnet <= 7; ++vnet)  // 7: absent
-    EXPECT_EQ(PLRGetVnetUseDHCP(vnet), vnet <= 2) << vnet;
-  EXPECT_TRUE(PLRGetVnetUseNAT(6));
-  EXPECT_FALSE(PLRGetVnetUseNAT(1));
-  EXPECT_FALSE(PLRGetVnetCfgBool(1, nullptr));
-
-  // Setting the value a boolean already has appends nothing; absent counts as false.
-  const std::string before = Database();
-  EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", true));
-  EXPECT_TRUE(PLRSetVnetCfgBool(8, "NAT", false));
+  // Booleans are "yes" in any case; an unchanged value writes nothing.
+  for (uint32_t vnet = 1; vnet <= 4; ++vnet) EXPECT_EQ(PLRGetVnetUseDHCP(vnet), vnet <= 2) << vnet;
+  EXPECT_TRUE(PLRGetVnetUseNAT(6) && !PLRGetVnetUseNAT(1));
+  EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", true) && PLRSetVnetCfgBool(8, "NAT", false));
   EXPECT_EQ(Database(), before);
   EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", false));
   EXPECT_EQ(Database(), before + "remove_answer VNET_1_DHCP\nanswer VNET_1_DHCP no\n");
-  EXPECT_FALSE(PLRRemoveVnetCfg(1, nullptr));
-  EXPECT_TRUE(PLRRemoveVnetCfg(2, "DHCP"));
-  EXPECT_EQ(Answer("VNET_2_DHCP"), std::nullopt);
-}
-
-TEST_F(VnetSettings, NamedTextSettingsUseTheirKeys) {
-  Load("answer VNET_6_VIRTUAL_ADAPTER_NAME hostonly-long-name\n");
-  const struct {
-    const char* key;
-    bool (*set)(uint32_t, const char*);
-    bool (*get)(uint32_t, char*, size_t);
-    bool (*remove)(uint32_t);
-  } rows[] = {
-      {"DISPLAY_NAME", PLRSetVnetDisplayName, PLRGetVnetDisplayName, nullptr},
-      {"HOSTONLY_SUBNET", PLRSetVnetSubnetAddr, PLRGetVnetSubnetAddr, PLRRemoveVnetSubnetAddr},
-      {"HOSTONLY_NETMASK", PLRSetVnetSubnetMask, PLRGetVnetSubnetMask, PLRRemoveVnetSubnetMask},
-      {"MTU", PLRSetVnetMTU, PLRGetVnetMTU, PLRRemoveVnetMTU},
-      {"VIRTUAL_ADAPTER_ADDR", PLRSetVnetVirtAdapterAddr, nullptr, PLRRemoveVnetVirtAdapterAddr},
-      {"VIRTUAL_ADAPTER_NAME", PLRSetVnetVirtAdapter, PLRGetVnetVirtAdapter, nullptr},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.key);
-    const std::string key = std::string("VNET_17_") + r.key, value = std::string("v-") + r.key;
-    ASSERT_TRUE(r.set(17, value.c_str()));
-    EXPECT_EQ(Answer(key), value);
-    if (r.get != nullptr) {
-      char buf[64];
-      ASSERT_TRUE(r.get(17, buf, sizeof buf));
-      EXPECT_EQ(std::string(buf), value);
-      EXPECT_FALSE(r.get(17, buf, value.size())) << "no room for the terminator";
-    }
-    if (r.remove != nullptr) {
-      EXPECT_TRUE(r.remove(17));
-      EXPECT_EQ(Answer(key), std::nullopt);
-    }
-  }
-  // The adapter name defaults to the vnet name, cut to the buffer, and is not stored.
-  char buf[16];
-  EXPECT_TRUE(PLRGetVnetVirtAdapter(5, buf, sizeof buf));
-  EXPECT_STREQ(buf, "kavix5");
-  EXPECT_EQ(Answer("VNET_5_VIRTUAL_ADAPTER_NAME"), std::nullopt);
+  // The adapter name defaults to the vnet name, cut to the buffer; a stored one must fit.
   EXPECT_TRUE(PLRGetVnetVirtAdapter(123, buf, 6));
   EXPECT_STREQ(buf, "kavix");
-  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, sizeof buf)) << "a stored name must fit";
+  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, 16));
+  // The adapter address: stored (it must fit), or the subnet plus one on request when it fits.
+  const struct {
+    uint32_t vnet;
+    size_t size;
+    bool computeDefault;
+    const char* address;  // "": the call fails
+  } addrs[] = {{3, 16, false, "10.0.3.254"}, {3, 10, true, ""}, {7, 16, false, ""},
+               {7, 9, true, "10.0.8.0"},     {7, 8, true, ""},  {8, 16, true, ""}};
+  for (const auto& r : addrs) {
+    char addr[16] = "";
+    EXPECT_EQ(PLRGetVnetVirtAdapterAddr(r.vnet, addr, r.size, r.computeDefault), *r.address != 0);
+    EXPECT_STREQ(addr, r.address) << r.vnet << "/" << r.size;
+  }
+  EXPECT_EQ(Answer("VNET_7_VIRTUAL_ADAPTER_ADDR"), std::nullopt) << "the default is not stored";
 }
 
 // Each switch turned off with removeConfig drops its own settings and records
-// and leaves the other switches' ones; without removeConfig all of them stay.
+// only; without removeConfig everything stays.
 TEST_F(VnetSettings, SwitchesOffDropTheirOwnSettingsOnlyWithRemoveConfig) {
   Load(
-      "answer VNET_3_DHCP yes\n"
-      "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\n"
-      "answer VNET_3_DHCP_CFG_HASH 0123456789abcdef0123456789abcdef01234567\n"
+      "answer VNET_3_DHCP yes\nanswer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\n"
       "answer VNET_3_NAT_PARAM_DEVICE /dev/kavix3\n"
       "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\n"
-      "answer VNET_8_NAT yes\n"
-      "answer VNET_8_NAT_PARAM_DEVICE /dev/kavix8\n"
-      "answer VNET_8_DHCP_PARAM_MAX_LEASE_TIME 7200\n"
-      "add_nat_portfwd 8 tcp 8080 192.168.8.10 80 web\n"
-      "answer VNET_2_VIRTUAL_ADAPTER yes\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 10.0.2.1\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostnet2\n"
-      "answer VNET_2_HOSTONLY_SUBNET 10.0.2.0\n"
-      "answer VNET_4_DHCP_PARAM_MAX_LEASE_TIME 7200\n"
-      "answer VNET_4_NAT_PARAM_UDP_TIMEOUT 60\n"
+      "answer VNET_8_NAT yes\nanswer VNET_8_NAT_PARAM_DEVICE /dev/kavix8\n"
+      "answer VNET_8_DHCP_PARAM_MAX_LEASE_TIME 7200\nadd_nat_portfwd 8 tcp 80 192.168.8.10 80 w\n"
+      "answer VNET_2_VIRTUAL_ADAPTER yes\nanswer VNET_2_VIRTUAL_ADAPTER_ADDR 10.0.2.1\n"
+      "answer VNET_2_VIRTUAL_ADAPTER_NAME hostnet2\nanswer VNET_2_HOSTONLY_SUBNET 10.0.2.0\n"
+      "answer VNET_4_DHCP_PARAM_MAX_LEASE_TIME 7200\nanswer VNET_4_NAT_PARAM_UDP_TIMEOUT 60\n"
       "answer VNET_4_VIRTUAL_ADAPTER_ADDR 10.0.4.1\n");
-  EXPECT_TRUE(PLRSetVnetUseDHCP(3, false, true));
-  EXPECT_TRUE(PLRSetVnetUseNAT(8, false, true));
-  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true));
-  EXPECT_TRUE(PLRSetVnetUseAdapter(2, false, true)) << "nothing left to remove is success";
-  EXPECT_TRUE(PLRSetVnetUseDHCP(4, false, false));
-  EXPECT_TRUE(PLRSetVnetUseNAT(4, false, false));
-  EXPECT_TRUE(PLRSetVnetUseAdapter(4, false, false));
-  for (const char* gone :
-       {"VNET_3_DHCP_PARAM_LEASE_START_IP", "VNET_3_DHCP_CFG_HASH", "VNET_8_NAT_PARAM_DEVICE",
-        "VNET_2_VIRTUAL_ADAPTER_ADDR", "VNET_2_VIRTUAL_ADAPTER_NAME"})
-    EXPECT_EQ(Answer(gone), std::nullopt) << gone;
-  for (const char* kept : {"VNET_3_NAT_PARAM_DEVICE", "VNET_8_DHCP_PARAM_MAX_LEASE_TIME",
-                           "VNET_2_HOSTONLY_SUBNET", "VNET_4_DHCP_PARAM_MAX_LEASE_TIME",
-                           "VNET_4_NAT_PARAM_UDP_TIMEOUT", "VNET_4_VIRTUAL_ADAPTER_ADDR"})
-    EXPECT_NE(Answer(kept), std::nullopt) << kept;
-  for (const char* key : {"VNET_3_DHCP", "VNET_8_NAT", "VNET_2_VIRTUAL_ADAPTER"})
-    EXPECT_EQ(Answer(key), "no") << key;
-  EXPECT_TRUE(PLRSetVnetUseDHCP(5, true, false));
+  EXPECT_TRUE(PLRSetVnetUseDHCP(3, false, true) && PLRSetVnetUseNAT(8, false, true) &&
+              PLRSetVnetUseAdapter(2, false, true) && PLRSetVnetUseAdapter(2, false, true) &&
+              PLRSetVnetUseDHCP(4, false, false) && PLRSetVnetUseNAT(4, false, false) &&
+              PLRSetVnetUseAdapter(4, false, false) && PLRSetVnetUseDHCP(5, true, false));
+  for (const char* gone : {"3_DHCP_PARAM_LEASE_START_IP", "8_NAT_PARAM_DEVICE",
+                           "2_VIRTUAL_ADAPTER_ADDR", "2_VIRTUAL_ADAPTER_NAME"})
+    EXPECT_EQ(Answer(std::string("VNET_") + gone), std::nullopt) << gone;
+  for (const char* kept :
+       {"3_NAT_PARAM_DEVICE", "8_DHCP_PARAM_MAX_LEASE_TIME", "2_HOSTONLY_SUBNET",
+        "4_DHCP_PARAM_MAX_LEASE_TIME", "4_NAT_PARAM_UDP_TIMEOUT", "4_VIRTUAL_ADAPTER_ADDR"})
+    EXPECT_NE(Answer(std::string("VNET_") + kept), std::nullopt) << kept;
+  for (const char* key : {"3_DHCP", "8_NAT", "2_VIRTUAL_ADAPTER"})
+    EXPECT_EQ(Answer(std::string("VNET_") + key), "no") << key;
   EXPECT_EQ(Answer("VNET_5_DHCP"), "yes");
   char ip[16];
+  uint16_t port = 0;
   EXPECT_FALSE(PLRNetCfgLookupDHCPMACToIP(nullptr, 3, "00:50:56:00:00:01", ip, sizeof ip));
-  uint16_t vmPort = 0;
-  EXPECT_FALSE(
-      PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 8080, ip, sizeof ip, &vmPort, nullptr, nullptr));
+  EXPECT_FALSE(PLRNetCfgLookupNATPortFwd(nullptr, 8, true, 80, ip, sizeof ip, &port, 0, 0));
 }
 
-// The switch is already off, so only the removals meet a full disk: which of
-// them fail the call, and what is left.
+// With the switch already off only the removals meet a full disk: a failed
+// NAT removal does not fail the call, the others do and stop there.
 TEST_F(VnetSettings, FailedRemovalsOnAFullDisk) {
   const struct {
-    const char* name;
-    bool (*off)(uint32_t);
-    int failingWrite;  // 0: every write fails
+    std::function<bool()> off;
     bool result;
     const char* kept;
-    const char* gone;
   } rows[] = {
-      {"dhcp", [](uint32_t v) { return PLRSetVnetUseDHCP(v, false, true); }, 0, false,
-       "VNET_3_DHCP_PARAM_MAX_LEASE_TIME", nullptr},
-      {"nat", [](uint32_t v) { return PLRSetVnetUseNAT(v, false, true); }, 0, true,
-       "VNET_3_NAT_PARAM_UDP_TIMEOUT", nullptr},
-      {"adapter", [](uint32_t v) { return PLRSetVnetUseAdapter(v, false, true); }, 0, false,
-       "VNET_3_VIRTUAL_ADAPTER_ADDR", nullptr},
-      {"adapter name", [](uint32_t v) { return PLRSetVnetUseAdapter(v, false, true); }, 2, false,
-       "VNET_3_VIRTUAL_ADAPTER_NAME", "VNET_3_VIRTUAL_ADAPTER_ADDR"},
-      {"subnet", PLRRemoveSubnetAssignment, 0, false, "VNET_3_HOSTONLY_NETMASK", nullptr},
-  };
+      {[] { return PLRSetVnetUseDHCP(3, false, true); }, false, "DHCP_PARAM_MAX_LEASE_TIME"},
+      {[] { return PLRSetVnetUseNAT(3, false, true); }, true, "NAT_PARAM_UDP_TIMEOUT"},
+      {[] { return PLRSetVnetUseAdapter(3, false, true); }, false, "VIRTUAL_ADAPTER_ADDR"},
+      {[] { return PLRRemoveSubnetAssignment(3); }, false, "HOSTONLY_NETMASK"}};
   for (const auto& r : rows) {
-    SCOPED_TRACE(r.name);
     Load(
         "answer VNET_3_DHCP no\nanswer VNET_3_NAT no\nanswer VNET_3_VIRTUAL_ADAPTER no\n"
         "answer VNET_3_DHCP_PARAM_MAX_LEASE_TIME 7200\nanswer VNET_3_NAT_PARAM_UDP_TIMEOUT 60\n"
         "answer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.2.1\nanswer VNET_3_VIRTUAL_ADAPTER_NAME h2\n"
         "answer VNET_3_HOSTONLY_SUBNET 172.16.40.0\nanswer VNET_3_HOSTONLY_NETMASK 255.0.0.0\n");
-    if (r.failingWrite == 0) sys::FailFrom(sys::Op::kWrite, 1, ENOSPC);
-    if (r.failingWrite != 0) sys::FailNth(sys::Op::kWrite, r.failingWrite, ENOSPC);
-    EXPECT_EQ(r.off(3), r.result);
+    sys::FailFrom(sys::Op::kWrite, 1, ENOSPC);
+    EXPECT_EQ(r.off(), r.result) << r.kept;
     sys::ClearFaults();
-    EXPECT_NE(Answer(r.kept), std::nullopt);
-    if (r.gone != nullptr) {
-      EXPECT_EQ(Answer(r.gone), std::nullopt);
-    }
+    EXPECT_NE(PLRGetVnetCfg(3, r.kept), nullptr) << r.kept;
+    EXPECT_NE(PLRGetVnetCfg(3, "VIRTUAL_ADAPTER_NAME"), nullptr) << r.kept;
     PLR_Unload();
   }
 }
 
-TEST_F(VnetSettings, OptionsReflectTheSettings) {
+TEST_F(VnetSettings, OptionsAndSubnetGiveBack) {
   Load(
       "answer VNET_1_DHCP yes\nanswer VNET_1_NAT YES\nanswer VNET_1_VIRTUAL_ADAPTER yes\n"
-      "answer VNET_1_HOSTONLY_SUBNET 192.168.50.0\n"
-      "answer VNET_2_DHCP no\nanswer VNET_2_VIRTUAL_ADAPTER no\n"
-      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 -1\n");
-  for (uint32_t option = PLR_VNET_OPTION_BRIDGE; option <= PLR_VNET_OPTION_SUBNET; ++option) {
-    EXPECT_EQ(PLRVnetIsOptionConfigured(1, option), option != PLR_VNET_OPTION_BRIDGE) << option;
+      "answer VNET_1_HOSTONLY_SUBNET 192.168.10.0\nanswer VNET_1_HOSTONLY_NETMASK 255.0.0.0\n"
+      "answer VNET_2_DHCP no\nanswer VNET_2_VIRTUAL_ADAPTER no\nadd_bridge_mapping eth1 2\n"
+      "add_bridge_mapping eth2 -1\n");
+  for (uint32_t option = PLR_VNET_OPTION_BRIDGE; option <= PLR_VNET_OPTION_SUBNET + 1; ++option) {
+    EXPECT_EQ(PLRVnetIsOptionConfigured(1, option),
+              option != PLR_VNET_OPTION_BRIDGE && option <= PLR_VNET_OPTION_SUBNET)
+        << option;
     EXPECT_EQ(PLRVnetIsOptionConfigured(2, option), option == PLR_VNET_OPTION_BRIDGE) << option;
   }
-  EXPECT_FALSE(PLRVnetIsOptionConfigured(1, 0));
-  EXPECT_FALSE(PLRVnetIsOptionConfigured(1, PLR_VNET_OPTION_SUBNET + 1));
   // Bridged means the default bridge vnet (absent: 0) or an explicit mapping.
   EXPECT_TRUE(PLRVnetIsOptionConfigured(0, PLR_VNET_OPTION_BRIDGE));
   EXPECT_FALSE(PLRVnetIsOptionConfigured(3, PLR_VNET_OPTION_BRIDGE));
   ASSERT_TRUE(PLRSetDefaultBridgeVnet(3));
   EXPECT_TRUE(PLRVnetIsOptionConfigured(3, PLR_VNET_OPTION_BRIDGE));
-  PLR_Unload();
-  Load("answer PLR_DEFAULT_BRIDGE_VNET 2\nadd_bridge_mapping eth1 2\n");
-  EXPECT_FALSE(PLRVnetIsOptionConfigured(2, PLR_VNET_OPTION_BRIDGE)) << "unreadable default";
-}
-
-TEST_F(VnetSettings, RemovingSubnetGivesItBackAndDropsTheMaskAfterIt) {
-  Load(
-      "answer VNET_5_HOSTONLY_SUBNET 172.16.40.0\nanswer VNET_5_HOSTONLY_NETMASK 255.255.255.0\n"
-      "answer VNET_6_HOSTONLY_NETMASK 255.255.0.0\n");
-  const std::string before = Database();
-  EXPECT_TRUE(PLRRemoveVnetSubnetAddr(4));
-  EXPECT_FALSE(AvailSubnetTable().filled) << "no subnet: the candidates are not touched";
-  EXPECT_EQ(Database(), before);
-
-  ASSERT_TRUE(PLRPopulateAvailSubnets());
+  // A removed subnet can be handed out again; the mask goes after it.
   ASSERT_TRUE(PLRMarkSubnetUsed("192.168.10.0", true));
-  ASSERT_TRUE(PLRSetVnetSubnetAddr(9, "192.168.10.0"));
-  EXPECT_TRUE(PLRRemoveVnetSubnetAddr(9));
+  const std::string before = Database();
+  EXPECT_TRUE(PLRRemoveSubnetAssignment(1));
+  EXPECT_EQ(Database(), before +
+                            "remove_answer VNET_1_HOSTONLY_SUBNET\n"
+                            "remove_answer VNET_1_HOSTONLY_NETMASK\n");
   const CandidateTable& table = AvailSubnetTable();
   for (uint32_t i = 0; i < table.count; ++i)
     EXPECT_TRUE(table.entries[i].subnet != 0xC0A80A00u || table.entries[i].taken == 0);
-  EXPECT_EQ(Answer("VNET_9_HOSTONLY_SUBNET"), std::nullopt);
+}
 
-  EXPECT_TRUE(PLRRemoveSubnetAssignment(5));
-  EXPECT_TRUE(PLRRemoveSubnetAssignment(6));
-  const std::string db = Database();
-  const size_t subnetAt = db.find("remove_answer VNET_5_HOSTONLY_SUBNET\n");
-  ASSERT_NE(subnetAt, std::string::npos) << db;
-  EXPECT_GT(db.find("remove_answer VNET_5_HOSTONLY_NETMASK\n"), subnetAt) << db;
-  EXPECT_EQ(Answer("VNET_6_HOSTONLY_NETMASK"), std::nullopt);
+// A load caches 0 (also when absent) or -1 and refuses anything else; later
+// answer changes do not move the cache, a set stores any value.
+TEST_F(VnetSettings, DefaultBridgeVnetCache) {
+  const std::pair<const char*, uint32_t> rows[] = {
+      {"", 0},
+      {"answer PLR_DEFAULT_BRIDGE_VNET -1\n", PLR_VNET_NONE},
+      {"answer PLR_DEFAULT_BRIDGE_VNET 2\n", PLR_VNET_ALL}};
+  for (const auto& [records, cached] : rows) {
+    Load(records);
+    uint32_t vnet = 55;
+    EXPECT_EQ(PLRGetDefaultBridgeVnet(&vnet), cached != PLR_VNET_ALL) << records;
+    EXPECT_EQ(vnet, cached != PLR_VNET_ALL ? cached : 55u) << records;
+    ASSERT_TRUE(PLRNetCfgAddAnswerString(nullptr, "PLR_DEFAULT_BRIDGE_VNET", "0"));
+    EXPECT_EQ(plrDefaultBridgeVnet, cached) << records;
+    ASSERT_TRUE(PLRSetDefaultBridgeVnet(7));
+    EXPECT_TRUE(PLRGetDefaultBridgeVnet(&vnet) && vnet == 7u) << records;
+    PLR_Unload();
+    ASSERT_TRUE(PLR_Load(false));
+    EXPECT_FALSE(PLRGetDefaultBridgeVnet(nullptr)) << "the load refuses what the set stored";
+    PLR_Unload();
+  }
 }
 
 }  // namespace
