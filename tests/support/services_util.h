@@ -58,6 +58,7 @@ namespace svc {
 
 using plr::test::LogCount;
 using plr::test::LogHas;
+using plr::test::LogText;
 using plr::test::OpenFds;
 using plr::test::PidInFile;
 using plr::test::ProcessAlive;
