@@ -19,6 +19,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "pelorus.h"
+
 namespace plr::test {
 namespace {
 
@@ -212,6 +214,15 @@ size_t LogCount(const std::string& text) {
   size_t n = 0;
   for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
   return n;
+}
+
+void LogWhileUnloaded() {
+  ASSERT_EQ(plrContext.loadCount, 0u);
+  FILE* stream = fopen(kLogPath, "ab+e");
+  ASSERT_NE(stream, nullptr) << kLogPath << ": " << strerror(errno);
+  if (plrContext.logStream != nullptr) fclose(plrContext.logStream);
+  plrContext.logStream = stream;
+  plrContext.currentLevel = PLR_LOG_MAX_LEVEL;
 }
 
 bool ProcessAlive(pid_t pid) {

@@ -45,6 +45,9 @@ std::string Capture(const std::string& command);
 std::string LogText();
 bool LogHas(const std::string& text);
 size_t LogCount(const std::string& text);
+// Sends the log of a library that is not loaded to the log file with every
+// level on; the next load or unload takes the stream over.
+void LogWhileUnloaded();
 
 // Whether `pid` names a live process (zombies count as gone).
 bool ProcessAlive(pid_t pid);
