@@ -1,193 +1,98 @@
 // The walk over netlink reply buffers, fed with crafted replies: no kernel.
 #include <gtest/gtest.h>
-#include <stdint.h>
+#include <net/if.h>
+// after net/if.h, which the kernel headers must not redefine
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
+#include <net/if_arp.h>
 #include <string.h>
 
-#include <functional>
 #include <memory>
+#include <string>
 
-#include "tests/bridge/bridge_util.h"
 #include "vnet/netlink-walk.h"
 
 namespace plr::test {
 namespace {
 
-using Header = NetlinkReply::Header;
-using Link = NetlinkReply::Link;
+using namespace std::string_literals;
+
+std::string Bytes(const void* p, size_t n) {
+  return std::string(static_cast<const char*>(p), n);
+}
+// One attribute, padded; `len` overrides its length field.
+std::string Attr(uint16_t type, const std::string& payload, uint16_t len = 0) {
+  const uint16_t head[2] = {static_cast<uint16_t>(len ? len : 4 + payload.size()), type};
+  const std::string attr = Bytes(head, 4) + payload;
+  return attr + std::string((4 - attr.size() % 4) % 4, '\0');
+}
+std::string Info(uint16_t type = ARPHRD_ETHER, uint32_t flags = IFF_RUNNING) {
+  ifinfomsg info{};
+  info.ifi_type = type;
+  info.ifi_flags = flags;
+  return Bytes(&info, sizeof info);
+}
+// One message; `len` overrides its length field.
+std::string Msg(const std::string& payload, uint16_t type = RTM_NEWLINK, uint32_t seq = 1,
+                uint32_t pid = 0, uint16_t flags = NLM_F_MULTI, uint32_t len = 0) {
+  const nlmsghdr h{len ? len : static_cast<uint32_t>(16 + payload.size()), type, flags, seq, pid};
+  return Bytes(&h, sizeof h) + payload;
+}
+std::string Link(const std::string& name, uint32_t seq = 1, uint32_t pid = 0) {
+  return Msg(Info() + Attr(IFLA_IFNAME, name + '\0'), RTM_NEWLINK, seq, pid);
+}
 
 constexpr uint32_t kOurPid = 4242;
 
-// Walks a heap copy of exactly `size` bytes (one more in front when
-// `unaligned`), so that ASan catches any read past the end.
-NetlinkWalkResult Walk(const std::vector<uint8_t>& bytes, size_t size, bool unaligned = false) {
-  std::unique_ptr<uint8_t[]> copy(new uint8_t[size + 1]);
-  if (size > 0) memcpy(copy.get() + unaligned, bytes.data(), size);
-  return WalkLinkDump("PLRCreateHostAdapList", copy.get() + unaligned, size, kOurPid);
-}
-
-Link Plain(const std::string& name) {
-  Link link{name};
-  link.mtuBefore = false;
-  return link;
-}
-
-struct Row {
-  const char* what;
-  std::function<NetlinkReply()> reply;
-  std::vector<std::string> names;
-  bool multipart;
-  size_t size = SIZE_MAX;  // walk only this many bytes when set
-  bool unaligned = false;
-};
-
 TEST(NetlinkWalk, Replies) {
-  const Row rows[] = {
-      {"ethernet links in order, loopback skipped",
-       [] {
-         return NetlinkReply()
-             .AddLink(Link{"eth0", 1, 0x41}, Header{})
-             .AddLink(Link{"lo", 772, 0x49}, Header{})
-             .AddLink(Link{"eth1", 1, 0x1}, Header{});
-       },
-       {"eth0", "eth1"},
+  const std::string mtu = Attr(IFLA_MTU, "\xdc\x05\0\0"s),
+                    eth0 = Info() + Attr(IFLA_IFNAME, "eth0\0"s);
+  // The bytes, the links found (name, '+' when running) and whether the reply goes on.
+  const struct {
+    std::string bytes;
+    const char* links;
+    bool multipart;
+  } rows[] = {
+      // Ethernet links in order (attributes before the name skipped), loopback left out.
+      {Msg(Info(ARPHRD_ETHER, 0x41) + mtu + Attr(IFLA_IFNAME, "eth0\0"s)) +
+           Msg(Info(ARPHRD_LOOPBACK) + Attr(IFLA_IFNAME, "lo\0"s)) +
+           Msg(Info(ARPHRD_ETHER, 1) + Attr(IFLA_IFNAME, "eth1\0"s)),
+       "eth0+ eth1- ", true},
+      {Msg(eth0, RTM_NEWLINK, 1, 0, 0) + Msg("\0\0\0\0"s, NLMSG_DONE), "eth0+ ", false},
+      // Ours by pid or sequence; a foreign error goes on, ours ends the walk.
+      {Link("strange", 9, 77) + Link("bypid", 9, kOurPid) + Link("byseq", 1, 77) +
+           Msg(std::string(20, '\0'), NLMSG_ERROR, 5, 77) + Link("last") +
+           Msg(std::string(20, '\0'), NLMSG_ERROR) + Link("x"),
+       "bypid+ byseq+ last+ ", true},
+      {Link("abcdefghijklmnop") + Link("abcdefghijklmno"), "abcdefghijklmno+ ", true},
+      {Msg(Info() + mtu) + Link("") + Msg(Info() + Attr(IFLA_IFNAME, "eth7")), "eth7+ ", true},
+      {Msg(Info() + Attr(IFLA_IFNAME, "first\0"s) + Attr(IFLA_IFNAME, "second\0"s)), "second+ ",
        true},
-      {"single part",
-       [] {
-         return NetlinkReply().AddLink(Link{"eth0"}, Header{16, 0, 1, 0});
-       },
-       {"eth0"},
+      {Msg(Info() + Attr(IFLA_IFNAME, "eth0\0"s, 200)) +
+           Msg(Info() + Attr(IFLA_IFNAME, "eth1\0"s, 2)),
+       "", true},
+      // The attribute area may reach past the message into the buffer, never past the buffer.
+      {Msg(Info() + Attr(IFLA_IFNAME, "eth0xyz\0"s), RTM_NEWLINK, 1, 0, 0, 40), "eth0xyz+ ", false},
+      {Msg(Info() + Attr(IFLA_IFNAME, "eth0xyz\0"s), RTM_NEWLINK, 1, 0, 0, 40).substr(0, 40), "",
        false},
-      {"done only", [] { return NetlinkReply().AddDone(); }, {}, false},
-      {"links then done", [] { return NetlinkReply().AddLink("eth0").AddDone(); }, {"eth0"}, true},
-      {"our pid or our sequence; a foreign error goes on",
-       [] {
-         return NetlinkReply()
-             .AddLink(Link{"strange"}, Header{16, 2, 9, 77})
-             .AddLink(Link{"bypid"}, Header{16, 2, 9, kOurPid})
-             .AddLink(Link{"byseq"}, Header{16, 2, 1, 77})
-             .AddError(Header{2, 0, 5, 77})
-             .AddLink(Link{"last"}, Header{});
-       },
-       {"bypid", "byseq", "last"},
-       true},
-      {"our error ends the walk",
-       [] { return NetlinkReply().AddLink("eth0").AddError().AddLink("eth1"); },
-       {"eth0"},
-       true},
-      {"sixteen characters refused, fifteen kept",
-       [] { return NetlinkReply().AddLink("abcdefghijklmnop").AddLink("abcdefghijklmno"); },
-       {"abcdefghijklmno"},
-       true},
-      {"nameless and empty names skipped",
-       [] {
-         Link nameless{"x"};
-         nameless.omitName = true;
-         return NetlinkReply()
-             .AddLink(nameless, Header{})
-             .AddLink(Link{""}, Header{})
-             .AddLink("eth3");
-       },
-       {"eth3"},
-       true},
-      {"unterminated name",
-       [] {
-         Link raw{"eth7"};
-         raw.nameWithoutNul = true;
-         return NetlinkReply().AddLink(raw, Header{});
-       },
-       {"eth7"},
-       true},
-      {"a later name wins",
-       [] {
-         NetlinkReply r;
-         r.AddLink("first").AddRaw({12, 0, 3, 0, 's', 'e', 'c', 'o', 'n', 'd', 0, 0});
-         r.SetLength(0, static_cast<uint32_t>(r.size()));
-         return r;
-       },
-       {"second"},
-       true},
-      {"attribute area may reach past the message into the buffer",
-       [] {
-         NetlinkReply r;
-         r.AddLink(Plain("eth0xyz"), Header{16, 0, 1, 0});
-         r.SetLength(0, 40);  // 32 + 8 of the 12 attribute bytes
-         return r;
-       },
-       {"eth0xyz"},
-       false},
-      {"...but never past the buffer",
-       [] {
-         NetlinkReply r;
-         r.AddLink(Plain("eth0xyz"), Header{16, 0, 1, 0});
-         r.SetLength(0, 40);
-         return r;
-       },
-       {},
-       false,
-       40},
-      {"buffer shorter than a header",
-       [] { return NetlinkReply().AddLink("eth0"); },
-       {},
-       false,
-       15},
-      {"empty buffer", [] { return NetlinkReply().AddLink("eth0"); }, {}, false, 0},
-      {"message too short for the interface header is ignored",
-       [] {
-         return NetlinkReply()
-             .AddRaw({20, 0, 0, 0, 16, 0, 2, 0, 1, 0, 0, 0, 0, 0, 0, 0, 1, 0, 1, 0})
-             .AddLink("eth0");
-       },
-       {"eth0"},
-       true},
-      {"lengths rounded up to four bytes",
-       [] {
-         NetlinkReply r;
-         r.AddLink(Plain("eth0"), Header{}).AddLink("eth1");
-         r.SetLength(0, 41);
-         return r;
-       },
-       {"eth0", "eth1"},
-       true},
-      {"unaligned start",
-       [] { return NetlinkReply().AddLink("eth0").AddLink("eth1"); },
-       {"eth0", "eth1"},
-       true,
-       SIZE_MAX,
-       true},
-  };
-  for (const Row& r : rows) {
-    SCOPED_TRACE(r.what);
-    const NetlinkReply reply = r.reply();
-    const size_t size = r.size == SIZE_MAX ? reply.size() : r.size;
-    const NetlinkWalkResult result = Walk(reply.bytes(), size, r.unaligned);
-    std::vector<std::string> names;
-    for (const auto& link : result.links) names.push_back(link.name);
-    EXPECT_EQ(names, r.names);
-    EXPECT_EQ(result.multipart, r.multipart);
-  }
-}
-
-TEST(NetlinkWalk, RunningFlagAndBrokenLengths) {
-  NetlinkReply reply;
-  reply.AddLink(Link{"eth0", 1, 0x41}, Header{}).AddLink(Link{"eth1", 1, 0x1}, Header{});
-  const NetlinkWalkResult result = Walk(reply.bytes(), reply.size());
-  ASSERT_EQ(result.links.size(), 2u);
-  EXPECT_TRUE(result.links[0].running);
-  EXPECT_FALSE(result.links[1].running);
-
-  NetlinkReply one;
-  one.AddLink(Plain("eth0"), Header{});
-  for (uint8_t attrLen : {200, 2}) {  // the name attribute past the message, or below its header
-    std::vector<uint8_t> bytes = one.bytes();
-    bytes[32] = attrLen;
-    EXPECT_TRUE(Walk(bytes, bytes.size()).links.empty()) << int(attrLen);
-  }
-  for (uint32_t bad : {0u, 15u, static_cast<uint32_t>(one.size() + 1), 0xffffffffu}) {
-    NetlinkReply copy = one;
-    copy.SetLength(0, bad);
-    const NetlinkWalkResult walked = Walk(copy.bytes(), copy.size());
-    EXPECT_TRUE(walked.links.empty()) << bad;
-    EXPECT_FALSE(walked.multipart) << bad;
+      {Msg("\1\0\1\0"s) + Link("eth0"), "eth0+ ", true},  // too short for an interface
+      {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 41) + Link("eth1"), "eth0+ eth1+ ", true},  // rounded up
+      {Link("eth0").substr(0, 15), "", false},
+      {Msg("", RTM_NEWLINK, 1, 0, 2, 15) + Link("eth0"), "", false},
+      {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 49), "", false}};
+  for (const auto& r : rows) {
+    for (size_t offset : {0, 1}) {  // aligned and not
+      SCOPED_TRACE(std::to_string(&r - rows) + (offset ? " unaligned" : ""));
+      // A heap copy of exactly the bytes, so that ASan catches a read past the end.
+      std::unique_ptr<uint8_t[]> copy(new uint8_t[r.bytes.size() + offset]);
+      memcpy(copy.get() + offset, r.bytes.data(), r.bytes.size());
+      const NetlinkWalkResult result =
+          WalkLinkDump("test", copy.get() + offset, r.bytes.size(), kOurPid);
+      std::string links;
+      for (const auto& link : result.links) links += link.name + (link.running ? "+ " : "- ");
+      EXPECT_EQ(links, r.links);
+      EXPECT_EQ(result.multipart, r.multipart);
+    }
   }
 }
 

@@ -35,15 +35,11 @@ bool MountTmpfs(const char* target, const char* options = "mode=0755") {
 }
 
 bool MkdirP(const std::string& path) {
-  std::string partial;
-  std::stringstream in(path);
-  std::string part;
-  while (std::getline(in, part, '/')) {
-    if (part.empty()) continue;
-    partial += "/" + part;
+  for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
+    const std::string partial = path.substr(0, at);
     if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return Fail("mkdir", partial);
+    if (at == std::string::npos) return true;
   }
-  return true;
 }
 
 // Binds `dir` back over a freshly covered parent, from a descriptor opened
@@ -83,11 +79,6 @@ bool CoverEtc() {
   return MountTmpfs("/etc/tarsis");
 }
 
-bool MakeNode(const char* path, mode_t mode, unsigned major, unsigned minor) {
-  if (mknod(path, mode, makedev(major, minor)) != 0) return Fail("mknod", path);
-  return true;
-}
-
 bool CoverDev() {
   if (!MountTmpfs("/dev")) return false;
   struct Node {
@@ -99,7 +90,7 @@ bool CoverDev() {
                         {"/dev/net/tun", 10, 200}};
   if (!MkdirP("/dev/net") || !MkdirP("/dev/pts") || !MkdirP("/dev/shm")) return false;
   for (const Node& n : nodes)
-    if (!MakeNode(n.path, S_IFCHR | 0666, n.major, n.minor)) return false;
+    if (mknod(n.path, S_IFCHR | 0666, makedev(n.major, n.minor)) != 0) return Fail("mknod", n.path);
   if (!MountTmpfs("/dev/shm", "mode=1777")) return false;
   symlink("/proc/self/fd", "/dev/fd");
   symlink("/proc/self/fd/0", "/dev/stdin");
@@ -211,24 +202,18 @@ std::string Capture(const std::string& command) {
 }
 
 std::string LogText() {
-  std::ifstream in(kLogPath, std::ios::binary);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  return FileExists(kLogPath) ? ReadFile(kLogPath) : "";
 }
 
 bool LogHas(const std::string& text) {
   return LogText().find(text) != std::string::npos;
 }
 
-int CountOf(const std::string& text, const std::string& needle) {
-  int n = 0;
-  for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-  return n;
-}
-
 size_t LogCount(const std::string& text) {
-  return static_cast<size_t>(CountOf(LogText(), text));
+  const std::string log = LogText();
+  size_t n = 0;
+  for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
+  return n;
 }
 
 void LogWhileUnloaded() {

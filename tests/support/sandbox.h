@@ -2,8 +2,7 @@
 // namespace, fresh tmpfs over the fixed paths the library writes
 // (/etc/tarsis through an overlay of /etc, /var/log, /run, /tmp, /dev), the
 // checkout and build tree bound back when they live under /tmp, loopback up.
-// Nothing on the host is touched. Each case runs in its own process (ctest
-// runs one gtest case per process), so library state never leaks between cases.
+// Each case runs in its own process, so library state never leaks between cases.
 #pragma once
 
 #include <stdint.h>
@@ -16,9 +15,7 @@ namespace plr::test {
 
 // Enters the sandbox; on failure prints why and returns false (never skips).
 bool EnterSandbox();
-
-// Kills every process left in this sandbox's network namespace (daemons or
-// clients a failed case could not stop), so nothing outlives the test process.
+// Kills every process left in this sandbox's network namespace.
 void KillStragglers();
 
 // Paths baked in by the build.
@@ -27,7 +24,7 @@ const char* BinaryDir();
 const char* FixtureBinDir();  // the fixture daemons and ping tool
 const char* TestDataDir();    // tests/data in the checkout
 
-// Small file helpers; they abort the test on failure.
+// Small file helpers; they fail the test on errors.
 void WriteFile(const std::string& path, const std::string& text, int mode = 0644);
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
@@ -44,9 +41,6 @@ int Run(const std::string& command);
 // Runs a command and returns its standard output.
 std::string Capture(const std::string& command);
 
-// Occurrences of `needle` in `text`.
-int CountOf(const std::string& text, const std::string& needle);
-
 // The one log probe: the library's log file, whether it holds `text`, and how often.
 std::string LogText();
 bool LogHas(const std::string& text);
@@ -57,7 +51,6 @@ void LogWhileUnloaded();
 
 // Whether `pid` names a live process (zombies count as gone).
 bool ProcessAlive(pid_t pid);
-// Sleeps `ms` milliseconds.
 void SleepMs(unsigned ms);
 // Polls `pred` every 10 ms for at most `timeoutMs`; true once it holds.
 template <class Pred>

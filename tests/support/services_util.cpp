@@ -26,6 +26,14 @@ void KillIfOurs(pid_t pid) {
   if (comm.rfind("kavix-", 0) == 0 || comm == "dhcpd" || comm == "dhclient") kill(pid, SIGKILL);
 }
 
+// Kills every fixture daemon (and real dhcpd) recorded as started.
+void KillFixtureDaemons() {
+  for (const char* daemon : kDaemons) {
+    std::ifstream in(std::string(kFixtureDir) + "/" + daemon + ".pids");
+    for (pid_t pid; in >> pid;) KillIfOurs(pid);
+  }
+}
+
 // Reaps every child that has ended, waiting up to 3 s for killed ones.
 void ReapChildren() {
   const uint64_t deadline = NowMs() + 3000;
@@ -70,13 +78,8 @@ void LoadedLibraryTest::TearDown() {
 }
 
 void LoadedLibraryTest::Load(const std::string& records, const std::string& binDir) {
-  LoadWithProductConfig("bindir = \"" + (binDir.empty() ? FixtureBinDir() : binDir) + "\"\n",
-                        records);
-}
-
-void LoadedLibraryTest::LoadWithProductConfig(const std::string& config,
-                                              const std::string& records) {
-  WriteFile("/etc/tarsis/config", config);
+  WriteFile("/etc/tarsis/config",
+            "bindir = \"" + (binDir.empty() ? FixtureBinDir() : binDir) + "\"\n");
   WriteDatabase(records);
   ASSERT_TRUE(PLR_Load(false));
   ASSERT_TRUE(PLR_SetCurrentLogLevel(PLR_LOG_MAX_LEVEL));
@@ -85,13 +88,6 @@ void LoadedLibraryTest::LoadWithProductConfig(const std::string& config,
 void SetDaemonMode(const std::string& daemon, const std::string& text) {
   mkdir(kFixtureDir, 0755);
   WriteFile(std::string(kFixtureDir) + "/" + daemon + ".mode", text);
-}
-
-void KillFixtureDaemons() {
-  for (const char* daemon : kDaemons) {
-    std::ifstream in(std::string(kFixtureDir) + "/" + daemon + ".pids");
-    for (pid_t pid; in >> pid;) KillIfOurs(pid);
-  }
 }
 
 pid_t PidInFile(const std::string& path) {

@@ -1,7 +1,5 @@
 // The one test fixture: a library loaded on a written database in the
-// sandbox, and the fixture daemons it may start, all stopped again at the
-// end. The log probe and the process check live in sandbox.h; the services
-// tests reach them, and the daemon records, through namespace svc.
+// sandbox, and the fixture daemons it may start, all stopped again at the end.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -31,8 +29,6 @@ class LoadedLibraryTest : public ::testing::Test {
   // empty) and a database holding `records`, loads the library and turns
   // every log level on.
   void Load(const std::string& records = "", const std::string& binDir = "");
-  // The same with the product configuration file's whole text.
-  void LoadWithProductConfig(const std::string& config, const std::string& records);
   // The database file as it is on disk now.
   std::string Database() const { return ReadFile(kDatabasePath); }
   // Kills `pid` with SIGKILL at TearDown unless it is gone already.
@@ -44,8 +40,6 @@ class LoadedLibraryTest : public ::testing::Test {
 
 // Steers one fixture daemon ("kavix-natd", ...) through its mode file.
 void SetDaemonMode(const std::string& daemon, const std::string& text);
-// Kills every fixture daemon (and real dhcpd) recorded as started.
-void KillFixtureDaemons();
 // The PID written in a PID file, or -1 when it is missing or not a number.
 pid_t PidInFile(const std::string& path);
 
@@ -62,19 +56,13 @@ class Watchdog {
 
 namespace svc {
 
-using plr::test::kFixtureDir;
-using plr::test::KillFixtureDaemons;
 using plr::test::LogCount;
 using plr::test::LogHas;
 using plr::test::LogText;
-using plr::test::NowMs;
 using plr::test::OpenFds;
 using plr::test::PidInFile;
 using plr::test::ProcessAlive;
-using plr::test::SetDaemonMode;
-using plr::test::SleepMs;
 using plr::test::WaitFor;
-using plr::test::Watchdog;
 
 // The services tests load with the log mask stored in the database, so the
 // load itself is logged at every level.
@@ -82,9 +70,6 @@ class ServiceTest : public LoadedLibraryTest {
  protected:
   void Load(const std::string& records, const std::string& binDir = "") {
     LoadedLibraryTest::Load("answer PLR_LOGLEVEL 0x7f\n" + records, binDir);
-  }
-  void LoadWithProductConfig(const std::string& config, const std::string& records) {
-    LoadedLibraryTest::LoadWithProductConfig(config, "answer PLR_LOGLEVEL 0x7f\n" + records);
   }
   // The arguments the daemon was last started with (argv[0] included).
   std::vector<std::string> CommandLineOf(const std::string& daemon);

@@ -48,16 +48,6 @@ std::string MaskWrittenAt(const std::string& text) {
   return out;
 }
 
-std::string DhcpBlockOf(const std::string& text) {
-  static const std::string kStart = "###### KAVIX DHCP Configuration. Start of";
-  static const std::string kEnd =
-      "####### KAVIX DHCP Configuration. End of \"DO NOT MODIFY SECTION\" #######\n";
-  size_t start = text.find(kStart);
-  size_t end = text.find(kEnd);
-  if (start == std::string::npos || end == std::string::npos || end < start) return "";
-  return text.substr(start, end + kEnd.size() - start);
-}
-
 std::string Sha1Upper(const std::string& data) {
   std::string hex = Sha1Hex(data);
   for (char& c : hex) c = static_cast<char>(toupper(static_cast<unsigned char>(c)));

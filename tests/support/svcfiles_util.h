@@ -23,9 +23,6 @@ std::string VnetRecords(unsigned vnet, const std::string& subnet, const std::str
 // The text with its "# Written at: ..." line's time replaced by "<TIME>".
 std::string MaskWrittenAt(const std::string& text);
 
-// The protected block of a dhcpd.conf text (markers included), or "".
-std::string DhcpBlockOf(const std::string& text);
-
 // Upper-case hex SHA-1 of `data`.
 std::string Sha1Upper(const std::string& data);
 
