@@ -87,30 +87,17 @@ TEST_F(AdapterTest, EnableSetsAddressMaskBroadcastUpAndMulticastAndDisableClears
   EXPECT_TRUE(PLRVirtAdapterDisable(9));
 }
 
-// A stored address and a wider mask are used as given; a subnet with host bits gives the next
-// address; an absent adapter (names compare exactly) or a missing subnet or mask fails.
+// A stored address and a wider mask are used as given; without a mask or an adapter, enable
+// fails and sets nothing.
 TEST_F(AdapterTest, AddressesComeFromTheVnet) {
   Load(
       "answer VNET_2_HOSTONLY_SUBNET 172.16.0.0\nanswer VNET_2_HOSTONLY_NETMASK 255.255.0.0\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\nanswer VNET_2_VIRTUAL_ADAPTER_NAME host2\n"
-      "answer VNET_1_HOSTONLY_SUBNET 10.0.7.5\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.252\n"
-      "answer VNET_3_HOSTONLY_SUBNET 10.0.3.0\nanswer VNET_5_HOSTONLY_SUBNET 10.0.5.0\n"
-      "answer VNET_5_HOSTONLY_NETMASK 255.255.255.0\nanswer VNET_5_VIRTUAL_ADAPTER_NAME KAVIX5\n");
-  for (const char* name : {"host2", "kavix1", "kavix3", "kavix4", "kavix5"}) AddInterface(name);
+      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\nanswer VNET_3_HOSTONLY_SUBNET 10.0.3.0\n");
+  for (const char* name : {"kavix2", "kavix3"}) AddInterface(name);
   ASSERT_TRUE(PLRVirtAdapterEnable(2));
-  ASSERT_TRUE(PLRVirtAdapterEnable(1));
-  EXPECT_EQ(Inet("host2"), "172.16.5.9/16 172.16.255.255\n");
-  EXPECT_EQ(Inet("kavix1"), "10.0.7.6/30 10.0.7.7\n");
-  for (uint32_t vnet : {3u, 4u, 5u}) {
-    EXPECT_FALSE(PLRVirtAdapterEnable(vnet)) << vnet;
-    EXPECT_EQ(Inet("kavix" + std::to_string(vnet)), "") << vnet;
-  }
-  char out[16];
-  EXPECT_TRUE(PLRGetBcastAddr("10.1.2.3", "255.255.255.255", out));
-  EXPECT_STREQ(out, "10.1.2.3");
-  EXPECT_FALSE(PLRGetBcastAddr(nullptr, "255.0.0.0", out) ||
-               PLRGetBcastAddr("10.0.0.1", nullptr, out) ||
-               PLRGetBcastAddr("10.0.0.1", "255.0.0.0", nullptr));
+  EXPECT_EQ(Inet("kavix2"), "172.16.5.9/16 172.16.255.255\n");
+  EXPECT_FALSE(PLRVirtAdapterEnable(3) || PLRVirtAdapterEnable(4));
+  EXPECT_EQ(Inet("kavix3"), "");
 }
 
 // Each step's failure ends the call, leaving what was already set, and no descriptor.

