@@ -1,11 +1,9 @@
-// Host-only adapters on real interfaces of the test's network namespace:
-// status, enable with its five ioctls, disable, and their failures.
-#include <gmock/gmock.h>
+// Host-only adapters on real interfaces of the test's network namespace: status, enable with
+// its ioctls in order, disable, and their failures.
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "base/sys-util.h"
@@ -16,26 +14,20 @@
 namespace plr::test {
 namespace {
 
-using namespace svc;  // NOLINT: the services test vocabulary
-
-using ::testing::ElementsAre;
-
-// The interface's IPv4 addresses ("address/prefix broadcast" lines) as the
-// kernel reports them, and whether its UP flag is set.
+// The interface's IPv4 "address/prefix broadcast" lines and whether it is up, as the kernel
+// reports them.
 std::string Inet(const std::string& dev) {
   return Capture("ip -o -4 addr show dev " + dev + " | awk '{print $4, $6}'");
 }
 bool Up(const std::string& dev) {
   return Capture("ip -o link show dev " + dev).find(",UP") != std::string::npos;
 }
+// A veth pair: `name` plays the host-only adapter.
+void AddInterface(const std::string& name) {
+  ASSERT_EQ(test::Run("ip link add " + name + " type veth peer name p" + name), 0);
+}
 
-class AdapterTest : public ServiceTest {
- protected:
-  // A veth pair: `name` plays the host-only adapter.
-  void AddInterface(const std::string& name) {
-    ASSERT_EQ(plr::test::Run("ip link add " + name + " type veth peer name p" + name), 0);
-  }
-};
+using AdapterTest = svc::ServiceTest;
 
 constexpr const char* kVnet1 =
     "answer VNET_1_HOSTONLY_SUBNET 10.0.7.0\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n";
@@ -45,11 +37,10 @@ TEST_F(AdapterTest, StatusTellsAbsentDownUpAndErrors) {
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_ABSENT);
   AddInterface("kavix1");
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_DOWN);
-  ASSERT_EQ(plr::test::Run("ip link set kavix1 up"), 0);
+  ASSERT_EQ(test::Run("ip link set kavix1 up"), 0);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_UP);
   for (const char* other : {"Kavix1", "kavix", "kavix12", "avix1", ""})
     EXPECT_EQ(PLRAdapterStatus(other), PLR_ADAPTER_ABSENT) << other;
-  EXPECT_EQ(PLRAdapterStatus("lo"), PLR_ADAPTER_UP);
   EXPECT_EQ(PLRAdapterStatus(nullptr), PLR_ADAPTER_STATUS_ERROR);
   const struct {
     sys::Op op;
@@ -76,20 +67,19 @@ int RecordIoctl(int fd, unsigned long request, void* arg) {
 TEST_F(AdapterTest, EnableSetsAddressMaskBroadcastUpAndMulticastAndDisableClearsUp) {
   Load(kVnet1);
   AddInterface("kavix1");
-  ASSERT_EQ(plr::test::Run("ip link set kavix1 multicast off"), 0);
+  ASSERT_EQ(test::Run("ip link set kavix1 multicast off"), 0);
   sys::calls().ioctl = RecordIoctl;
-  bool ok = PLRVirtAdapterEnable(1);
+  const bool ok = PLRVirtAdapterEnable(1);
   sys::ResetCalls();
   ASSERT_TRUE(ok);
-  EXPECT_THAT(gRequests, ElementsAre(SIOCGIFFLAGS, SIOCSIFADDR, SIOCSIFNETMASK, SIOCSIFBRDADDR,
-                                     SIOCGIFFLAGS, SIOCSIFFLAGS));
+  EXPECT_EQ(gRequests, (std::vector<unsigned long>{SIOCGIFFLAGS, SIOCSIFADDR, SIOCSIFNETMASK,
+                                                   SIOCSIFBRDADDR, SIOCGIFFLAGS, SIOCSIFFLAGS}));
   EXPECT_EQ(Inet("kavix1"), "10.0.7.1/24 10.0.7.255\n");
   EXPECT_TRUE(Up("kavix1"));
   EXPECT_NE(Capture("ip -o link show dev kavix1").find("MULTICAST"), std::string::npos);
   sys::ClearFaults();
   EXPECT_TRUE(PLRVirtAdapterEnable(1));  // up already: nothing to do
   EXPECT_EQ(sys::CallCount(sys::Op::kIoctl), 1u) << "only the status query";
-
   ASSERT_TRUE(PLRVirtAdapterDisable(1));
   EXPECT_FALSE(Up("kavix1"));
   EXPECT_EQ(Inet("kavix1"), "10.0.7.1/24 10.0.7.255\n");
@@ -97,36 +87,26 @@ TEST_F(AdapterTest, EnableSetsAddressMaskBroadcastUpAndMulticastAndDisableClears
   EXPECT_TRUE(PLRVirtAdapterDisable(9));
 }
 
-// A stored address and a wider mask are used as given; a subnet with host
-// bits gives the next address; an absent adapter (names compare exactly) or
-// a missing subnet or mask fails.
+// A stored address and a wider mask are used as given; without a mask or an adapter, enable
+// fails and sets nothing.
 TEST_F(AdapterTest, AddressesComeFromTheVnet) {
   Load(
       "answer VNET_2_HOSTONLY_SUBNET 172.16.0.0\nanswer VNET_2_HOSTONLY_NETMASK 255.255.0.0\n"
-      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\nanswer VNET_2_VIRTUAL_ADAPTER_NAME host2\n"
-      "answer VNET_1_HOSTONLY_SUBNET 10.0.7.5\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.252\n"
-      "answer VNET_3_HOSTONLY_SUBNET 10.0.3.0\nanswer VNET_5_HOSTONLY_SUBNET 10.0.5.0\n"
-      "answer VNET_5_HOSTONLY_NETMASK 255.255.255.0\nanswer VNET_5_VIRTUAL_ADAPTER_NAME KAVIX5\n");
-  for (const char* name : {"host2", "kavix1", "kavix3", "kavix4", "kavix5"}) AddInterface(name);
+      "answer VNET_2_VIRTUAL_ADAPTER_ADDR 172.16.5.9\nanswer VNET_3_HOSTONLY_SUBNET 10.0.3.0\n");
+  for (const char* name : {"kavix2", "kavix3"}) AddInterface(name);
   ASSERT_TRUE(PLRVirtAdapterEnable(2));
-  ASSERT_TRUE(PLRVirtAdapterEnable(1));
-  EXPECT_EQ(Inet("host2"), "172.16.5.9/16 172.16.255.255\n");
-  EXPECT_EQ(Inet("kavix1"), "10.0.7.6/30 10.0.7.7\n");
-  for (uint32_t vnet : {3u, 4u, 5u}) {
-    EXPECT_FALSE(PLRVirtAdapterEnable(vnet)) << vnet;
-    const std::string dev = "kavix" + std::to_string(vnet);
-    EXPECT_EQ(Inet(dev), "");
-    EXPECT_FALSE(Up(dev));
-  }
+  EXPECT_EQ(Inet("kavix2"), "172.16.5.9/16 172.16.255.255\n");
+  EXPECT_FALSE(PLRVirtAdapterEnable(3) || PLRVirtAdapterEnable(4));
+  EXPECT_EQ(Inet("kavix3"), "");
 }
 
-// Each step's failure ends the call, leaving what was already set.
+// Each step's failure ends the call, leaving what was already set, and no descriptor.
 TEST_F(AdapterTest, SystemCallFailuresEndEnableAndDisable) {
   Load(kVnet1);
   AddInterface("kavix1");
   for (unsigned nth = 2; nth <= 6; ++nth) {  // the status query's SIOCGIFFLAGS is the first
     SCOPED_TRACE(nth);
-    ASSERT_EQ(plr::test::Run("ip addr flush dev kavix1 && ip link set kavix1 down"), 0);
+    ASSERT_EQ(test::Run("ip addr flush dev kavix1 && ip link set kavix1 down"), 0);
     sys::FailNth(sys::Op::kIoctl, nth, EPERM);
     EXPECT_FALSE(PLRVirtAdapterEnable(1));
     sys::ClearFaults();
@@ -136,7 +116,7 @@ TEST_F(AdapterTest, SystemCallFailuresEndEnableAndDisable) {
   const std::set<int> before = OpenFds();
   sys::FailNth(sys::Op::kSocket, 2, EMFILE);  // the first socket is the status query's
   EXPECT_FALSE(PLRVirtAdapterEnable(1));
-  ASSERT_EQ(plr::test::Run("ip link set kavix1 up"), 0);
+  ASSERT_EQ(test::Run("ip link set kavix1 up"), 0);
   sys::FailNth(sys::Op::kSocket, 2, EMFILE);
   EXPECT_FALSE(PLRVirtAdapterDisable(1));
   sys::FailNth(sys::Op::kIoctl, 3, EPERM);  // status, get, set
@@ -144,23 +124,7 @@ TEST_F(AdapterTest, SystemCallFailuresEndEnableAndDisable) {
   sys::ClearFaults();
   EXPECT_TRUE(Up("kavix1"));
   EXPECT_EQ(OpenFds(), before);
-  EXPECT_FALSE(PLRLoadKavixDriver());
-  EXPECT_FALSE(PLRUnloadKavixDriver());
-}
-
-TEST_F(AdapterTest, BroadcastIsAddressOrInvertedMask) {
-  Load("");
-  char out[16];
-  for (auto [addr, mask, bcast] : {std::tuple{"10.0.7.1", "255.255.255.0", "10.0.7.255"},
-                                   {"10.0.7.5", "255.255.255.252", "10.0.7.7"},
-                                   {"192.168.1.1", "255.255.0.0", "192.168.255.255"},
-                                   {"10.1.2.3", "255.255.255.255", "10.1.2.3"}}) {
-    ASSERT_TRUE(PLRGetBcastAddr(addr, mask, out));
-    EXPECT_STREQ(out, bcast);
-  }
-  EXPECT_FALSE(PLRGetBcastAddr(nullptr, "255.0.0.0", out));
-  EXPECT_FALSE(PLRGetBcastAddr("10.0.0.1", nullptr, out));
-  EXPECT_FALSE(PLRGetBcastAddr("10.0.0.1", "255.0.0.0", nullptr));
+  EXPECT_FALSE(PLRLoadKavixDriver() || PLRUnloadKavixDriver());
 }
 
 }  // namespace

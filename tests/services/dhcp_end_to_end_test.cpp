@@ -1,12 +1,10 @@
-// End to end: a vnet with DHCP, NAT and a static mapping, its dhcpd.conf
-// generated from the database, the DHCP service started through the library
-// with the fixture serving through the real dhcpd, and a real DHCP client on
-// the other end of a veth pair getting the mapped address and the gateway.
+// End to end: a vnet with DHCP, NAT and a static mapping, its dhcpd.conf generated from the
+// database, the DHCP service started through the library as the real dhcpd, and a real DHCP
+// client on the other end of a veth pair getting the mapped address and the gateway.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 
-#include <sstream>
 #include <string>
 
 #include "pelorus.h"
@@ -20,42 +18,28 @@ using namespace svc;  // NOLINT: the services test vocabulary
 
 class DhcpEndToEndTest : public ServiceTest {};
 
-constexpr const char* kPeerMac = "02:11:22:33:44:55";
-constexpr const char* kPidFile = "/var/run/kavix-dhcpd-kavix1.pid";
-
 TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
   Load(
-      "answer VNET_1_HOSTONLY_SUBNET 192.168.77.0\n"
-      "answer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
-      "answer VNET_1_DHCP yes\n"
-      "answer VNET_1_NAT yes\n"
-      "answer VNET_1_VIRTUAL_ADAPTER yes\n"
+      "answer VNET_1_HOSTONLY_SUBNET 192.168.77.0\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
+      "answer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\nanswer VNET_1_VIRTUAL_ADAPTER yes\n"
       "add_dhcp_mac_to_ip 1 02:11:22:33:44:55 192.168.77.50\n");
   Watchdog guard(90);
-  ASSERT_EQ(plr::test::Run(std::string("ip link add kavix1 type veth peer name dhcpeer1 && "
-                                       "ip link set dhcpeer1 address ") +
-                           kPeerMac + " && ip link set dhcpeer1 up"),
+  ASSERT_EQ(plr::test::Run("ip link add kavix1 type veth peer name dhcpeer1 && ip link set "
+                           "dhcpeer1 address 02:11:22:33:44:55 && ip link set dhcpeer1 up"),
             0);
   ASSERT_TRUE(PLRVirtAdapterEnable(1));
-
-  ASSERT_EQ(mkdir("/etc/tarsis/kavix1", 0755), 0);
-  ASSERT_EQ(mkdir("/etc/tarsis/kavix1/dhcpd", 0755), 0);
+  ASSERT_EQ(plr::test::Run("mkdir -p /etc/tarsis/kavix1/dhcpd"), 0);
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(1));
-  const std::string conf = ReadFile("/etc/tarsis/kavix1/dhcpd/dhcpd.conf");
-  ASSERT_NE(conf.find(kPeerMac), std::string::npos) << conf;
-  ASSERT_NE(conf.find("192.168.77.50"), std::string::npos) << conf;
-
   SetDaemonMode("kavix-dhcpd", "mode real\n");
   ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_DHCP)) << LogText();
   EXPECT_EQ(PLRServiceStatus(1, PLR_SERVICE_DHCP), PLR_SERVICE_RUNNING);
-  pid_t daemon = PidInFile(kPidFile);
-  ASSERT_TRUE(ProcessAlive(daemon));
+  const pid_t dhcpd = PidInFile("/var/run/kavix-dhcpd-kavix1.pid");
+  ASSERT_TRUE(ProcessAlive(dhcpd));
 
-  int rc = plr::test::Run(
-      "timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases "
-      "-pf /tmp/dhclient.pid -1 dhcpeer1 >/tmp/dhclient.out 2>&1");
-  pid_t client = PidInFile("/tmp/dhclient.pid");
-  if (client > 1) {
+  const int rc = plr::test::Run(
+      "timeout 40 dhclient -sf /bin/true -lf /tmp/dhclient.leases -pf /tmp/dhclient.pid -1 "
+      "dhcpeer1 >/tmp/dhclient.out 2>&1");
+  if (pid_t client = PidInFile("/tmp/dhclient.pid"); client > 1) {
     KillAtEnd(client);
     kill(client, SIGTERM);
   }
@@ -65,16 +49,9 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
   EXPECT_NE(lease.find("option routers 192.168.77.2;"), std::string::npos) << lease;
 
   EXPECT_TRUE(PLRServiceStop(1, PLR_SERVICE_DHCP));
-  EXPECT_FALSE(ProcessAlive(daemon));
+  EXPECT_FALSE(ProcessAlive(dhcpd));
   EXPECT_EQ(PLRServiceStatus(1, PLR_SERVICE_DHCP), PLR_SERVICE_STOPPED);
-  EXPECT_FALSE(FileExists(kPidFile));
-  // The fixture recorded its own PID, then the real dhcpd's.
-  std::istringstream pids(ReadFile(std::string(kFixtureDir) + "/kavix-dhcpd.pids"));
-  pid_t recorded = 0, dhcpd = 0;
-  while (pids >> recorded) dhcpd = recorded;
-  ASSERT_NE(dhcpd, daemon);
-  EXPECT_TRUE(WaitFor([&] { return !ProcessAlive(dhcpd); }, 3000))
-      << "the real dhcpd ends with the service";
+  EXPECT_FALSE(FileExists("/var/run/kavix-dhcpd-kavix1.pid"));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
-// Service daemons: PID files, the command line and what a daemon inherits,
-// the status handshake in all its outcomes, status, stop and restart.
+// Service daemons: PID files, the command line and what a daemon inherits, the status
+// handshake in all its outcomes, status, stop and restart.
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -22,130 +21,96 @@ namespace plr::test {
 namespace {
 
 using namespace svc;  // NOLINT: the services test vocabulary
-using ::testing::ElementsAreArray;
 
 class Services : public ServiceTest {
  protected:
-  // The arguments after "-s FD"; FD is stored in `statusFd`.
-  std::vector<std::string> Args(const std::string& daemon, int* statusFd = nullptr) {
+  // The daemon's last arguments after "<bindir>/<daemon> -s FD", joined by blanks.
+  std::string Args(const std::string& daemon, int* statusFd = nullptr) {
     std::vector<std::string> args = CommandLineOf(daemon);
     if (args.size() < 3 || args[0] != std::string(FixtureBinDir()) + "/" + daemon ||
         args[1] != "-s")
-      return {"<bad>"};
+      return "<bad>";
     if (statusFd != nullptr) *statusFd = atoi(args[2].c_str());
-    return std::vector<std::string>(args.begin() + 3, args.end());
-  }
-  // A PID that named a process of ours a moment ago and names none now.
-  static pid_t ReapedPid() {
-    pid_t pid = fork();
-    if (pid == 0) _exit(0);
-    waitpid(pid, nullptr, 0);
-    return pid;
+    std::string out;
+    for (size_t i = 3; i < args.size(); ++i) out += (i > 3 ? " " : "") + args[i];
+    return out;
   }
 };
 
-TEST_F(Services, PidFilesAreNamedByServiceAndReadStrictly) {
-  Load("answer RUNDIR /run/svc\nanswer DHCP_PROGRAM mydhcpd\n");
-  const struct {
-    uint32_t vnet, service;
-    const char *path, *desc;
-  } kNames[] = {{0, PLR_SERVICE_BRIDGE, "/run/svc/kavix-bridge-0.pid", "Bridge"},
-                {3, PLR_SERVICE_NETIFUP, "/run/svc/kavix-netifup-kavix3.pid", "Netifup"},
-                {8, PLR_SERVICE_DHCP, "/run/svc/mydhcpd-kavix8.pid", "DHCP"},
-                {255, PLR_SERVICE_NAT, "/run/svc/kavix-natd-255.pid", "NAT"}};
-  for (const auto& c : kNames) {
-    char* path = nullptr;
-    const char* desc = nullptr;
-    ASSERT_TRUE(PLRGetPidFilename(c.vnet, c.service, &path, &desc)) << c.path;
-    EXPECT_STREQ(path, c.path);
-    EXPECT_STREQ(desc, c.desc);
-    free(path);
-  }
+// Only a plain number above 1 on the first line is a PID: nothing else may ever signal init,
+// a process group or every process.
+TEST_F(Services, PidFilesAreReadStrictly) {
+  Load("");
   char* path = nullptr;
-  EXPECT_FALSE(PLRGetPidFilename(1, 5, &path, nullptr));
-  EXPECT_FALSE(PLRGetPidFilename(1, 0, &path, nullptr));
-  EXPECT_EQ(path, nullptr);
-  // Only a plain number above 1 on the first line is a PID: nothing else may
-  // ever signal init, a process group or every process.
-  const std::pair<std::string, int32_t> kTexts[] = {
-      {"1234\n", 1234},    {"1234", 1234},
-      {"77\nabc\n", 77},   {"2147483647\n", 2147483647},
-      {"abc\n", 0},        {"", 0},
-      {"-5\n", 0},         {"0\n", 0},
-      {"1\n", 0},          {"4294967295\n", 0},
-      {"2147483648\n", 0}, {"12abc\n", 0},
-      {"abc\n1234\n", 0},  {std::string(300, '1'), 0}};
-  for (const auto& [text, pid] : kTexts) {
+  EXPECT_FALSE(PLRGetPidFilename(1, 5, &path, nullptr) || PLRGetPidFilename(1, 0, &path, nullptr));
+  const std::string kTexts[] = {"1234",
+                                "77\nabc\n",
+                                "2147483647\n",
+                                "2\n",
+                                "1\n",
+                                "abc\n",
+                                "",
+                                "-5\n",
+                                "4294967295\n",
+                                "2147483648\n",
+                                "12abc\n",
+                                "abc\n1234\n",
+                                std::string(300, '1')};
+  std::string pids;
+  bool noFile = true;
+  for (const std::string& text : kTexts) {
     WriteFile("/run/test.pid", text);
-    bool noFile = true;
-    EXPECT_EQ(PLRExtractPidFromFile("/run/test.pid", &noFile), pid) << text;
-    EXPECT_FALSE(noFile);
+    pids += std::to_string(PLRExtractPidFromFile("/run/test.pid", &noFile));
+    pids += noFile ? "! " : " ";
   }
-  bool noFile = false;
+  EXPECT_EQ(pids, "1234 77 2147483647 2 0 0 0 0 0 0 0 0 0 ");
   EXPECT_EQ(PLRExtractPidFromFile("/run/none.pid", &noFile), 0);
   EXPECT_TRUE(noFile);
-  ASSERT_EQ(mkdir("/run/dir.pid", 0755), 0);
-  EXPECT_EQ(PLRExtractPidFromFile("/run/dir.pid", &noFile), 0);
-  EXPECT_FALSE(noFile);
 }
 
-// DHCP gets its files and the vnet name; netifup the MTU only when set and
-// the adapter name; a bridge its own adapters, the default bridge vnet every
-// adapter except those mapped elsewhere.
+// DHCP gets its files and the vnet name; netifup the MTU only when set and the adapter
+// name; a bridge its own adapters, the default bridge vnet every adapter not mapped elsewhere.
 TEST_F(Services, EachDaemonGetsItsCommandLine) {
   Load(
       "answer VNET_4_MTU 1400\nanswer VNET_4_VIRTUAL_ADAPTER_NAME vmx4\n"
-      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 5\nanswer DHCP_PROGRAM mydhcpd\n");
+      "add_bridge_mapping eth1 2\nadd_bridge_mapping eth2 5\nanswer DHCP_PROGRAM mydhcpd\n"
+      "answer RUNDIR /run/svc\n");
   Watchdog guard(30);
   const struct {
     uint32_t vnet, service;
-    const char* daemon;
-    std::vector<std::string> args;
+    const char *daemon, *args;
   } kCases[] = {
-      {8,
-       PLR_SERVICE_NAT,
-       "kavix-natd",
-       {"-d", "/var/run/kavix-natd-8.pid", "-m", "/etc/tarsis/kavix8/nat.mac", "-c",
-        "/etc/tarsis/kavix8/nat/nat.conf"}},
-      {8,
-       PLR_SERVICE_DHCP,
-       "kavix-dhcpd",
-       {"-cf", "/etc/tarsis/kavix8/dhcpd/dhcpd.conf", "-lf",
-        "/etc/tarsis/kavix8/dhcpd/dhcpd.leases", "-pf", "/var/run/mydhcpd-kavix8.pid", "kavix8"}},
-      {3,
-       PLR_SERVICE_NETIFUP,
-       "kavix-netifup",
-       {"-d", "/var/run/kavix-netifup-kavix3.pid", "/dev/kavix3", "kavix3"}},
-      {4,
-       PLR_SERVICE_NETIFUP,
-       "kavix-netifup",
-       {"-m", "1400", "-d", "/var/run/kavix-netifup-kavix4.pid", "/dev/kavix4", "vmx4"}},
-      {2,
-       PLR_SERVICE_BRIDGE,
-       "kavix-bridge",
-       {"-d", "/var/run/kavix-bridge-2.pid", "-n", "2", "-ieth1"}},
-      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", {"-d", "/var/run/kavix-bridge-7.pid", "-n", "7"}}};
+      {8, PLR_SERVICE_NAT, "kavix-natd",
+       "-d /run/svc/kavix-natd-8.pid -m /etc/tarsis/kavix8/nat.mac -c "
+       "/etc/tarsis/kavix8/nat/nat.conf"},
+      {8, PLR_SERVICE_DHCP, "kavix-dhcpd",
+       "-cf /etc/tarsis/kavix8/dhcpd/dhcpd.conf -lf /etc/tarsis/kavix8/dhcpd/dhcpd.leases -pf "
+       "/run/svc/mydhcpd-kavix8.pid kavix8"},
+      {255, PLR_SERVICE_NETIFUP, "kavix-netifup",
+       "-d /run/svc/kavix-netifup-kavix255.pid /dev/kavix255 kavix255"},
+      {4, PLR_SERVICE_NETIFUP, "kavix-netifup",
+       "-m 1400 -d /run/svc/kavix-netifup-kavix4.pid /dev/kavix4 vmx4"},
+      {2, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /run/svc/kavix-bridge-2.pid -n 2 -ieth1"},
+      {7, PLR_SERVICE_BRIDGE, "kavix-bridge", "-d /run/svc/kavix-bridge-7.pid -n 7"}};
   for (const auto& c : kCases) {
     ASSERT_TRUE(PLRServiceStart(c.vnet, c.service)) << c.daemon << c.vnet;
-    EXPECT_THAT(Args(c.daemon), ElementsAreArray(c.args));
+    EXPECT_EQ(Args(c.daemon), c.args);
   }
   ASSERT_TRUE(PLRServiceStart(0, PLR_SERVICE_BRIDGE));
-  std::vector<std::string> args = Args("kavix-bridge");
-  ASSERT_EQ(args.size(), 6u);
-  EXPECT_EQ(args[3] + args[4] + args[5], args[4] == "-eeth1" ? "0-eeth1-eeth2" : "0-eeth2-eeth1");
+  const std::string args = Args("kavix-bridge"), prefix = "-d /run/svc/kavix-bridge-0.pid -n 0 ";
+  EXPECT_TRUE(args == prefix + "-eeth1 -eeth2" || args == prefix + "-eeth2 -eeth1") << args;
 }
 
-// The daemon sees its stdout and stderr in the log, no signal blocked, and
-// the status pipe's write end but no descriptor of the library.
+// The daemon sees its stdout and stderr in the log, no signal blocked, and the status pipe's
+// write end but no descriptor of the library.
 TEST_F(Services, DaemonInheritsOnlyThePipeAndNoBlockedSignal) {
   Load("");
   Watchdog guard(20);
-  sigset_t block, old;
+  sigset_t block, old, after;
   sigemptyset(&block);
   sigaddset(&block, SIGUSR1);
   ASSERT_EQ(sigprocmask(SIG_BLOCK, &block, &old), 0);
   bool started = PLRServiceStart(1, PLR_SERVICE_NAT);
-  sigset_t after;
   sigprocmask(SIG_SETMASK, &old, &after);
   ASSERT_TRUE(started);
   EXPECT_TRUE(sigismember(&after, SIGUSR1)) << "the caller's own mask is left alone";
@@ -162,8 +127,8 @@ TEST_F(Services, DaemonInheritsOnlyThePipeAndNoBlockedSignal) {
   EXPECT_EQ(EnvironmentOf("kavix-natd", "stderr"), kLogPath);
 }
 
-// Any reported status counts as started; a daemon that never reports (or
-// cannot be run) fails the start, and no descriptor is left behind.
+// Any reported status counts as started; a daemon that never reports (or cannot be run)
+// fails the start, and no descriptor is left behind.
 TEST_F(Services, StartSucceedsExactlyWhenTheDaemonReports) {
   ASSERT_EQ(test::Run(std::string("mkdir -p /tmp/bin && cp ") + FixtureBinDir() +
                       "/kavix-natd /tmp/bin/ && chmod 0644 /tmp/bin/kavix-natd"),
@@ -171,7 +136,7 @@ TEST_F(Services, StartSucceedsExactlyWhenTheDaemonReports) {
   const struct {
     const char *name, *mode, *binDir, *records;
     bool started;
-    uint32_t status;  // right after the start
+    uint32_t status;  // once a daemon that ends has ended
     size_t starts;
   } kCases[] = {{"normal", "", "", "", true, PLR_SERVICE_RUNNING, 1},
                 {"odd status", "status 4660\n", "", "", true, PLR_SERVICE_RUNNING, 1},
@@ -184,23 +149,19 @@ TEST_F(Services, StartSucceedsExactlyWhenTheDaemonReports) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     Load(c.records, c.binDir);
-    Watchdog guard(20);
+    Watchdog guard(30);
     SetDaemonMode("kavix-natd", c.mode);
     const std::set<int> before = OpenFds();
     const size_t starts = StartsOf("kavix-natd");
-    uint64_t start = NowMs();
+    const uint64_t start = NowMs();
     EXPECT_EQ(PLRServiceStart(2, PLR_SERVICE_NAT), c.started);
-    if (strstr(c.mode, "silent")) {
-      EXPECT_GE(NowMs() - start, 1400u) << "waits for the pipe";
-    }
+    EXPECT_GE(NowMs() - start, strstr(c.mode, "silent") ? 1400u : 0u) << "waits for the pipe";
     EXPECT_EQ(StartsOf("kavix-natd") - starts, c.starts);
     EXPECT_EQ(OpenFds(), before);
-    pid_t pid = PidInFile("/var/run/kavix-natd-2.pid");
-    if (c.status == PLR_SERVICE_STOPPED && pid > 0)
-      WaitFor([&] {  // reaped too: a zombie still counts as running
-        waitpid(pid, nullptr, WNOHANG);
-        return kill(pid, 0) != 0;
-      }, 5000);
+    // A daemon that ends is reaped by its parent, but under load only some time later.
+    const pid_t pid = PidInFile("/var/run/kavix-natd-2.pid");
+    EXPECT_TRUE(c.status != PLR_SERVICE_STOPPED || pid <= 0 ||
+                WaitFor([&] { return kill(pid, 0) != 0; }, 20000));
     EXPECT_EQ(PLRServiceStatus(2, PLR_SERVICE_NAT), c.status);
     EXPECT_TRUE(PLRServiceStop(2, PLR_SERVICE_NAT));
     EXPECT_FALSE(ProcessAlive(pid));
@@ -214,30 +175,32 @@ TEST_F(Services, StartSucceedsExactlyWhenTheDaemonReports) {
     sys::FailNth(op, 1, EAGAIN);
     EXPECT_FALSE(PLRServiceStart(2, PLR_SERVICE_NAT));
     sys::ClearFaults();
-    if (op == sys::Op::kFork) {
-      EXPECT_EQ(StartsOf("kavix-natd"), starts);
-    }
+    EXPECT_EQ(StartsOf("kavix-natd") - starts, op == sys::Op::kFork ? 0u : 1u);
   }
   EXPECT_FALSE(PLRServiceStart(1, 5));
 }
 
-TEST_F(Services, EveryServiceStartsRunsAndStops) {
+volatile sig_atomic_t gTerms = 0;
+
+// Start, status and stop of every service; a stale PID file reads as stopped and stop removes
+// it; a PID file without a usable PID makes status unknown and stop fail, and no signal goes
+// anywhere (a SIGTERM to PID 0 or -1 would reach this very process, which counts them).
+TEST_F(Services, StatusAndStopFollowThePidFile) {
   Load("");
   Watchdog guard(40);
-  const std::pair<uint32_t, const char*> kPidFiles[] = {
-      {PLR_SERVICE_BRIDGE, "/var/run/kavix-bridge-3.pid"},
-      {PLR_SERVICE_NETIFUP, "/var/run/kavix-netifup-kavix3.pid"},
-      {PLR_SERVICE_DHCP, "/var/run/kavix-dhcpd-kavix3.pid"},
-      {PLR_SERVICE_NAT, "/var/run/kavix-natd-3.pid"}};
-  for (const auto& [service, pidFile] : kPidFiles) {
+  for (uint32_t service = PLR_SERVICE_BRIDGE; service <= PLR_SERVICE_NAT; ++service) {
+    char* name = nullptr;
+    ASSERT_TRUE(PLRGetPidFilename(3, service, &name, nullptr));
+    const std::string pidFile = name;
+    free(name);
     SCOPED_TRACE(pidFile);
     EXPECT_EQ(PLRServiceStatus(3, service), PLR_SERVICE_STOPPED);
     EXPECT_TRUE(PLRServiceStop(3, service));  // nothing to stop
     ASSERT_TRUE(PLRServiceStart(3, service));
-    pid_t pid = PidInFile(pidFile);
+    const pid_t pid = PidInFile(pidFile);
     ASSERT_TRUE(ProcessAlive(pid));
     EXPECT_EQ(PLRServiceStatus(3, service), PLR_SERVICE_RUNNING);
-    uint64_t start = NowMs();
+    const uint64_t start = NowMs();
     EXPECT_TRUE(PLRServiceStop(3, service));
     EXPECT_LT(NowMs() - start, 2000u);
     EXPECT_FALSE(ProcessAlive(pid));
@@ -245,35 +208,25 @@ TEST_F(Services, EveryServiceStartsRunsAndStops) {
   }
   EXPECT_EQ(PLRServiceStatus(1, 9), PLR_SERVICE_STATUS_UNKNOWN);
   EXPECT_FALSE(PLRServiceStop(1, 9));
-  // A stale PID file reads as stopped and stop removes it.
-  WriteFile("/var/run/kavix-dhcpd-kavix6.pid", std::to_string(ReapedPid()) + "\n");
+  const pid_t gone = fork();
+  if (gone == 0) _exit(0);
+  ASSERT_EQ(waitpid(gone, nullptr, 0), gone);
+  WriteFile("/var/run/kavix-dhcpd-kavix6.pid", std::to_string(gone) + "\n");
   EXPECT_EQ(PLRServiceStatus(6, PLR_SERVICE_DHCP), PLR_SERVICE_STOPPED);
   EXPECT_TRUE(FileExists("/var/run/kavix-dhcpd-kavix6.pid"));
   EXPECT_TRUE(PLRServiceStop(6, PLR_SERVICE_DHCP));
   EXPECT_FALSE(FileExists("/var/run/kavix-dhcpd-kavix6.pid"));
-}
 
-volatile sig_atomic_t gTerms = 0;
-
-// None of these names a process: stop fails and keeps the file, status
-// cannot tell, and no signal goes anywhere (a SIGTERM to PID 0 or -1 would
-// reach this very process, which counts them).
-TEST_F(Services, PidFileWithoutAUsablePidIsNeverSignalled) {
-  Load("");
   struct sigaction sa, old;
   memset(&sa, 0, sizeof sa);
   sa.sa_handler = [](int) { gTerms = gTerms + 1; };
   ASSERT_EQ(sigaction(SIGTERM, &sa, &old), 0);
-  for (const char* text :
-       {"abc\n", "", "-1\n", "0\n", "1\n", "-100\n", "4294967295\n", "12 34\n"}) {
+  for (const char* text : {"abc\n", "0\n", "1\n"}) {
     WriteFile("/var/run/kavix-natd-4.pid", text);
     EXPECT_EQ(PLRServiceStatus(4, PLR_SERVICE_NAT), PLR_SERVICE_STATUS_UNKNOWN) << text;
     EXPECT_FALSE(PLRServiceStop(4, PLR_SERVICE_NAT)) << text;
     EXPECT_TRUE(FileExists("/var/run/kavix-natd-4.pid"));
   }
-  ASSERT_EQ(mkdir("/var/run/kavix-bridge-2.pid", 0755), 0);
-  EXPECT_EQ(PLRServiceStatus(2, PLR_SERVICE_BRIDGE), PLR_SERVICE_STATUS_UNKNOWN);
-  EXPECT_FALSE(PLRServiceStop(2, PLR_SERVICE_BRIDGE));
   SleepMs(100);
   sigaction(SIGTERM, &old, nullptr);
   EXPECT_EQ(gTerms, 0);
@@ -284,27 +237,27 @@ TEST_F(Services, DaemonIgnoringTermIsKilledAfterThreeSeconds) {
   Watchdog guard(30);
   SetDaemonMode("kavix-natd", "mode ignore-term\n");
   ASSERT_TRUE(PLRServiceStart(5, PLR_SERVICE_NAT));
-  pid_t pid = PidInFile("/var/run/kavix-natd-5.pid");
+  const pid_t pid = PidInFile("/var/run/kavix-natd-5.pid");
   // One we may not signal: status cannot tell, stop reports it and counts as done.
   ASSERT_EQ(setresuid(65534, 65534, 0), 0);
-  uint32_t status = PLRServiceStatus(5, PLR_SERVICE_NAT);
-  bool stopped = PLRServiceStop(5, PLR_SERVICE_NAT);
-  bool restarted = PLRRestartService(5, PLR_SERVICE_NAT, nullptr, nullptr, true);
+  const uint32_t status = PLRServiceStatus(5, PLR_SERVICE_NAT);
+  const bool stopped = PLRServiceStop(5, PLR_SERVICE_NAT);
+  const bool restarted = PLRRestartService(5, PLR_SERVICE_NAT, nullptr, nullptr, true);
   ASSERT_EQ(setresuid(0, 0, 0), 0);
   EXPECT_EQ(status, PLR_SERVICE_STATUS_UNKNOWN);
   EXPECT_TRUE(stopped);
   EXPECT_FALSE(restarted);
   EXPECT_TRUE(ProcessAlive(pid));
-  uint64_t start = NowMs();
+  const uint64_t start = NowMs();
   EXPECT_TRUE(PLRServiceStop(5, PLR_SERVICE_NAT));
   EXPECT_GT(NowMs() - start, 3000u);
-  EXPECT_LT(NowMs() - start, 4500u);
-  EXPECT_TRUE(WaitFor([&] { return !ProcessAlive(pid); }, 2000)) << "SIGKILL follows";
+  EXPECT_LT(NowMs() - start, 5000u);
+  EXPECT_TRUE(WaitFor([&] { return !ProcessAlive(pid); }, 5000)) << "SIGKILL follows";
   EXPECT_FALSE(FileExists("/var/run/kavix-natd-5.pid"));
 }
 
-// A restart stops a running service and starts it again where the vnet has
-// the service's option; a stopped one starts only when asked to.
+// A restart stops a running service and starts it again where the vnet has the service's
+// option; a stopped one starts only when asked to.
 TEST_F(Services, RestartFollowsTheConfiguration) {
   Load(
       "answer VNET_3_DHCP yes\nanswer VNET_3_NAT yes\nanswer VNET_3_VIRTUAL_ADAPTER yes\n"
@@ -330,18 +283,14 @@ TEST_F(Services, RestartFollowsTheConfiguration) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::to_string(c.vnet) + "/" + std::to_string(c.service));
     const size_t before = StartsOf(c.daemon);
-    if (c.running) {
-      ASSERT_TRUE(PLRServiceStart(c.vnet, c.service));
-    }
-    pid_t old = PidInFile("/var/run/kavix-natd-" + std::to_string(c.vnet) + ".pid");
+    ASSERT_TRUE(!c.running || PLRServiceStart(c.vnet, c.service));
+    const pid_t old = PidInFile("/var/run/kavix-natd-" + std::to_string(c.vnet) + ".pid");
     bool wasRunning = !c.running, restarted = !c.restarted;
     EXPECT_EQ(PLRRestartService(c.vnet, c.service, &wasRunning, &restarted, c.startIfStopped),
               c.ok);
     if (!c.ok) continue;
     EXPECT_EQ(wasRunning, c.running);
-    if (c.running || c.startIfStopped) {
-      EXPECT_EQ(restarted, c.restarted);
-    }
+    EXPECT_EQ(restarted, c.running || c.startIfStopped ? c.restarted : !c.restarted);
     EXPECT_EQ(StartsOf(c.daemon) - before, c.starts);
     EXPECT_TRUE(!c.running || !ProcessAlive(old));
     EXPECT_EQ(PLRServiceStatus(c.vnet, c.service),
@@ -350,7 +299,7 @@ TEST_F(Services, RestartFollowsTheConfiguration) {
   }
   // A restart whose start fails fails, with the old process gone.
   ASSERT_TRUE(PLRServiceStart(3, PLR_SERVICE_NAT));
-  pid_t first = PidInFile("/var/run/kavix-natd-3.pid");
+  const pid_t first = PidInFile("/var/run/kavix-natd-3.pid");
   SetDaemonMode("kavix-natd", "mode close-pipe\n");
   EXPECT_FALSE(PLRRestartService(3, PLR_SERVICE_NAT, nullptr, nullptr, false));
   EXPECT_FALSE(ProcessAlive(first));
