@@ -5,8 +5,10 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <span>
 #include <string>
 
+#include "netcfg/whole-db.h"
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
 
@@ -18,34 +20,8 @@ constexpr const char* kBackupPath = "/tmp/bench-backup";
 // known per-vnet fields of 256 vnets), 60,000 port forwards, 20,000 DHCP
 // mappings and 12,832 bridge mappings.
 std::string HundredThousandRecords() {
-  static const char* kFields[] = {"HOSTONLY_SUBNET",
-                                  "HOSTONLY_NETMASK",
-                                  "VIRTUAL_ADAPTER_ADDR",
-                                  "VIRTUAL_ADAPTER",
-                                  "MTU",
-                                  "VIRTUAL_ADAPTER_NAME",
-                                  "DHCP",
-                                  "DHCP_PARAM_LEASE_START_IP",
-                                  "DHCP_PARAM_LEASE_END_IP",
-                                  "DHCP_PARAM_DEFAULT_LEASE_TIME",
-                                  "DHCP_PARAM_MAX_LEASE_TIME",
-                                  "DHCP_PARAM_BROADCAST_ADDR",
-                                  "DHCP_PARAM_DNS_ADDR",
-                                  "DHCP_PARAM_ROUTERS",
-                                  "DHCP_PARAM_DOMAIN_NAME",
-                                  "DHCP_PARAM_SUB_DEFAULT_LEASE_TIME",
-                                  "DHCP_PARAM_SUB_MAX_LEASE_TIME",
-                                  "DHCP_CFG_HASH",
-                                  "NAT",
-                                  "NAT_PARAM_GATEWAY_IP",
-                                  "NAT_PARAM_INT_GATEWAY_IPSUBNETMASK",
-                                  "NAT_PARAM_CONFIG_PORT",
-                                  "NAT_PARAM_ACTIVE_FTP",
-                                  "NAT_PARAM_ALLOW_ANY_OUI",
-                                  "NAT_PARAM_DEVICE",
-                                  "NAT_PARAM_UDP_TIMEOUT",
-                                  "NAT_PARAM_NAT6",
-                                  "DISPLAY_NAME"};
+  // The first 28 fields an import keeps.
+  const auto kFields = std::span(plr::kNetCfgKnownVnetFields).first<28>();
   std::string out;
   out.reserve(6 << 20);
   int records = 0;
