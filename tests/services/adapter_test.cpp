@@ -47,7 +47,6 @@ TEST_F(AdapterTest, StatusTellsAbsentDownUpAndErrors) {
     int error;
     uint32_t status;
   } kFailures[] = {{sys::Op::kFopen, EACCES, PLR_ADAPTER_STATUS_ERROR},
-                   {sys::Op::kSocket, EMFILE, PLR_ADAPTER_STATUS_ERROR},
                    {sys::Op::kIoctl, EPERM, PLR_ADAPTER_STATUS_ERROR},
                    {sys::Op::kIoctl, ENODEV, PLR_ADAPTER_ABSENT}};  // gone meanwhile
   for (const auto& c : kFailures) {

@@ -30,7 +30,7 @@ TEST_F(DhcpEndToEndTest, ClientOnTheVnetGetsItsMappedAddress) {
   ASSERT_TRUE(PLRVirtAdapterEnable(1));
   ASSERT_EQ(plr::test::Run("mkdir -p /etc/tarsis/kavix1/dhcpd"), 0);
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(1));
-  SetDaemonMode("kavix-dhcpd", "mode real\n");
+  SetDaemonMode("kavix-dhcpd", "real");
   ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_DHCP)) << LogText();
   EXPECT_EQ(PLRServiceStatus(1, PLR_SERVICE_DHCP), PLR_SERVICE_RUNNING);
   const pid_t dhcpd = PidInFile("/var/run/kavix-dhcpd-kavix1.pid");
