@@ -47,7 +47,7 @@ TEST_F(CacheTest, CompactionRewritesSortedAddRecordsWithTheOldMode) {
             "add_bridge_mapping eth9 -1\nadd_bridge_mapping eth0 0\n"
             "add_bridge_mapping eth1 0\nadd_bridge_mapping br5 5\n");
   // Prefixes are not carried over by a rewrite; everything else replays the same.
-  state.erase(state.find("X 8 fd00::/64\n"));
+  state.erase(state.find("add_nat_prefix"), sizeof "add_nat_prefix 8 fd00::/64");
   EXPECT_EQ(StateOfFile(), state);
   struct stat st;
   ASSERT_EQ(stat(kDatabasePath, &st), 0);
