@@ -121,7 +121,6 @@ TEST(Sha1, VectorsInAnyChunking) {
                {std::string(55, 'a'), "c1c8bbdc22796e28c0e15163d20899b65621d65a"},
                {std::string(56, 'a'), "c2db330f6083854c99d4b5bfb6e8f29f201be699"},
                {std::string(64, 'a'), "0098ba824b5c16427bd7a1122a5a442a25ec644d"},
-               {std::string(120, 'a'), "f34c1488385346a55709ba056ddd08280dd4c6d6"},
                {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
   for (const auto& r : kRows) {
     EXPECT_EQ(Sha1Hex(r.data), r.hex) << r.data.size();
