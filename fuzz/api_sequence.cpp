@@ -1,8 +1,6 @@
-// Drives a random sequence of exported per-vnet calls with random arguments
-// against a database in the sandbox. After every call the database file is
-// loaded into a second, private cache, which must export exactly the records
-// of the default cache: whatever a call did or refused, the file
-// and the cache never disagree.
+// Drives random exported per-vnet calls against a database in the sandbox.
+// After every call the file, loaded into a private cache, must export exactly
+// the records of the default cache: file and cache never disagree.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

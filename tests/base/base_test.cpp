@@ -1,6 +1,5 @@
-// The base utilities, one row per input: strict number conversion, the
-// configuration and line readers, SHA-1, atomic file replacement and the
-// random source. (The file lock is tested with the database.)
+// The base utilities: number conversion, the configuration and line readers,
+// SHA-1, atomic file replacement and the random source.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
