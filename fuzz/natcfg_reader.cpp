@@ -1,7 +1,6 @@
 // Feeds arbitrary bytes to the nat.conf reader as the file it reads. Every
 // listing must end, every returned text must be a proper allocation, and
 // every key listed in a section must also be found by a lookup there.
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -17,32 +16,12 @@ constexpr const char* kPath = "/tmp/fuzz-nat.conf";
 // Bounds the work per input; a listing longer than the input is a hang.
 constexpr size_t kMaxSections = 64;
 
-void WriteInput(const uint8_t* data, size_t size) {
-  FILE* f = fopen(kPath, "wb");
-  if (f == nullptr) abort();
-  if (size != 0 && fwrite(data, 1, size, f) != size) abort();
-  if (fclose(f) != 0) abort();
-}
-
-std::vector<std::string> ListSections(size_t limit) {
-  std::vector<std::string> names;
-  NatCfgIterator* iter = NatCfgListSectionsInit();
-  if (iter == nullptr) abort();  // the file exists
-  while (char* name = NatCfgListSections(iter)) {
-    names.emplace_back(name);
-    free(name);
-    if (names.size() > limit) abort();
-  }
-  NatCfgListSectionsDestroy(iter);
-  return names;
-}
-
+// The items of one listed section; `limit` bounds the listing.
 void CheckSection(const std::string& section, size_t limit) {
   NatCfgIterator* iter = NatCfgListItemsInit(section.c_str());
   if (iter == nullptr) abort();  // listed sections can be opened
   size_t count = 0;
-  char* value = nullptr;
-  char* comment = nullptr;
+  char *value = nullptr, *comment = nullptr;
   while (char* key = NatCfgListItems(iter, &value, &comment)) {
     if (++count > limit) abort();
     // Touch every byte so the sanitizers see a bad allocation.
@@ -50,11 +29,8 @@ void CheckSection(const std::string& section, size_t limit) {
     (void)total;
     char* found = NatCfgGetItem(section.c_str(), key);
     if (found == nullptr) abort();
-    free(found);
     NatCfgGetItemLong(section.c_str(), key, 7);
-    free(key);
-    free(value);
-    free(comment);
+    for (char* text : {found, key, value, comment}) free(text);
   }
   NatCfgListItemsDestroy(iter);
 }
@@ -68,12 +44,19 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  WriteInput(data, size);
+  plr::test::WriteFile(kPath, std::string(reinterpret_cast<const char*>(data), size));
   // Lines are at least one byte, so no listing can be longer than the input.
-  std::vector<std::string> sections = ListSections(size + 1);
-  for (size_t i = 0; i < sections.size() && i < kMaxSections; ++i) {
-    CheckSection(sections[i], size + 1);
+  std::vector<std::string> sections;
+  NatCfgIterator* iter = NatCfgListSectionsInit();
+  if (iter == nullptr) abort();  // the file exists
+  while (char* name = NatCfgListSections(iter)) {
+    sections.emplace_back(name);
+    free(name);
+    if (sections.size() > size + 1) abort();
   }
+  NatCfgListSectionsDestroy(iter);
+  for (size_t i = 0; i < sections.size() && i < kMaxSections; ++i)
+    CheckSection(sections[i], size + 1);
   free(NatCfgGetItem("host", "ip"));
   return 0;
 }

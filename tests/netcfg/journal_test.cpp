@@ -113,12 +113,15 @@ TEST_F(CacheTest, EachChangeAppendsExactlyItsRecords) {
     EXPECT_EQ(kSteps[i].run(db_), kSteps[i].ok);
     ASSERT_EQ(Tail(), journal += kSteps[i].appended);
   }
-  const std::string common =
-      "A B=no\nA K=other\nP 2 tcp 22 10.0.0.2 22 []\nP 2 tcp 23 10.0.0.2 23 [" + kDesc127 + "]\n";
-  EXPECT_EQ(StateOf(db_), common + "X 7 fd00:7::/64\n");
+  const std::string fwds = "add_nat_portfwd 2 tcp 22 10.0.0.2 22\n" + kDesc127Record;
+  const std::string answers = "answer B no\nanswer K other\n";
+  EXPECT_EQ(StateOf(db_), fwds + "add_nat_prefix 7 fd00:7::/64\n" + answers);
   EXPECT_EQ(db_->portFwds[8], nullptr);  // the holder goes with its last table
   // The cache-only removals are not in the file.
-  EXPECT_EQ(StateOfFile(), common + "P 8 udp 7 10.0.0.2 7 []\nX 7 fd00:7::/64\nX 8 fd00:2::/64\n");
+  EXPECT_EQ(StateOfFile(), fwds +
+                               "add_nat_portfwd 8 udp 7 10.0.0.2 7\nadd_nat_prefix 7 fd00:7::/64\n"
+                               "add_nat_prefix 8 fd00:2::/64\n" +
+                               answers);
 }
 
 // Failing any write of a change (the database holding the journal of the
@@ -157,7 +160,7 @@ TEST_F(CacheTest, CompensatingRecordAndRemoveAllPastAFailure) {
   EXPECT_TRUE(PLRNetCfgRemoveAllNATPortFwd(db_, 8, true, false, true));
   sys::ClearFaults();
   EXPECT_EQ(Tail().substr(Tail().find("remove_answer")), "remove_answer K\nanswer K old\n");
-  EXPECT_EQ(StateOf(db_), "A K=old\nP 8 udp 80 10.0.0.2 80 []\n");
+  EXPECT_EQ(StateOf(db_), "add_nat_portfwd 8 udp 80 10.0.0.2 80\nanswer K old\n");
 }
 
 // The journal of all steps cut at every byte loads to the state of its last
@@ -199,8 +202,7 @@ TEST_F(CacheTest, AppendLandsAtTheEndAfterAnotherWriter) {
   ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "D", "4"));
   EXPECT_EQ(Tail(), "answer A 1\nanswer B 2\nanswer C 3\nanswer D 4\n");
   // The cache holds its lock once; unlocking twice is harmless.
-  EXPECT_TRUE(PLRNetCfgLockConfig(db_));
-  EXPECT_FALSE(PLRNetCfgLockConfig(db_));
+  EXPECT_TRUE(PLRNetCfgLockConfig(db_) && !PLRNetCfgLockConfig(db_));
   EXPECT_FALSE(FileLock().Lock(kDatabasePath, 0));
   EXPECT_TRUE(PLRNetCfgUnlockConfig(db_) && PLRNetCfgUnlockConfig(db_));
   EXPECT_TRUE(FileLock().Lock(kDatabasePath, 0));

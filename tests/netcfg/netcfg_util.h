@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "netcfg/db-internal.h"
+#include "pelorus/dbapi.h"
 #include "tests/support/sandbox.h"
 
 namespace plr::test {
@@ -20,30 +22,18 @@ inline PLRNetworkConfigurationDB* LoadCache(const char* path = kDatabasePath, bo
   return PLRNetCfgLoad(path, &db, backup, readOnly) ? db : nullptr;
 }
 
-// Every entry of a cache as sorted lines; equal texts mean equal answers and
-// records. BINDIR is left out (it comes from the product configuration).
-inline std::string StateOf(const PLRNetworkConfigurationDB* db) {
+// The exported records of a cache plus its prefixes (which a compacted file
+// leaves out), sorted; equal texts mean equal caches. BINDIR is never exported.
+inline std::string StateOf(PLRNetworkConfigurationDB* db) {
+  char* text = nullptr;
+  if (!PLRNetCfgExportConfigToBuffer(db, &text, false, true)) return "<export failed>";
+  std::istringstream in(text + sizeof "VERSION=1,0");
+  free(text);
   std::vector<std::string> lines;
-  if (db->answers)
-    for (const auto& [key, entry] : *db->answers)
-      if (key != "BINDIR") lines.push_back("A " + key + "=" + entry.value);
-  for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
-    const std::string v = std::to_string(vnet);
-    if (db->portFwds[vnet])
-      for (bool tcp : {true, false})
-        if (const auto& table = db->portFwds[vnet]->group(tcp).table)
-          for (const auto& [port, e] : *table)
-            lines.push_back("P " + v + (tcp ? " tcp " : " udp ") + std::to_string(port) + " " +
-                            e.vmIP + " " + std::to_string(e.vmPort) + " [" + e.description + "]");
-    if (db->dhcp[vnet])
-      for (const auto& [mac, ip] : db->dhcp[vnet]->table)
-        lines.push_back("D " + v + " " + mac + " " + ip);
-    if (db->prefixes[vnet])
-      for (const auto& prefix : *db->prefixes[vnet]) lines.push_back("X " + v + " " + prefix);
-  }
-  if (db->bridges)
-    for (const auto& [adapter, vnet] : *db->bridges)
-      lines.push_back("B " + adapter + " " + std::to_string(vnet));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet)
+    for (const auto& prefix : db->prefixes[vnet] ? *db->prefixes[vnet] : NetCfgStringSet())
+      lines.push_back("add_nat_prefix " + std::to_string(vnet) + " " + prefix);
   std::sort(lines.begin(), lines.end());
   std::string out;
   for (const auto& line : lines) out += line + "\n";
