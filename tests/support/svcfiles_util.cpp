@@ -30,10 +30,9 @@ std::string NatBackupPath(unsigned vnet) {
 
 std::string VnetRecords(unsigned vnet, const std::string& subnet, const std::string& mask,
                         bool nat) {
-  std::string n = std::to_string(vnet);
-  return "answer VNET_" + n + "_HOSTONLY_SUBNET " + subnet + "\n" + "answer VNET_" + n +
-         "_HOSTONLY_NETMASK " + mask + "\n" + "answer VNET_" + n + "_DHCP yes\n" + "answer VNET_" +
-         n + "_NAT " + (nat ? "yes" : "no") + "\n";
+  const std::string a = "answer VNET_" + std::to_string(vnet);
+  return a + "_HOSTONLY_SUBNET " + subnet + "\n" + a + "_HOSTONLY_NETMASK " + mask + "\n" + a +
+         "_DHCP yes\n" + a + "_NAT " + (nat ? "yes" : "no") + "\n";
 }
 
 std::string MaskWrittenAt(const std::string& text) {

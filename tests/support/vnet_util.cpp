@@ -7,11 +7,7 @@ void SetPingRules(const std::string& rules) {
 }
 
 std::vector<std::string> PingCalls() {
-  std::vector<std::string> calls;
-  const std::string text = FileExists(kPingCallsPath) ? ReadFile(kPingCallsPath) : "";
-  for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
-    calls.push_back(text.substr(at, end - at));
-  return calls;
+  return FileLines(kPingCallsPath);
 }
 
 std::string PingCommand(const std::string& address) {
