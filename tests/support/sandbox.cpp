@@ -144,9 +144,8 @@ void WriteDatabase(const std::string& records) {
 }
 
 int Run(const std::string& command) {
-  int status = system(command.c_str());
-  if (status == -1 || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  const int status = system(command.c_str());
+  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string Capture(const std::string& command) {

@@ -1,5 +1,4 @@
-// The one test fixture: a library loaded on a written database in the
-// sandbox, and the fixture daemons it may start, all stopped again at the end.
+// The one test fixture: a library loaded on a written database, and the daemons it starts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -44,8 +43,6 @@ class Watchdog {
  public:
   explicit Watchdog(unsigned seconds);
   ~Watchdog();
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
 };
 
 namespace svc {
