@@ -1,5 +1,4 @@
-// Host adapters of the sandbox's kernel, bridge mappings, the default bridge vnet, the adapter
-// list and adapter moves with the fixture bridge daemons.
+// Host adapters, bridge mappings, the default bridge vnet and adapter moves with bridge daemons.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -49,8 +48,7 @@ TEST(HostAdapters, EthernetLinksWithDriverAndCarrier) {
                           {"tap0", "tun/2"},
                           {"kavix1", "veth/2"},
                           {"abcdefghijklmno", "veth/2"}}));
-  // A failed driver query keeps the adapter without a driver name; a failed netlink socket or
-  // receive fails the call.
+  // A failed driver query leaves the driver name empty; a failed socket or receive fails.
   for (sys::Op op : {sys::Op::kSocket, sys::Op::kIoctl}) {
     sys::FailFrom(op, op == sys::Op::kSocket ? 2 : 1, EOPNOTSUPP);
     EXPECT_EQ(Enumerate()["tap0"], "/2");
@@ -216,7 +214,6 @@ TEST_F(Bridge, MovingAnAdapterRestartsBothDaemonsAndDisplacesTheOldOne) {
   EXPECT_EQ(
       Args(0) + "|" + Args(2),
       " -d /var/run/kavix-bridge-0.pid -n 0 -eeth0 | -d /var/run/kavix-bridge-2.pid -n 2 -ieth0 ");
-  // To nothing, and from nothing back to the default bridge.
   ASSERT_TRUE(PLR_BridgeMoveAdapter(&eth1, nullptr, &none));
   EXPECT_EQ(VnetOf("eth1"), "-1/0");
   ASSERT_TRUE(PLR_BridgeMoveAdapter(&eth1, &none, nullptr));
@@ -230,17 +227,13 @@ TEST_F(Bridge, MovingAnAdapterRestartsBothDaemonsAndDisplacesTheOldOne) {
   EXPECT_EQ(VnetOf("eth0"), "-1/-1");
 }
 
-// A failed daemon restart (of either vnet) undoes the change: mappings,
-// default and running daemons as before, also after a reload. A read-only
-// database moves in the cache only and touches no daemon.
+// A failed restart of either daemon undoes the change; a read-only database touches no daemon.
 TEST_F(Bridge, FailedRestartsRollBackAndReadOnlyTouchesNoDaemon) {
   for (int failingFork : {1, 2, 0}) {
     LoadAndStart();
     const std::string daemons = Daemon(0) + Daemon(2), args = Args(0) + Args(2), db = Database();
-    if (failingFork == 0) {
-      PLR_Unload();
-      ASSERT_TRUE(PLR_Load(true));
-    }
+    if (failingFork == 0) PLR_Unload();
+    ASSERT_TRUE(failingFork != 0 || PLR_Load(true));
     sys::FailNth(sys::Op::kFork, failingFork ? failingFork : 1, EAGAIN);
     EXPECT_EQ(PLR_BridgeMoveAdapter(&eth0, nullptr, &two), failingFork == 0);
     sys::ClearFaults();

@@ -1,5 +1,4 @@
-// Whole-database operations and feature queries, judged by file bytes, a fresh read of the
-// database, and the daemons that run.
+// Whole-database operations and feature queries, judged by file bytes, reads and daemons.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -147,8 +146,7 @@ constexpr const char* kRunning =
     "answer VNET_2_NAT yes\nanswer VNET_2_HOSTONLY_SUBNET 192.168.2.0\n"
     "answer VNET_2_HOSTONLY_NETMASK 255.255.255.0\n";
 
-// A merge restarts the daemons of the vnets it changes only; when a start fails, the database
-// and the daemons are as before.
+// A merge restarts the daemons of changed vnets only; a failed start puts everything back.
 TEST_F(WholeDatabase, MergeRestartsChangedVnetsOrPutsEverythingBack) {
   Load(kRunning + strlen("BACKUP_VERSION=1,0\n"));
   ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_BRIDGE) && PLRServiceStart(2, PLR_SERVICE_BRIDGE) &&
@@ -237,8 +235,8 @@ TEST_F(WholeDatabase, FeaturesDescribeAndSearch) {
   EXPECT_EQ(ft.subnet, 1);
   EXPECT_EQ(memcmp(ft.configFeatures, config, 32), 0) << "reserved bytes are cleared";
   EXPECT_EQ(memcmp(ft.runtimeFeatures, runtime, 32), 0);
-  // Search upwards from a record's vnet; all criteria zero match the start.
-  // vnet, subnet, configured NAT, configured DHCP, running NAT: the vnet found.
+  // Search upwards from: vnet, subnet, configured NAT, configured DHCP, running NAT: the vnet
+  // found.
   const uint32_t rows[][6] = {{5, 0, 0, 0, 0, 5},  {0, 0, 1, 0, 0, 3}, {4, 0, 1, 1, 0, 8},
                               {3, 2, 0, 0, 0, 4},  {0, 0, 0, 0, 1, 8}, {255, 0, 1, 0, 0, 255},
                               {0, 0, 0, 0, 3, 255}};

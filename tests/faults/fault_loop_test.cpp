@@ -97,8 +97,7 @@ constexpr struct {
               {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
               {sys::Op::kMknod, "mknod", EPERM}};
 
-// Every file below /etc/tarsis but the database, with its bytes; temporary names
-// end in "XXXXXX", and the time a dhcpd.conf block was written is masked.
+// The files below /etc/tarsis but the database; temporary names end in "XXXXXX", times masked.
 std::map<std::string, std::string> Files() {
   std::map<std::string, std::string> files;
   for (const auto& e : fs::recursive_directory_iterator("/etc/tarsis")) {

@@ -1,5 +1,4 @@
-// Vnet names, per-vnet settings, options, the default bridge vnet, and automatic subnet
-// assignment against the scripted ping tool.
+// Vnet names and settings, options, the default bridge vnet, and subnet assignment.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -38,8 +37,7 @@ using VnetSettings = LoadedLibraryTest;
 TEST_F(VnetSettings, Accessors) {
   Load(
       "answer VNET_4_DISPLAY_NAME fifteen-chars!!\nanswer VNET_1_DHCP YES\nanswer VNET_2_DHCP yes\n"
-      "answer VNET_3_DHCP true\nanswer VNET_6_NAT yEs\nanswer VNET_6_VIRTUAL_ADAPTER_NAME "
-      "h-long-name\n"
+      "answer VNET_3_DHCP true\nanswer VNET_6_NAT yEs\nanswer VNET_6_VIRTUAL_ADAPTER_NAME h-long\n"
       "answer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.3.254\nanswer VNET_7_HOSTONLY_SUBNET 10.0.7.255\n");
   ASSERT_TRUE(PLRSetVnetCfg(PLR_VNET_NONE, "MTU", "9000"));
   EXPECT_STREQ(PLRGetVnetCfg(-1, "MTU"), "9000");
@@ -65,7 +63,7 @@ TEST_F(VnetSettings, Accessors) {
   EXPECT_EQ(Database(), before + "remove_answer VNET_1_DHCP\nanswer VNET_1_DHCP no\n");
   // The adapter name defaults to the vnet name cut to the buffer; a stored one must fit.
   EXPECT_TRUE(PLRGetVnetVirtAdapter(123, buf, 6) && !strcmp(buf, "kavix"));
-  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, 11));
+  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, 6));
   // The adapter address: stored (it must fit), or the subnet plus one on request when it fits.
   for (auto [vnet, size, compute, address] : {std::tuple{3, 16, false, "10.0.3.254"},
                                               {3, 10, true, ""},
@@ -80,14 +78,11 @@ TEST_F(VnetSettings, Accessors) {
   EXPECT_EQ(PLRGetVnetCfg(7, "VIRTUAL_ADAPTER_ADDR"), nullptr) << "the default is not stored";
 }
 
-// A switch turned off with removeConfig drops its own settings and records only; on a full
-// disk a failed NAT removal does not fail the call, the others do.
+// Switching off with removeConfig drops its own settings only; a failed NAT cleanup is not fatal.
 TEST_F(VnetSettings, SwitchesOffDropTheirOwnSettingsOnlyWithRemoveConfig) {
   const char* kRecords =
-      "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\nanswer VNET_3_NAT_PARAM_DEVICE "
-      "/dev/k3\n"
-      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\nadd_nat_portfwd 3 tcp 80 192.168.3.10 "
-      "80 w\n"
+      "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\nanswer VNET_3_NAT_PARAM_DEVICE /k\n"
+      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\nadd_nat_portfwd 3 tcp 80 1.2.3.4 80\n"
       "answer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.3.1\nanswer VNET_3_VIRTUAL_ADAPTER_NAME h3\n";
   const std::function<bool(bool)> offs[] = {
       [](bool rm) { return PLRSetVnetUseDHCP(3, false, rm); },
@@ -148,8 +143,7 @@ TEST_F(VnetSettings, OptionsAndSubnetGiveBack) {
     EXPECT_TRUE(table.entries[i].subnet != 0xC0A80A00u || table.entries[i].taken == 0);
 }
 
-// A load caches 0 (also when absent) or -1 and refuses anything else (nor is
-// the option bridged then); answer changes do not move the cache, a set stores any value.
+// A load caches 0 (when absent too) or -1, refusing others; answers do not move the cache.
 TEST_F(VnetSettings, DefaultBridgeVnetCache) {
   for (auto [records, cached] : {std::pair{"", 0u},
                                  {"answer PLR_DEFAULT_BRIDGE_VNET -1\n", PLR_VNET_NONE},
@@ -210,8 +204,7 @@ TEST_F(Subnet, CandidatesInFixedOrderLeaveOutConfiguredSubnetsAndAreShuffledOnce
   EXPECT_TRUE(shuffled != all && std::is_permutation(all.begin(), all.end(), shuffled.begin()));
 }
 
-// Ten candidates per call from position 1 on, each marked taken; the next call goes on from
-// there, skipping those marked ahead. Past the last only the zero entry beyond is tried, once.
+// Ten untaken candidates per call from position 1 on; past the end only entry 0, once.
 TEST_F(Subnet, ProbeTriesTenCandidatesPerCallAndMovesOn) {
   Load();
   SetPingRules("* 0\n");
