@@ -1,5 +1,4 @@
-// The built shared library as a client sees it: exported symbols, SONAME,
-// runtime dependencies, and an install that a plain C99 client can use.
+// The shared library as a client sees it: exports, SONAME, dependencies, a usable install.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -28,8 +27,8 @@ TEST(Abi, SonameAndOnlySystemDependencies) {
             "");
 }
 
-// The C99 client builds and runs from a fresh install prefix with nothing but
-// pkg-config, whose relocatable .pc file may name directories through "..".
+// The C99 client builds and runs from a fresh install prefix with nothing but pkg-config
+// (whose relocatable .pc file may name directories through "..").
 TEST(Install, LibraryHeadersAndPkgConfigWorkFromAnyPrefix) {
   char tmpl[] = "/tmp/plr-install.XXXXXX";
   ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -39,12 +38,11 @@ TEST(Install, LibraryHeadersAndPkgConfigWorkFromAnyPrefix) {
             0);
   std::string pcDir = Capture("dirname \"$(find " + prefix + " -name pelorus.pc)\"");
   pcDir.pop_back();
-  const std::string libdir = pcDir.substr(0, pcDir.rfind('/'));
+  const std::string libdir = pcDir.substr(0, pcDir.rfind('/')), client = prefix + "/client";
   const std::string pkg = "PKG_CONFIG_PATH=" + pcDir + " pkg-config --cflags --libs pelorus";
   EXPECT_EQ(Capture("for w in $(" + pkg +
                     "); do case $w in -[IL]*) realpath -m \"${w#-?}\";; -l*) echo $w;; esac; done"),
             prefix + "/include\n" + libdir + "\n-lpelorus\n");
-  const std::string client = prefix + "/client";
   ASSERT_EQ(test::Run("cc -std=c99 -pedantic -Werror $(nm -D " + kLib +
                       " | grep -q __asan_init && echo -fsanitize=address,undefined) " +
                       SourceDir() + "/tests/c99/client.c $(" + pkg + ") -o " + client),

@@ -1,5 +1,4 @@
-// Host adapters of the sandbox's kernel, bridge mappings, the default bridge
-// vnet, the host adapter list and adapter moves with the fixture bridge daemons.
+// Host adapters, bridge mappings, the default bridge vnet and adapter moves with bridge daemons.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
@@ -7,7 +6,6 @@
 #include <algorithm>
 #include <map>
 #include <regex>
-#include <string>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -50,8 +48,7 @@ TEST(HostAdapters, EthernetLinksWithDriverAndCarrier) {
                           {"tap0", "tun/2"},
                           {"kavix1", "veth/2"},
                           {"abcdefghijklmno", "veth/2"}}));
-  // A failed driver query keeps the adapter without a driver name; a failed
-  // netlink socket or receive fails the call.
+  // A failed driver query leaves the driver name empty; a failed socket or receive fails.
   for (sys::Op op : {sys::Op::kSocket, sys::Op::kIoctl}) {
     sys::FailFrom(op, op == sys::Op::kSocket ? 2 : 1, EOPNOTSUPP);
     EXPECT_EQ(Enumerate()["tap0"], "/2");
@@ -67,10 +64,8 @@ TEST(HostAdapters, EthernetLinksWithDriverAndCarrier) {
 }
 
 TEST(HostAdapters, ReplySpreadOverSeveralReceives) {
-  ASSERT_EQ(
-      plr::test::Run(
-          "for i in $(seq 60); do echo link add va$i type veth peer name vb$i; done | ip -b -"),
-      0);
+  ASSERT_EQ(plr::test::Run("seq 60 | sed 's/.*/link add va& type veth peer name vb&/' | ip -b -"),
+            0);
   EXPECT_EQ(Enumerate().size(), 120u);
   EXPECT_GE(sys::CallCount(sys::Op::kRead), 2u);
 }
@@ -99,14 +94,8 @@ std::string VnetOf(const char* adapter) {
          std::to_string(static_cast<int>(defaultBridge));
 }
 
-PLR_HostAdapter Adapter(const char* name) {
-  PLR_HostAdapter adapter{};
-  adapter.version = 1;
-  strcpy(adapter.name, name);
-  return adapter;
-}
-
-const PLR_HostAdapter eth0 = Adapter("eth0"), eth1 = Adapter("eth1");
+const PLR_HostAdapter eth0{1, nullptr, {}, 0, "", "", "eth0"},
+    eth1{1, nullptr, {}, 0, "", "", "eth1"};
 const PLR_NetworkID zero{1, 1, 0}, two{1, 1, 2}, none{1, 1, PLR_VNET_NONE};
 
 class Bridge : public LoadedLibraryTest {
@@ -121,8 +110,7 @@ class Bridge : public LoadedLibraryTest {
     for (uint32_t vnet : {0, 2}) PLRServiceStop(vnet, PLR_SERVICE_BRIDGE);
     LoadedLibraryTest::TearDown();
   }
-  // The running bridge daemon of `vnet` as "pid: command line" without the
-  // status descriptor (whatever number the pipe got); "" when none runs.
+  // The bridge daemon of `vnet` as "pid: command line" without its status descriptor; "" if none.
   static std::string Daemon(uint32_t vnet) {
     const pid_t pid = PidInFile("/var/run/kavix-bridge-" + std::to_string(vnet) + ".pid");
     if (!ProcessAlive(pid)) return "";
@@ -179,17 +167,13 @@ TEST_F(Bridge, MappingsAndTheHostAdapterList) {
   EXPECT_EQ(VnetOf("eth0") + " " + VnetOf("eth1"), "-1/-1 3/-1");
 }
 
-TEST(BridgeUnloaded, FreeingNeedsNoLibraryAndTheRestIsRefused) {
-  PLR_FreeHostAdapterList(nullptr);
-  PLR_NetworkID id = zero;
+TEST_F(Bridge, RefusalsAndNoOpsChangeNothing) {
+  PLR_FreeHostAdapterList(nullptr);  // needs no library; the rest does
+  PLR_NetworkID id{1, 7, 99}, three{1, 1, 3}, badType{1, 2, 2};
   PLR_HostAdapterList* list = nullptr;
   EXPECT_FALSE(PLR_GetBridgeDefaultNetwork(&id) || PLR_GetHostAdapterList(1, &list));
-}
-
-TEST_F(Bridge, RefusalsAndNoOpsChangeNothing) {
   Load("answer PLR_DEFAULT_BRIDGE_VNET -1\nadd_bridge_mapping eth1 2\n");
   const std::string before = Database();
-  PLR_NetworkID id{1, 7, 99}, three{1, 1, 3}, badType{1, 2, 2};
   EXPECT_TRUE(PLR_GetBridgeDefaultNetwork(&id) && id.netType == 1 && id.vnet == PLR_VNET_NONE);
   id.version = 2;
   EXPECT_FALSE(PLR_GetBridgeDefaultNetwork(&id) || PLR_GetBridgeDefaultNetwork(nullptr));
@@ -230,7 +214,6 @@ TEST_F(Bridge, MovingAnAdapterRestartsBothDaemonsAndDisplacesTheOldOne) {
   EXPECT_EQ(
       Args(0) + "|" + Args(2),
       " -d /var/run/kavix-bridge-0.pid -n 0 -eeth0 | -d /var/run/kavix-bridge-2.pid -n 2 -ieth0 ");
-  // To nothing, and from nothing back to the default bridge.
   ASSERT_TRUE(PLR_BridgeMoveAdapter(&eth1, nullptr, &none));
   EXPECT_EQ(VnetOf("eth1"), "-1/0");
   ASSERT_TRUE(PLR_BridgeMoveAdapter(&eth1, &none, nullptr));
@@ -244,17 +227,13 @@ TEST_F(Bridge, MovingAnAdapterRestartsBothDaemonsAndDisplacesTheOldOne) {
   EXPECT_EQ(VnetOf("eth0"), "-1/-1");
 }
 
-// A failed daemon restart (of either vnet) undoes the change: mappings,
-// default and running daemons as before, also after a reload. A read-only
-// database moves in the cache only and touches no daemon.
+// A failed restart of either daemon undoes the change; a read-only database touches no daemon.
 TEST_F(Bridge, FailedRestartsRollBackAndReadOnlyTouchesNoDaemon) {
   for (int failingFork : {1, 2, 0}) {
     LoadAndStart();
     const std::string daemons = Daemon(0) + Daemon(2), args = Args(0) + Args(2), db = Database();
-    if (failingFork == 0) {
-      PLR_Unload();
-      ASSERT_TRUE(PLR_Load(true));
-    }
+    if (failingFork == 0) PLR_Unload();
+    ASSERT_TRUE(failingFork != 0 || PLR_Load(true));
     sys::FailNth(sys::Op::kFork, failingFork ? failingFork : 1, EAGAIN);
     EXPECT_EQ(PLR_BridgeMoveAdapter(&eth0, nullptr, &two), failingFork == 0);
     sys::ClearFaults();
@@ -270,9 +249,7 @@ TEST_F(Bridge, FailedRestartsRollBackAndReadOnlyTouchesNoDaemon) {
       ASSERT_TRUE(PLR_Load(false));
       EXPECT_EQ(Bridged(2) + VnetOf("eth0"), "eth1:2 0/0");
     }
-    if (failingFork == 0) {
-      EXPECT_EQ(Database(), db);
-    }
+    EXPECT_EQ(failingFork ? db : Database(), db) << "read-only: the file is untouched";
     TearDown();
   }
 }

@@ -1,4 +1,4 @@
-// The walk over netlink reply buffers, fed with crafted replies: no kernel.
+// The walk over netlink reply buffers, fed with crafted replies.
 #include <gtest/gtest.h>
 #include <net/if.h>
 // after net/if.h, which the kernel headers must not redefine
@@ -66,8 +66,6 @@ TEST(NetlinkWalk, Replies) {
        "bypid+ byseq+ last+ ", true},
       {Link("abcdefghijklmnop") + Link("abcdefghijklmno"), "abcdefghijklmno+ ", true},
       {Msg(Info() + mtu) + Link("") + Msg(Info() + Attr(IFLA_IFNAME, "eth7")), "eth7+ ", true},
-      {Msg(Info() + Attr(IFLA_IFNAME, "first\0"s) + Attr(IFLA_IFNAME, "second\0"s)), "second+ ",
-       true},
       {Msg(Info() + Attr(IFLA_IFNAME, "eth0\0"s, 200)) +
            Msg(Info() + Attr(IFLA_IFNAME, "eth1\0"s, 2)),
        "", true},
@@ -75,10 +73,8 @@ TEST(NetlinkWalk, Replies) {
       {Msg(Info() + Attr(IFLA_IFNAME, "eth0xyz\0"s), RTM_NEWLINK, 1, 0, 0, 40), "eth0xyz+ ", false},
       {Msg(Info() + Attr(IFLA_IFNAME, "eth0xyz\0"s), RTM_NEWLINK, 1, 0, 0, 40).substr(0, 40), "",
        false},
-      {Msg("\1\0\1\0"s) + Link("eth0"), "eth0+ ", true},  // too short for an interface
       {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 41) + Link("eth1"), "eth0+ eth1+ ", true},  // rounded up
       {Link("eth0").substr(0, 15), "", false},
-      {Msg("", RTM_NEWLINK, 1, 0, 2, 15) + Link("eth0"), "", false},
       {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 49), "", false}};
   for (const auto& r : rows) {
     for (size_t offset : {0, 1}) {  // aligned and not

@@ -1,6 +1,5 @@
-/* A plain C99 client of the public header: it compiles with -pedantic, links
- * libpelorus.so, loads a database, reads an answer and unloads; the exit
- * status names the step that failed. It runs in a private namespace. */
+/* A plain C99 client: loads a database, reads an answer, unloads; the exit status names the
+ * step that failed. It runs in a private namespace. */
 #include <pelorus.h>
 #include <stdio.h>
 

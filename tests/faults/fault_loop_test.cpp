@@ -1,9 +1,6 @@
-// Each representative write (records added and removed, subnet assignment,
-// bridge move, import, merge, compaction, generated files) with each file
-// system call failing at N = 1, 2, ... until the write no longer reaches it.
-// Then cache and file agree, no descriptor leaked, and a reported failure
-// leaves the cache as before, no temporary file or restore point, and every
-// other file under /etc/tarsis as before or as a successful call leaves it.
+// Each kind of write with each file system call failing at N = 1, 2, ... until the write no longer
+// reaches it. Then cache and file agree, no descriptor leaked, and a reported failure leaves the
+// cache as before, no temporary file, and every other file as before or as a success leaves it.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -15,8 +12,7 @@
 
 #include "base/sys-util.h"
 #include "pelorus.h"
-#include "tests/support/services_util.h"
-#include "tests/support/vnet_util.h"
+#include "tests/support/svcfiles_util.h"
 
 namespace plr::test {
 namespace {
@@ -34,11 +30,12 @@ constexpr const char* kSeed =
     "add_nat_portfwd 1 tcp 80 192.168.1.10 80 web\nadd_nat_prefix 1 fd00:1::/64\n"
     "add_bridge_mapping eth1 2\n";
 
+// `prepare` runs without faults before the snapshot; `unloads`: the call ends unloaded.
 struct Operation {
   const char* name;
-  std::function<void()> prepare;  // runs without faults, before the snapshot
-  std::function<bool()> run;      // the write under test
-  bool unloads = false;           // the call ends with the library unloaded
+  std::function<void()> prepare;
+  std::function<bool()> run;
+  bool unloads = false;
 };
 void PrintTo(const Operation& op, std::ostream* os) {
   *os << op.name;
@@ -74,8 +71,7 @@ const Operation kOperations[] = {
      [] { return PLRNetCfgMergeConfig(kBackup); }},
     {"CompactionAtUnload", [] { ASSERT_TRUE(PLR_SetVnetMTU("kavix1", 1400)); },
      [] { return PLR_Unload(), false; }, true},
-    {"CreateOverwrite", nullptr, [] { return PLR_Unload2(0), PLR_CreateNetworkingDB(true); },
-     true},
+    {"CreateOverwrite", nullptr, [] { return PLR_Unload2(0), PLR_CreateNetworkingDB(true); }, true},
     {"DhcpConfRewrite",
      [] {
        ASSERT_TRUE(PLR_UpdateDHCPFromConfig("kavix1"));
@@ -101,37 +97,27 @@ constexpr struct {
               {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
               {sys::Op::kMknod, "mknod", EPERM}};
 
-// Every file below /etc/tarsis but the database, with its bytes; temporary names
-// end in "XXXXXX", and the time a dhcpd.conf block was written reads "TIME".
+// The files below /etc/tarsis but the database; temporary names end in "XXXXXX", times masked.
 std::map<std::string, std::string> Files() {
-  constexpr std::string_view kStamp = "# Written at: ";
   std::map<std::string, std::string> files;
   for (const auto& e : fs::recursive_directory_iterator("/etc/tarsis")) {
     std::string name = e.path();
     if (!e.is_regular_file() || name == kDatabasePath) continue;
     if (e.path().filename().string().rfind(".networking.", 0) == 0)
       name.replace(name.size() - 6, 6, "XXXXXX");
-    std::string text = ReadFile(e.path());
-    for (size_t at = text.find(kStamp); at != std::string::npos; at = text.find(kStamp, at + 1))
-      text.replace(at + kStamp.size(), text.find('\n', at) - at - kStamp.size(), "TIME");
-    files[name] = std::move(text);
+    files[name] = MaskWrittenAt(ReadFile(e.path()));
   }
   return files;
 }
 
-// A cache (nullptr: the default one), or the file through a private read-only one, as text.
-std::string StateOf(PLRNetworkConfigurationDB* db) {
-  char* text = nullptr;
-  if (!PLRNetCfgExportConfigToBuffer(db, &text, false, true)) return "<export failed>";
-  std::string state(text);
-  free(text);
-  return state;
-}
-std::string StateOfFile() {
+// The default cache, or (`file`) the file through a private read-only one, as text.
+std::string State(bool file) {
   PLRNetworkConfigurationDB* db = nullptr;
-  if (!PLRNetCfgLoad(kDatabasePath, &db, false, true)) return "<load failed>";
-  std::string state = StateOf(db);
-  PLRNetCfgUnload(&db, false);
+  char* text = nullptr;
+  if (file && !PLRNetCfgLoad(kDatabasePath, &db, false, true)) return "<load failed>";
+  std::string state = PLRNetCfgExportConfigToBuffer(db, &text, false, true) ? text : "<failed>";
+  free(text);
+  if (file) PLRNetCfgUnload(&db, false);
   return state;
 }
 
@@ -161,7 +147,7 @@ TEST_P(FaultLoop, EveryFailedCallLeavesFileCacheAndFilesConsistent) {
       SCOPED_TRACE(std::string(call.name) + " #" + std::to_string(n));
       Fresh();
       if (HasFatalFailure()) return;
-      const std::string stateBefore = StateOf(nullptr);
+      const std::string stateBefore = State(false);
       const auto filesBefore = Files();
       const size_t fdsBefore = OpenFds().size();
       sys::FailNth(call.op, n, call.err);
@@ -169,10 +155,8 @@ TEST_P(FaultLoop, EveryFailedCallLeavesFileCacheAndFilesConsistent) {
       const bool reached = sys::CallCount(call.op) >= n;
       sys::ClearFaults();
       EXPECT_LE(OpenFds().size(), fdsBefore) << "a descriptor leaked";
-      const std::string cache = op.unloads ? stateBefore : StateOf(nullptr);
-      if (!op.unloads || !ok) {
-        EXPECT_EQ(StateOfFile(), cache);
-      }
+      const std::string cache = op.unloads ? stateBefore : State(false);
+      EXPECT_EQ(op.unloads && ok ? cache : State(true), cache) << "file and cache agree";
       if (!reached) break;
       ++injected;
       if (ok) continue;  // a failure the operation works around

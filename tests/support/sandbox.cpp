@@ -3,66 +3,48 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <net/if.h>
 #include <sched.h>
 #include <signal.h>
-#include <stdio.h>
 #include <string.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "pelorus.h"
 
 namespace plr::test {
 namespace {
 
-bool Fail(const char* what, const std::string& detail = "") {
+bool Fail(const char* what, const std::string& detail) {
   fprintf(stderr, "sandbox: %s %s: %s\n", what, detail.c_str(), strerror(errno));
   return false;
 }
 
 bool MountTmpfs(const char* target, const char* options = "mode=0755") {
-  if (mount("tmpfs", target, "tmpfs", MS_NOSUID, options) != 0) return Fail("tmpfs on", target);
-  return true;
+  return mount("tmpfs", target, "tmpfs", MS_NOSUID, options) == 0 || Fail("tmpfs on", target);
 }
 
 bool MkdirP(const std::string& path) {
-  for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
-    const std::string partial = path.substr(0, at);
-    if (mkdir(partial.c_str(), 0755) != 0 && errno != EEXIST) return Fail("mkdir", partial);
-    if (at == std::string::npos) return true;
-  }
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  return !error || (errno = error.value(), Fail("mkdir", path));
 }
 
-// Binds `dir` back over a freshly covered parent, from a descriptor opened
-// while it was still visible.
-bool BindBack(int fd, const std::string& dir) {
-  if (!MkdirP(dir)) return false;
-  std::string source = "/proc/self/fd/" + std::to_string(fd);
-  if (mount(source.c_str(), dir.c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-    return Fail("bind back", dir);
-  return true;
-}
-
+// The checkout and build tree are bound back over a fresh /tmp when they live there.
 bool CoverTmp() {
   std::vector<std::pair<int, std::string>> keep;
-  for (const char* dir : {SourceDir(), BinaryDir()}) {
-    if (strncmp(dir, "/tmp/", 5) != 0) continue;
-    int fd = open(dir, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return Fail("open", dir);
-    keep.emplace_back(fd, dir);
-  }
+  for (const char* dir : {SourceDir(), BinaryDir()})
+    if (strncmp(dir, "/tmp/", 5) == 0) keep.emplace_back(open(dir, O_PATH | O_CLOEXEC), dir);
   if (!MountTmpfs("/tmp", "mode=1777")) return false;
   for (auto& [fd, dir] : keep) {
-    if (!BindBack(fd, dir)) return false;
+    const std::string source = "/proc/self/fd/" + std::to_string(fd);
+    if (fd < 0 || !MkdirP(dir) || mount(source.c_str(), dir.c_str(), nullptr, MS_BIND | MS_REC, 0))
+      return Fail("bind back", dir);
     close(fd);
   }
   return true;
@@ -75,40 +57,26 @@ bool CoverEtc() {
   if (!MkdirP("/run/plr-etc/upper") || !MkdirP("/run/plr-etc/work")) return false;
   const char* options = "lowerdir=/etc,upperdir=/run/plr-etc/upper,workdir=/run/plr-etc/work";
   if (mount("overlay", "/etc", "overlay", 0, options) != 0) return Fail("overlay on", "/etc");
-  if (!MkdirP("/etc/tarsis")) return false;
-  return MountTmpfs("/etc/tarsis");
+  return MkdirP("/etc/tarsis") && MountTmpfs("/etc/tarsis");
 }
 
 bool CoverDev() {
-  if (!MountTmpfs("/dev")) return false;
-  struct Node {
+  const struct {
     const char* path;
     unsigned major, minor;
-  };
-  const Node nodes[] = {{"/dev/null", 1, 3},      {"/dev/zero", 1, 5},    {"/dev/full", 1, 7},
-                        {"/dev/random", 1, 8},    {"/dev/urandom", 1, 9}, {"/dev/tty", 5, 0},
-                        {"/dev/net/tun", 10, 200}};
-  if (!MkdirP("/dev/net") || !MkdirP("/dev/pts") || !MkdirP("/dev/shm")) return false;
-  for (const Node& n : nodes)
+  } nodes[] = {{"/dev/null", 1, 3},      {"/dev/zero", 1, 5},    {"/dev/full", 1, 7},
+               {"/dev/random", 1, 8},    {"/dev/urandom", 1, 9}, {"/dev/tty", 5, 0},
+               {"/dev/net/tun", 10, 200}};
+  if (!MountTmpfs("/dev") || !MkdirP("/dev/net") || !MkdirP("/dev/pts") || !MkdirP("/dev/shm"))
+    return false;
+  for (const auto& n : nodes)
     if (mknod(n.path, S_IFCHR | 0666, makedev(n.major, n.minor)) != 0) return Fail("mknod", n.path);
-  if (!MountTmpfs("/dev/shm", "mode=1777")) return false;
-  symlink("/proc/self/fd", "/dev/fd");
-  symlink("/proc/self/fd/0", "/dev/stdin");
-  symlink("/proc/self/fd/1", "/dev/stdout");
-  symlink("/proc/self/fd/2", "/dev/stderr");
-  return true;
-}
-
-bool LoopbackUp() {
-  int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Fail("socket", "");
-  struct ifreq ifr = {};
-  strcpy(ifr.ifr_name, "lo");
-  bool ok = ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
-  ifr.ifr_flags |= IFF_UP;
-  ok = ok && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
-  close(fd);
-  return ok || Fail("bring up", "lo");
+  const char* links[][2] = {{"/dev/fd", "/proc/self/fd"},
+                            {"/dev/stdin", "/proc/self/fd/0"},
+                            {"/dev/stdout", "/proc/self/fd/1"},
+                            {"/dev/stderr", "/proc/self/fd/2"}};
+  for (auto& link : links) symlink(link[1], link[0]);
+  return MountTmpfs("/dev/shm", "mode=1777");
 }
 
 }  // namespace
@@ -123,37 +91,19 @@ bool EnterSandbox() {
     return Fail("make private", "/");
   // /run first: /var/run points into it, and the /etc overlay keeps its upper layer there.
   return MountTmpfs("/run") && CoverEtc() && MountTmpfs("/var/log") && CoverTmp() && CoverDev() &&
-         LoopbackUp();
+         (Run("ip link set lo up") == 0 || Fail("bring up", "lo"));
 }
 
 void KillStragglers() {
-  struct stat self;
+  struct stat self, ns;
+  std::error_code error;
   if (stat("/proc/self/ns/net", &self) != 0) return;
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return;
-  while (struct dirent* entry = readdir(proc)) {
-    char* end;
-    long pid = strtol(entry->d_name, &end, 10);
-    if (*end != '\0' || pid <= 1 || pid == getpid()) continue;
-    struct stat ns;
-    std::string path = std::string("/proc/") + entry->d_name + "/ns/net";
-    if (stat(path.c_str(), &ns) == 0 && ns.st_ino == self.st_ino && ns.st_dev == self.st_dev)
-      kill(static_cast<pid_t>(pid), SIGKILL);
+  for (const auto& e : std::filesystem::directory_iterator("/proc", error)) {
+    const pid_t pid = atoi(e.path().filename().c_str());
+    if (pid > 1 && pid != getpid() && stat((e.path() / "ns/net").c_str(), &ns) == 0 &&
+        ns.st_ino == self.st_ino && ns.st_dev == self.st_dev)
+      kill(pid, SIGKILL);
   }
-  closedir(proc);
-}
-
-const char* SourceDir() {
-  return PLR_TEST_SOURCE_DIR;
-}
-const char* BinaryDir() {
-  return PLR_TEST_BINARY_DIR;
-}
-const char* FixtureBinDir() {
-  return PLR_TEST_FIXTURE_BINDIR;
-}
-const char* TestDataDir() {
-  return PLR_TEST_SOURCE_DIR "/tests/data";
 }
 
 void WriteFile(const std::string& path, const std::string& text, int mode) {
@@ -166,9 +116,7 @@ void WriteFile(const std::string& path, const std::string& text, int mode) {
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   EXPECT_TRUE(in.good()) << "cannot read " << path;
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  return buffer.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool FileExists(const std::string& path) {
@@ -176,8 +124,16 @@ bool FileExists(const std::string& path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-void WriteProductConfig() {
-  WriteFile("/etc/tarsis/config", std::string("bindir = \"") + FixtureBinDir() + "\"\n");
+std::vector<std::string> FileLines(const std::string& path) {
+  std::vector<std::string> lines;
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+void WriteProductConfig(const std::string& binDir) {
+  WriteFile("/etc/tarsis/config",
+            "bindir = \"" + (binDir.empty() ? FixtureBinDir() : binDir) + "\"\n");
 }
 
 void WriteDatabase(const std::string& records) {
@@ -185,9 +141,8 @@ void WriteDatabase(const std::string& records) {
 }
 
 int Run(const std::string& command) {
-  int status = system(command.c_str());
-  if (status == -1 || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  const int status = system(command.c_str());
+  return status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 std::string Capture(const std::string& command) {
@@ -236,14 +191,12 @@ bool ProcessAlive(pid_t pid) {
 }
 
 void SleepMs(unsigned ms) {
-  struct timespec ts = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
-  nanosleep(&ts, nullptr);
+  usleep(ms * 1000);
 }
 
 uint64_t NowMs() {
-  struct timespec ts;
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000 + static_cast<uint64_t>(ts.tv_nsec) / 1000000;
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 std::set<int> OpenFds() {

@@ -1,8 +1,5 @@
-// The private world every test case runs in: its own mount and network
-// namespace, fresh tmpfs over the fixed paths the library writes
-// (/etc/tarsis through an overlay of /etc, /var/log, /run, /tmp, /dev), the
-// checkout and build tree bound back when they live under /tmp, loopback up.
-// Each case runs in its own process, so library state never leaks between cases.
+// The private world of each test case (one process per case): own mount and network namespace,
+// tmpfs over /run, /var/log, /tmp, /dev and /etc/tarsis (over an /etc overlay), loopback up.
 #pragma once
 
 #include <stdint.h>
@@ -10,6 +7,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 namespace plr::test {
 
@@ -18,20 +16,29 @@ bool EnterSandbox();
 // Kills every process left in this sandbox's network namespace.
 void KillStragglers();
 
-// Paths baked in by the build.
-const char* SourceDir();
-const char* BinaryDir();
-const char* FixtureBinDir();  // the fixture daemons and ping tool
-const char* TestDataDir();    // tests/data in the checkout
+// Paths baked in by the build: checkout, build tree, fixture programs, tests/data.
+inline const char* SourceDir() {
+  return PLR_TEST_SOURCE_DIR;
+}
+inline const char* BinaryDir() {
+  return PLR_TEST_BINARY_DIR;
+}
+inline const char* FixtureBinDir() {
+  return PLR_TEST_FIXTURE_BINDIR;
+}
+inline const char* TestDataDir() {
+  return PLR_TEST_SOURCE_DIR "/tests/data";
+}
 
 // Small file helpers; they fail the test on errors.
 void WriteFile(const std::string& path, const std::string& text, int mode = 0644);
 std::string ReadFile(const std::string& path);
 bool FileExists(const std::string& path);
+// The lines of a file; none when it is missing.
+std::vector<std::string> FileLines(const std::string& path);
 
-// Writes "/etc/tarsis/config" naming the fixture BINDIR, and a networking
-// database holding `records` after its version line.
-void WriteProductConfig();
+// Writes the product config naming BINDIR (default: the fixtures); a database of `records`.
+void WriteProductConfig(const std::string& binDir = "");
 void WriteDatabase(const std::string& records = "");
 inline constexpr const char* kDatabasePath = "/etc/tarsis/networking";
 inline constexpr const char* kLogPath = "/var/log/pelorus";
@@ -45,8 +52,7 @@ std::string Capture(const std::string& command);
 std::string LogText();
 bool LogHas(const std::string& text);
 size_t LogCount(const std::string& text);
-// Sends the log of a library that is not loaded to the log file with every
-// level on; the next load or unload takes the stream over.
+// Logs an unloaded library to the log file at every level (the next load takes it over).
 void LogWhileUnloaded();
 
 // Whether `pid` names a live process (zombies count as gone).
@@ -61,9 +67,8 @@ bool WaitFor(Pred pred, unsigned timeoutMs) {
     SleepMs(10);
   }
 }
-// Monotonic milliseconds.
+// Monotonic milliseconds; the descriptors open in this process.
 uint64_t NowMs();
-// The descriptors open in this process.
 std::set<int> OpenFds();
 
 }  // namespace plr::test

@@ -15,8 +15,6 @@
 namespace plr::test {
 namespace {
 
-const char* const kDaemons[] = {"kavix-bridge", "kavix-netifup", "kavix-dhcpd", "kavix-natd"};
-
 // Only processes this suite starts are ever killed, even if a PID was reused.
 void KillIfOurs(pid_t pid) {
   if (pid <= 1 || !ProcessAlive(pid)) return;
@@ -24,14 +22,6 @@ void KillIfOurs(pid_t pid) {
   std::string comm;
   std::getline(in, comm);
   if (comm.rfind("kavix-", 0) == 0 || comm == "dhcpd" || comm == "dhclient") kill(pid, SIGKILL);
-}
-
-// Kills every fixture daemon (and real dhcpd) recorded as started.
-void KillFixtureDaemons() {
-  for (const char* daemon : kDaemons) {
-    std::ifstream in(std::string(kFixtureDir) + "/" + daemon + ".pids");
-    for (pid_t pid; in >> pid;) KillIfOurs(pid);
-  }
 }
 
 // Reaps every child that has ended, waiting up to 3 s for killed ones.
@@ -47,23 +37,18 @@ void ReapChildren() {
 
 void OnWatchdog(int) {
   const char msg[] = "test: watchdog expired, a library call is blocked\n";
-  ssize_t n = write(2, msg, sizeof msg - 1);
-  (void)n;
+  [[maybe_unused]] ssize_t n = write(2, msg, sizeof msg - 1);
   _exit(97);
 }
 
 // The lines of one of the daemon's record files.
 std::vector<std::string> RecordLines(const std::string& daemon, const char* suffix) {
-  std::vector<std::string> lines;
-  std::ifstream in(std::string(kFixtureDir) + "/" + daemon + suffix);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
+  return FileLines(std::string(kFixtureDir) + "/" + daemon + suffix);
 }
 
 }  // namespace
 
 void LoadedLibraryTest::SetUp() {
-  // Detached daemons are re-parented to us, so TearDown can reap them.
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0) << strerror(errno);
   ASSERT_TRUE(mkdir(kFixtureDir, 0755) == 0 || errno == EEXIST) << strerror(errno);
 }
@@ -72,14 +57,16 @@ void LoadedLibraryTest::TearDown() {
   while (plrContext.loadCount != 0) PLR_Unload();
   for (const char* report : {"Sanitizer", "runtime error:"})
     EXPECT_FALSE(LogHas(report)) << LogText();
-  KillFixtureDaemons();
+  for (const char* daemon : {"kavix-bridge", "kavix-netifup", "kavix-dhcpd", "kavix-natd"}) {
+    std::ifstream in(std::string(kFixtureDir) + "/" + daemon + ".pids");
+    for (pid_t pid; in >> pid;) KillIfOurs(pid);
+  }
   for (pid_t pid : extraPids_) KillIfOurs(pid);
   ReapChildren();
 }
 
 void LoadedLibraryTest::Load(const std::string& records, const std::string& binDir) {
-  WriteFile("/etc/tarsis/config",
-            "bindir = \"" + (binDir.empty() ? FixtureBinDir() : binDir) + "\"\n");
+  WriteProductConfig(binDir);
   WriteDatabase(records);
   ASSERT_TRUE(PLR_Load(false));
   ASSERT_TRUE(PLR_SetCurrentLogLevel(PLR_LOG_MAX_LEVEL));
@@ -92,16 +79,12 @@ void SetDaemonMode(const std::string& daemon, const std::string& text) {
 
 pid_t PidInFile(const std::string& path) {
   std::ifstream in(path);
-  long pid = -1;
-  if (!(in >> pid)) return -1;
-  return static_cast<pid_t>(pid);
+  pid_t pid = -1;
+  return in >> pid ? pid : -1;
 }
 
 Watchdog::Watchdog(unsigned seconds) {
-  struct sigaction sa;
-  memset(&sa, 0, sizeof sa);
-  sa.sa_handler = OnWatchdog;
-  sigaction(SIGALRM, &sa, nullptr);
+  signal(SIGALRM, OnWatchdog);
   alarm(seconds);
 }
 

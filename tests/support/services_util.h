@@ -1,5 +1,4 @@
-// The one test fixture: a library loaded on a written database in the
-// sandbox, and the fixture daemons it may start, all stopped again at the end.
+// The one test fixture: a library loaded on a written database, and the daemons it starts.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,22 +11,18 @@
 
 namespace plr::test {
 
-// Where the fixture daemons record their start and read their switches
-// (kept equal to kavix_fixture::kFixtureDir).
+// Where the fixture daemons record their starts and read their modes.
 inline constexpr const char* kFixtureDir = "/tmp/kavix-fixture";
 
-// SetUp makes the test process the reaper of the daemons it starts; TearDown
-// unloads the library, kills by PID every fixture daemon (and real dhcpd)
-// that was started, reaps what is left and fails on sanitizer reports that
-// forked children wrote to the log.
+// SetUp makes the test the reaper of the daemons it starts; TearDown unloads, kills every
+// daemon started, reaps them and fails on sanitizer reports forked children logged.
 class LoadedLibraryTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
-  // Writes the product configuration (bindir = `binDir`, the fixtures when
-  // empty) and a database holding `records`, loads the library and turns
-  // every log level on.
+  // Writes the config (bindir `binDir`, default the fixtures) and a database of `records`,
+  // loads the library and turns every log level on.
   void Load(const std::string& records = "", const std::string& binDir = "");
   // The database file as it is on disk now.
   std::string Database() const { return ReadFile(kDatabasePath); }
@@ -43,29 +38,16 @@ void SetDaemonMode(const std::string& daemon, const std::string& text);
 // The PID written in a PID file, or -1 when it is missing or not a number.
 pid_t PidInFile(const std::string& path);
 
-// Makes the process die with a message if the scope lasts longer than
-// `seconds`: a library call blocked on a broken fixture fails the test
-// instead of hanging it.
+// Kills the process with a message if the scope outlasts `seconds` (a blocked call fails).
 class Watchdog {
  public:
   explicit Watchdog(unsigned seconds);
   ~Watchdog();
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
 };
 
 namespace svc {
 
-using plr::test::LogCount;
-using plr::test::LogHas;
-using plr::test::LogText;
-using plr::test::OpenFds;
-using plr::test::PidInFile;
-using plr::test::ProcessAlive;
-using plr::test::WaitFor;
-
-// The services tests load with the log mask stored in the database, so the
-// load itself is logged at every level.
+// Loads with the log mask stored in the database, so the load itself is logged in full.
 class ServiceTest : public LoadedLibraryTest {
  protected:
   void Load(const std::string& records, const std::string& binDir = "") {

@@ -1,5 +1,5 @@
-// Test support for the service-file generators: a vnet set up in a loaded
-// database, the generated files' paths and the real DHCP server's syntax check.
+// Test support for the service-file generators: vnet records, the generated files' paths and
+// the real DHCP server's syntax check.
 #pragma once
 
 #include <string>
@@ -10,11 +10,24 @@
 namespace plr::test {
 
 // Paths of vnet `vnet`'s generated files under the default CONFIGDIR.
-std::string DhcpConfPath(unsigned vnet);
-std::string DhcpBackupPath(unsigned vnet);
-std::string DhcpLeasesPath(unsigned vnet);
-std::string NatConfPath(unsigned vnet);
-std::string NatBackupPath(unsigned vnet);
+inline std::string VnetPath(unsigned vnet, const char* rest) {
+  return "/etc/tarsis/kavix" + std::to_string(vnet) + rest;
+}
+inline std::string DhcpConfPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.conf");
+}
+inline std::string DhcpBackupPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.conf.bak");
+}
+inline std::string DhcpLeasesPath(unsigned vnet) {
+  return VnetPath(vnet, "/dhcpd/dhcpd.leases");
+}
+inline std::string NatConfPath(unsigned vnet) {
+  return VnetPath(vnet, "/nat/nat.conf");
+}
+inline std::string NatBackupPath(unsigned vnet) {
+  return VnetPath(vnet, "/nat/nat.conf.bak");
+}
 
 // The database records of a vnet with a subnet, DHCP on and NAT as given.
 std::string VnetRecords(unsigned vnet, const std::string& subnet, const std::string& mask,

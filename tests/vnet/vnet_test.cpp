@@ -1,15 +1,11 @@
-// Per-vnet settings over the default database (vnet names, key forming, the
-// accessors and switches, the options, the default bridge vnet) and automatic
-// subnet assignment against the scripted ping tool.
+// Vnet names and settings, options, the default bridge vnet, and subnet assignment.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <string.h>
 
 #include <algorithm>
 #include <functional>
-#include <string>
 #include <tuple>
-#include <vector>
 
 #include "base/sys-util.h"
 #include "pelorus.h"
@@ -20,12 +16,12 @@ namespace plr::test {
 namespace {
 
 TEST(VnetNames, NameToNumberAndBack) {
-  const std::pair<const char*, uint32_t> good[] = {{"kavix0", 0},
-                                                   {"KaViX42", 42},
-                                                   {"kavix019", 19},
-                                                   {"kavix255", 255},
-                                                   {"kavix0000000000000000000000001", 1}};
-  for (const auto& [name, vnet] : good) EXPECT_EQ(PLRConvVnetNameToNum(name), vnet) << name;
+  for (auto [name, vnet] : {std::pair{"kavix0", 0u},
+                            {"KaViX42", 42u},
+                            {"kavix019", 19u},
+                            {"kavix255", 255u},
+                            {"kavix0000000000000000000000001", 1u}})
+    EXPECT_EQ(PLRConvVnetNameToNum(name), vnet) << name;
   for (const char* bad : {"kavix256", "kavix", "kavix1a", "kavix-1", "kavix2550", "xkavix1",
                           "kavix99999999999999999"})
     EXPECT_EQ(PLRConvVnetNameToNum(bad), PLR_VNET_NONE) << bad;
@@ -41,8 +37,7 @@ using VnetSettings = LoadedLibraryTest;
 TEST_F(VnetSettings, Accessors) {
   Load(
       "answer VNET_4_DISPLAY_NAME fifteen-chars!!\nanswer VNET_1_DHCP YES\nanswer VNET_2_DHCP yes\n"
-      "answer VNET_3_DHCP true\nanswer VNET_6_NAT yEs\nanswer VNET_6_VIRTUAL_ADAPTER_NAME "
-      "h-long-name\n"
+      "answer VNET_3_DHCP true\nanswer VNET_6_NAT yEs\nanswer VNET_6_VIRTUAL_ADAPTER_NAME h-long\n"
       "answer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.3.254\nanswer VNET_7_HOSTONLY_SUBNET 10.0.7.255\n");
   ASSERT_TRUE(PLRSetVnetCfg(PLR_VNET_NONE, "MTU", "9000"));
   EXPECT_STREQ(PLRGetVnetCfg(-1, "MTU"), "9000");
@@ -63,12 +58,12 @@ TEST_F(VnetSettings, Accessors) {
   // Booleans are "yes" in any case; an unchanged value writes nothing.
   for (uint32_t vnet = 1; vnet <= 4; ++vnet) EXPECT_EQ(PLRGetVnetUseDHCP(vnet), vnet <= 2) << vnet;
   EXPECT_TRUE(PLRGetVnetUseNAT(6) && !PLRGetVnetUseNAT(1));
-  EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", true) && PLRSetVnetCfgBool(8, "NAT", false));
-  EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", false));
+  EXPECT_TRUE(PLRSetVnetCfgBool(1, "DHCP", true) && PLRSetVnetCfgBool(8, "NAT", false) &&
+              PLRSetVnetCfgBool(1, "DHCP", false));
   EXPECT_EQ(Database(), before + "remove_answer VNET_1_DHCP\nanswer VNET_1_DHCP no\n");
   // The adapter name defaults to the vnet name cut to the buffer; a stored one must fit.
   EXPECT_TRUE(PLRGetVnetVirtAdapter(123, buf, 6) && !strcmp(buf, "kavix"));
-  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, 11));
+  EXPECT_FALSE(PLRGetVnetVirtAdapter(6, buf, 6));
   // The adapter address: stored (it must fit), or the subnet plus one on request when it fits.
   for (auto [vnet, size, compute, address] : {std::tuple{3, 16, false, "10.0.3.254"},
                                               {3, 10, true, ""},
@@ -83,15 +78,11 @@ TEST_F(VnetSettings, Accessors) {
   EXPECT_EQ(PLRGetVnetCfg(7, "VIRTUAL_ADAPTER_ADDR"), nullptr) << "the default is not stored";
 }
 
-// Each switch turned off with removeConfig drops its own settings and records
-// only; without removeConfig everything stays. On a full disk a failed NAT
-// removal does not fail the call, the others do.
+// Switching off with removeConfig drops its own settings only; a failed NAT cleanup is not fatal.
 TEST_F(VnetSettings, SwitchesOffDropTheirOwnSettingsOnlyWithRemoveConfig) {
   const char* kRecords =
-      "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\nanswer VNET_3_NAT_PARAM_DEVICE "
-      "/dev/k3\n"
-      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\nadd_nat_portfwd 3 tcp 80 192.168.3.10 "
-      "80 w\n"
+      "answer VNET_3_DHCP_PARAM_LEASE_START_IP 192.168.3.128\nanswer VNET_3_NAT_PARAM_DEVICE /k\n"
+      "add_dhcp_mac_to_ip 3 00:50:56:00:00:01 192.168.3.10\nadd_nat_portfwd 3 tcp 80 1.2.3.4 80\n"
       "answer VNET_3_VIRTUAL_ADAPTER_ADDR 10.0.3.1\nanswer VNET_3_VIRTUAL_ADAPTER_NAME h3\n";
   const std::function<bool(bool)> offs[] = {
       [](bool rm) { return PLRSetVnetUseDHCP(3, false, rm); },
@@ -138,8 +129,8 @@ TEST_F(VnetSettings, OptionsAndSubnetGiveBack) {
     EXPECT_EQ(PLRVnetIsOptionConfigured(2, option), option == PLR_VNET_OPTION_BRIDGE) << option;
   }
   // Bridged means the default bridge vnet (absent: 0) or an explicit mapping.
-  EXPECT_TRUE(PLRVnetIsOptionConfigured(0, PLR_VNET_OPTION_BRIDGE));
-  EXPECT_TRUE(PLRSetDefaultBridgeVnet(3) && PLRVnetIsOptionConfigured(3, PLR_VNET_OPTION_BRIDGE));
+  EXPECT_TRUE(PLRVnetIsOptionConfigured(0, PLR_VNET_OPTION_BRIDGE) && PLRSetDefaultBridgeVnet(3) &&
+              PLRVnetIsOptionConfigured(3, PLR_VNET_OPTION_BRIDGE));
   // A removed subnet can be handed out again; the mask goes after it.
   ASSERT_TRUE(PLRMarkSubnetUsed("192.168.10.0", true));
   const std::string before = Database();
@@ -152,8 +143,7 @@ TEST_F(VnetSettings, OptionsAndSubnetGiveBack) {
     EXPECT_TRUE(table.entries[i].subnet != 0xC0A80A00u || table.entries[i].taken == 0);
 }
 
-// A load caches 0 (also when absent) or -1 and refuses anything else (nor is
-// the option bridged then); answer changes do not move the cache, a set stores any value.
+// A load caches 0 (when absent too) or -1, refusing others; answers do not move the cache.
 TEST_F(VnetSettings, DefaultBridgeVnetCache) {
   for (auto [records, cached] : {std::pair{"", 0u},
                                  {"answer PLR_DEFAULT_BRIDGE_VNET -1\n", PLR_VNET_NONE},
@@ -173,16 +163,12 @@ TEST_F(VnetSettings, DefaultBridgeVnetCache) {
   }
 }
 
-std::string Text(uint32_t ip) {
-  char buf[16];
-  EXPECT_TRUE(PLRIPInt2Str(ip, buf));
-  return buf;
-}
-
+// The subnets at positions from..to (default: all) of a candidate table.
 std::vector<std::string> Subnets(const CandidateTable& table, uint32_t from = 0, uint32_t to = 0) {
   std::vector<std::string> out;
+  char buf[16];
   for (uint32_t i = from; i <= (to ? to : table.count - 1); ++i)
-    out.push_back(Text(table.entries[i].subnet));
+    out.push_back(PLRIPInt2Str(table.entries[i].subnet, buf) ? buf : "?");
   return out;
 }
 
@@ -205,10 +191,9 @@ TEST_F(Subnet, CandidatesInFixedOrderLeaveOutConfiguredSubnetsAndAreShuffledOnce
   AddSubnetCandidates(table);
   std::vector<std::string> all = Subnets(table);
   ASSERT_EQ(all.size(), 509u);
-  EXPECT_EQ(Subnets(table, 0, 8),
+  EXPECT_EQ(Subnets(table, 0, 4),
             (std::vector<std::string>{"172.16.0.0", "172.16.1.0", "192.168.2.0", "172.16.2.0",
-                                      "192.168.3.0", "172.16.3.0", "192.168.4.0", "172.16.4.0",
-                                      "192.168.5.0"}));
+                                      "192.168.3.0"}));
   EXPECT_EQ(all[9] + all[508], "192.168.6.0172.16.255.0") << "172.16.5.0 is configured";
   ASSERT_TRUE(PLRSetVnetSubnetAddr(2, "172.16.77.0"));
   EXPECT_FALSE(PLRSubnetUsed(0xAC104D00u)) << "the used list is read once";
@@ -216,21 +201,15 @@ TEST_F(Subnet, CandidatesInFixedOrderLeaveOutConfiguredSubnetsAndAreShuffledOnce
   std::vector<std::string> shuffled = Subnets(AvailSubnetTable());
   ASSERT_TRUE(PLRPopulateAvailSubnets());
   EXPECT_EQ(Subnets(AvailSubnetTable()), shuffled) << "filled once";
-  EXPECT_NE(shuffled, all);
-  std::sort(all.begin(), all.end());
-  std::sort(shuffled.begin(), shuffled.end());
-  EXPECT_EQ(shuffled, all);
+  EXPECT_TRUE(shuffled != all && std::is_permutation(all.begin(), all.end(), shuffled.begin()));
 }
 
-// Ten candidates per call from position 1 on, each marked taken; the next
-// call goes on from there, skipping candidates marked ahead of the cursor.
-// Past the last candidate only the zero entry one beyond is tried, once.
+// Ten untaken candidates per call from position 1 on; past the end only entry 0, once.
 TEST_F(Subnet, ProbeTriesTenCandidatesPerCallAndMovesOn) {
   Load();
   SetPingRules("* 0\n");
   char subnet[16] = "untouched", mask[16];
-  EXPECT_FALSE(PLRSubnetProbe(subnet, mask));
-  EXPECT_STREQ(subnet, "untouched");
+  EXPECT_FALSE(PLRSubnetProbe(subnet, mask) || strcmp(subnet, "untouched"));
   EXPECT_EQ(PingCalls(), Runs(1, 10));
   ASSERT_TRUE(PLRMarkSubnetUsed(Subnets(AvailSubnetTable(), 12, 12)[0].c_str(), true));
   ASSERT_TRUE(PLRMarkSubnetUsed(Subnets(AvailSubnetTable(), 5, 5)[0].c_str(), false));
@@ -245,22 +224,20 @@ TEST_F(Subnet, ProbeTriesTenCandidatesPerCallAndMovesOn) {
   CandidateTable& table = AvailSubnetTable();
   for (uint32_t i = 1; i < table.count; ++i) table.entries[i].taken = 1;
   WriteFile(kPingCallsPath, "");
-  EXPECT_FALSE(PLRSubnetProbe(subnet, mask) || PLRSubnetProbe(subnet, mask));
+  EXPECT_FALSE(PLRSubnetProbe(subnet, mask) || PLRSubnetProbe(subnet, mask) ||
+               table.entries[0].taken);
   EXPECT_EQ(PingCalls(), std::vector<std::string>{PingCommand("0.0.0.0")});
-  EXPECT_EQ(table.entries[0].taken, 0);
 }
 
-// Broadcast first: no reply (1) or code 2 decides free; no reply and then
-// the first host decides; a reply, any other code or a failed fork: used.
+// Broadcast first: no reply (1) or code 2 decides free; no reply and then the first host
+// decides; a reply, any other code or a failed fork: used. Runs: (b)roadcast, first (h)ost.
 TEST_F(Subnet, PingCheckOutcomes) {
   Load();
-  // rules, with broadcast, free, runs: (b)roadcast address, first (h)ost
   for (auto [rules, broadcast, free, runs] : {std::tuple{"", true, true, "bh"},
                                               {"10.1.2.1 0\n", true, false, "bh"},
                                               {"10.1.2.1 2\n", true, true, "bh"},
                                               {"10.1.2.0 2\n* 0\n", true, true, "b"},
                                               {"10.1.2.0 0\n", true, false, "b"},
-                                              {"10.1.2.0 3\n", true, false, "b"},
                                               {"10.1.2.0 0\n", false, true, "h"},
                                               {"10.1.2.1 0\n", false, false, "h"}}) {
     SetPingRules(rules);
@@ -276,8 +253,7 @@ TEST_F(Subnet, PingCheckOutcomes) {
   EXPECT_FALSE(PLRPingAndCheckSubnet("10.1.2.0", false, 1, 1));
 }
 
-// A free subnet is stored with the /24 mask, the subnet record first; in-use
-// candidates (at the network address or its first host) are skipped.
+// A free subnet is stored with the /24 mask; in-use candidates (network or first host) are skipped.
 TEST_F(Subnet, Assignment) {
   Load();
   ASSERT_TRUE(PLRPopulateAvailSubnets());
