@@ -51,6 +51,7 @@ const struct Step {
     {DO(RemoveAllNATPortFwd(d, 8, true, false, true)), true,
      "remove_nat_portfwd 8 tcp 20\nremove_nat_portfwd 8 tcp 80\n", true},
     {DO(RemoveAllNATPortFwd(d, 8, false, true, false)), true, ""},  // cache only
+    {DO(RemoveAllNATPortFwd(d, 9, true, true, true)), true, ""},  // nothing to drop
     {DO(AddDHCPMACToIP(d, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false)), true,
      "add_dhcp_mac_to_ip 8 02:7A:3E:2A:10:01 192.168.120.130\n"},
     {DO(AddDHCPMACToIP(d, 8, "02:7A:3E:2A:10:01", "192.168.120.131", false)), true,

@@ -208,6 +208,7 @@ TEST_F(CacheTest, HostAdaptersForAVnet) {
     EXPECT_EQ(std::accumulate(seen.begin(), seen.end(), std::string()), names) << vnet;
     PLRFreeHostAdapList(&list);
   }
+  EXPECT_FALSE(PLRNetCfgLookupHostAdaptersForVnet(db_, 0, nullptr, nullptr, false));
   int32_t vnet = 0;
   EXPECT_TRUE(PLRNetCfgLookupVnetForHostAdapter(db_, "eth3", &vnet) && vnet == -1);
   EXPECT_FALSE(PLRNetCfgLookupVnetForHostAdapter(db_, "eth9", &vnet));
