@@ -85,9 +85,11 @@ TEST(Load, MalformedRecordsCostOnlyThemselves) {
       "add_bridge_mapping eth1 -2\nadd_bridge_mapping\nremove_bridge_mapping nosuch\n"
       "add_nat_prefix 8 fd00::\nadd_nat_prefix 8 fd00::/20\nadd_nat_prefix 999 fd00::/64\n"
       "remove_nat_prefix 8 fd00:9::/64\nanswer GOOD_LAST 2\n");
+  LogWhileUnloaded();
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
   EXPECT_EQ(StateOf(db), "add_bridge_mapping eth0 0\nanswer GOOD_FIRST 1\nanswer GOOD_LAST 2\n");
+  EXPECT_EQ(LogCount("Failed to parse record at line #"), 27u);  // each one reported
   PLRNetCfgUnload(&db, false);
 }
 
