@@ -90,6 +90,7 @@ TEST(Load, MalformedRecordsCostOnlyThemselves) {
   ASSERT_NE(db, nullptr);
   EXPECT_EQ(StateOf(db), "add_bridge_mapping eth0 0\nanswer GOOD_FIRST 1\nanswer GOOD_LAST 2\n");
   EXPECT_EQ(LogCount("Failed to parse record at line #"), 27u);  // each one reported
+  EXPECT_TRUE(LogHas("Failed to parse record at line #: 8, data: 256 tcp 80 10.0.0.2 80\n"));
   PLRNetCfgUnload(&db, false);
 }
 
