@@ -1,4 +1,5 @@
 // Loading, unloading (with compaction) and locking of database caches.
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -44,6 +45,58 @@ bool LoadBinDir(PLRNetworkConfigurationDB* db, const char* function) {
   return true;
 }
 
+// Removes what compactions killed mid-way left beside the database: files
+// named like its temporaries (".<name>.XXXXXX"). Every writer of such a file
+// holds the database lock, which the caller holds, so none is in use.
+void RemoveStaleTemporaries(const char* path, const char* function) {
+  std::string_view p(path);
+  const size_t slash = p.rfind('/');
+  const std::string dir =
+      slash == std::string_view::npos ? "." : std::string(p.substr(0, slash + 1));
+  const std::string prefix = "." + std::string(p.substr(slash + 1)) + ".";
+  std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
+  if (!d) return;
+  while (const struct dirent* entry = readdir(d.get())) {
+    std::string_view name(entry->d_name);
+    if (name.size() != prefix.size() + 6 || name.substr(0, prefix.size()) != prefix) continue;
+    const std::string stale = dir + std::string(name);
+    if (sys::unlink(stale.c_str()) == 0)
+      PLOG_AS(function, LOG_INFO, "Removed stale temporary file: %s", stale.c_str());
+  }
+}
+
+// Reads the file at the cache's path again from the start and puts its
+// tables in place of the cache's; the cache is untouched on failure.
+bool Reload(PLRNetworkConfigurationDB* db, const char* function) {
+  PLRNetworkConfigurationDB fresh;
+  fresh.backup = db->backup;
+  fresh.fileName = db->fileName;
+  fresh.stream.reset(sys::fopen(db->fileName.c_str(), "r+e"));
+  if (!fresh.stream) {
+    PLOG_AS(function, LOG_ERR, "Unable to open network configuration database file, error: %s",
+            strerror(errno));
+    return false;
+  }
+  if (!NetCfgReadDatabase(&fresh, fresh.stream.get(), function)) return false;
+  struct stat st;
+  if (fstat(fileno(fresh.stream.get()), &st) != 0) return false;
+  if (!LoadBinDir(&fresh, function)) return false;
+  std::swap(db->stream, fresh.stream);
+  std::swap(db->answers, fresh.answers);
+  std::swap(db->bridges, fresh.bridges);
+  std::swap(db->portFwds, fresh.portFwds);
+  std::swap(db->dhcp, fresh.dhcp);
+  std::swap(db->prefixes, fresh.prefixes);
+  db->majorVersion = fresh.majorVersion;
+  db->minorVersion = fresh.minorVersion;
+  db->lineCount = fresh.lineCount;
+  db->journalEnd = st.st_size;
+  if (db == netCfgDefaultCache) plrDefaultBridgeVnet = PLR_VNET_ALL;  // mappings may differ
+  PLOG_AS(function, LOG_INFO, "Database cache reloaded, file was replaced: %s",
+          db->fileName.c_str());
+  return true;
+}
+
 // Steps of a load after the record exists; false leaves the record to the
 // caller's cleanup.
 bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, bool readOnly,
@@ -65,6 +118,9 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   db->readOnly = readOnly;
   db->fileName = path;
   if (!NetCfgReadDatabase(db, db->stream.get(), function)) return false;
+  struct stat st;
+  db->journalEnd = fstat(fileno(db->stream.get()), &st) == 0 ? st.st_size : -1;
+  if (db->lock.held()) RemoveStaleTemporaries(path, function);
   if (db->lock.held() && !db->lock.Unlock()) {
     PLOG_AS(function, LOG_ERR, "Failed to unlock database file: %s, error: %s", path,
             strerror(errno));
@@ -78,6 +134,9 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
 // database, then the directory made durable. Any failure leaves the journal
 // as it was.
 void Compact(PLRNetworkConfigurationDB* db, const char* function) {
+  // What other writers added since this cache last looked is part of the new
+  // file too; when it cannot be read the journal stays as it is.
+  if (!NetCfgCatchUp(db, function)) return;
   const char* path = db->fileName.c_str();
   struct stat st;
   const mode_t mode = stat(path, &st) == 0 ? st.st_mode & 07777 : 0600;
@@ -116,6 +175,23 @@ void CompactLocked(PLRNetworkConfigurationDB* db, const char* function) {
 }
 
 }  // namespace
+
+bool NetCfgCatchUp(PLRNetworkConfigurationDB* db, const char* function) {
+  if (!db->stream) return true;
+  struct stat st;
+  if (fstat(fileno(db->stream.get()), &st) != 0) {
+    PLOG_AS(function, LOG_ERR, "Failed to stat database file: %s, error: %s", db->fileName.c_str(),
+            strerror(errno));
+    return false;
+  }
+  if (st.st_size == db->journalEnd && st.st_nlink > 0) return true;
+  if (st.st_nlink == 0 || st.st_size < db->journalEnd || db->journalEnd < 0)
+    return Reload(db, function);
+  if (!NetCfgReadTail(db, db->stream.get(), db->journalEnd, function)) return false;
+  db->journalEnd = st.st_size;
+  return true;
+}
+
 }  // namespace plr
 
 using plr::netCfgDefaultCache;
@@ -165,7 +241,6 @@ bool PLRNetCfgUnload(PLRNetworkConfigurationDB** cachePointer, bool compact) {
     PLOG(LOG_ERR, "Requested cache is not loaded");
     return true;
   }
-  db->stream.reset();
   if (compact && db->modified && !db->readOnly) {
     try {
       plr::CompactLocked(db, __func__);
@@ -173,6 +248,7 @@ bool PLRNetCfgUnload(PLRNetworkConfigurationDB** cachePointer, bool compact) {
       PLOG(LOG_ERR, "Failed to write to temp database file: %s", db->fileName.c_str());
     }
   }
+  db->stream.reset();
   if (db->lock.held() && !db->lock.Unlock())
     PLOG(LOG_ERR, "Failed to unlock database file: %s, error: %s", db->fileName.c_str(),
          strerror(errno));
@@ -207,6 +283,12 @@ bool PLRNetCfgLockConfig(PLRNetworkConfigurationDB* db) {
     return false;
   }
   PLOG(LOG_INFO2, "Database file locking success");
+  if (!cache->readOnly && !plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
+        return plr::NetCfgCatchUp(cache, fnName);
+      })) {
+    cache->lock.Unlock();
+    return false;
+  }
   return true;
 }
 

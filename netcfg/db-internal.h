@@ -127,11 +127,13 @@ struct PLRNetworkConfigurationDB {
   std::unique_ptr<plr::NATVnetPortFwdConfig> portFwds[PLR_MAX_VNETS];
   std::unique_ptr<plr::DhcpVnetTable> dhcp[PLR_MAX_VNETS];
   std::unique_ptr<plr::NetCfgStringSet> prefixes[PLR_MAX_VNETS];
-  // Offset just past the last record this cache appended, or -1 when not
-  // known (after load, or after the stream was replaced). When the end of the
-  // file is elsewhere, another writer was there and the last byte is checked
-  // for a newline before appending.
+  // Size of the file as this cache last read or wrote it: the end of its
+  // last append, or of the last replay. A file of another size, or one that
+  // is no longer linked (a new file was renamed in), was changed by another
+  // writer. -1 when not known; the last byte is then checked for a newline
+  // before appending.
   off_t journalEnd = -1;
+  uint32_t lineCount = 0;  // lines read so far, for the reader's messages
 };
 
 namespace plr {
@@ -208,6 +210,13 @@ bool ParseVersionString(const char* text, uint32_t* major, uint32_t* minor);
 bool NetCfgHashAddAnswer(PLRNetworkConfigurationDB* db, std::string_view key,
                          std::string_view value);
 bool NetCfgHashRemoveAnswer(PLRNetworkConfigurationDB* db, std::string_view key);
+
+// Brings a writable cache up to date with its file before a change: under
+// the database lock, a file another writer appended to has its new records
+// replayed; a file replaced by rename (or cut shorter) is read again from the
+// start. On an unchanged file this costs one fstat. False, with its log line
+// under `function`, when the file cannot be read; the cache is then as it was.
+bool NetCfgCatchUp(PLRNetworkConfigurationDB* db, const char* function);
 
 // Fills vnet and field offset for a VNET_<n>_<FIELD> key (n up to 255).
 void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry* entry);

@@ -3,6 +3,7 @@
 // or the default cache has its undo in one rollback routine.
 #include <errno.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <new>
 #include <string>
@@ -70,7 +71,9 @@ bool PublishAsDefault(PLRNetworkConfigurationDB* db, const char* databasePath,
   db->backup = false;
   db->majorVersion = kNetCfgMajorVersion;
   db->minorVersion = kNetCfgMinorVersion;
-  db->journalEnd = -1;
+  // The cache is what the new file holds.
+  struct stat st;
+  db->journalEnd = fstat(fileno(db->stream.get()), &st) == 0 ? st.st_size : -1;
   PLOG_AS(function, LOG_ERR, "Reopened database file: %s", databasePath);
   netCfgDefaultCache = db;
   return true;

@@ -330,6 +330,21 @@ static bool NetCfgReadVersionLine(PLRNetworkConfigurationDB* db, const std::stri
   return true;
 }
 
+// Replays the records of `reader` up to the end of the stream; line numbers
+// continue from db->lineCount.
+static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader, std::string& line,
+                              const char* function) {
+  for (;;) {
+    LineReader::Status status = reader.Next(line);
+    if (status == LineReader::Status::kEof) return true;
+    if (status == LineReader::Status::kError) {
+      PLOG_AS(function, LOG_ERR, "Error while reading database file, error: %s", strerror(errno));
+      return false;
+    }
+    NetCfgParseRecordLine(db, line, ++db->lineCount, function);
+  }
+}
+
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function) {
   // A larger stream buffer: the file is read once, front to back.
   setvbuf(stream, nullptr, _IOFBF, 64 * 1024);
@@ -354,17 +369,21 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char*
   }
   bool firstRecord = false;
   if (!NetCfgReadVersionLine(db, line, &firstRecord, function)) return false;
-  uint32_t lineNumber = 1;
-  if (firstRecord) NetCfgParseRecordLine(db, line, lineNumber, function);
-  for (;;) {
-    status = reader.Next(line);
-    if (status == LineReader::Status::kEof) return true;
-    if (status == LineReader::Status::kError) {
-      PLOG_AS(function, LOG_ERR, "Error while reading database file, error: %s", strerror(errno));
-      return false;
-    }
-    NetCfgParseRecordLine(db, line, ++lineNumber, function);
+  db->lineCount = 1;
+  if (firstRecord) NetCfgParseRecordLine(db, line, db->lineCount, function);
+  return NetCfgReadRecords(db, reader, line, function);
+}
+
+bool NetCfgReadTail(PLRNetworkConfigurationDB* db, FILE* stream, off_t from, const char* function) {
+  if (fseeko(stream, from, SEEK_SET) != 0) {
+    PLOG_AS(function, LOG_ERR, "Error while reading database file, error: %s", strerror(errno));
+    return false;
   }
+  LineReader reader(stream, kNetCfgMaxLine + 1);
+  std::string line;
+  line.reserve(kNetCfgMaxLine + 1);
+  errno = 0;
+  return NetCfgReadRecords(db, reader, line, function);
 }
 
 }  // namespace plr

@@ -13,4 +13,8 @@ namespace plr {
 // read error.
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function);
 
+// Replays the records from offset `from` of `stream` to its end into `db`
+// (what another writer appended); false, with its log line, on a read error.
+bool NetCfgReadTail(PLRNetworkConfigurationDB* db, FILE* stream, off_t from, const char* function);
+
 }  // namespace plr
