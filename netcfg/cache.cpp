@@ -97,6 +97,41 @@ bool Reload(PLRNetworkConfigurationDB* db, const char* function) {
   return true;
 }
 
+// Opens a backup file (what import and merge read, often from a directory
+// anyone can write) for reading, without following a link or blocking on a
+// FIFO, and only when it is a regular file that no one but its owner, root
+// or the caller, can have written. Null with errno set otherwise; a refusal
+// has its own log line.
+UniqueFile OpenBackupFile(const char* path, const char* function) {
+  UniqueFd fd(sys::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!fd || fstat(fd.get(), &st) != 0) {
+    if (errno == ELOOP)
+      PLOG_AS(function, LOG_ERR, "Refusing to read %s: it is a symbolic link", path);
+    return UniqueFile();
+  }
+  if (!S_ISREG(st.st_mode)) {
+    PLOG_AS(function, LOG_ERR, "Refusing to read %s: not a regular file", path);
+    errno = EINVAL;
+    return UniqueFile();
+  }
+  if (st.st_uid != 0 && st.st_uid != geteuid()) {
+    PLOG_AS(function, LOG_ERR, "Refusing to read %s: owned by uid %u, not by root or the caller",
+            path, static_cast<unsigned>(st.st_uid));
+    errno = EPERM;
+    return UniqueFile();
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    PLOG_AS(function, LOG_ERR, "Refusing to read %s: writable by others than its owner (mode %04o)",
+            path, static_cast<unsigned>(st.st_mode & 07777));
+    errno = EPERM;
+    return UniqueFile();
+  }
+  UniqueFile stream(fdopen(fd.get(), "re"));
+  if (stream) fd.release();
+  return stream;
+}
+
 // Steps of a load after the record exists; false leaves the record to the
 // caller's cleanup.
 bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, bool readOnly,
@@ -109,7 +144,10 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   db->backup = backup;
   // Records are written with write(2) on the descriptor, never through the
   // stream, so the stream keeps its buffer for the read below.
-  db->stream.reset(sys::fopen(path, readOnly ? "re" : "r+e"));
+  if (backup)
+    db->stream = OpenBackupFile(path, function);
+  else
+    db->stream.reset(sys::fopen(path, readOnly ? "re" : "r+e"));
   if (!db->stream) {
     PLOG_AS(function, LOG_ERR, "Unable to open network configuration database file, error: %s",
             strerror(errno));

@@ -27,9 +27,11 @@ bool PLRNetCfgExportConfig(PLRNetworkConfigurationDB* db, const char* path, uint
     PLOG(LOG_ERR, "Database cache is not loaded");
     return false;
   }
+  // A new file of our own, owner-only, renamed over the name: whatever was
+  // there (a link, a FIFO, someone else's file) is replaced, never opened.
   PendingFile file;
   // After the rename the export is complete even when the directory sync fails.
-  if (path == nullptr || !NetCfgWriteDatabaseFile(cache, &file, path, 0644, true) ||
+  if (path == nullptr || !NetCfgWriteDatabaseFile(cache, &file, path, 0600, true) ||
       (!file.Commit() && !file.committed())) {
     PLOG(LOG_ERR, "Failed to write records to database file: %s", PLR_STR(path));
     return false;

@@ -212,7 +212,7 @@ bool InstallMergedDatabase(PLRNetworkConfigurationDB* db, MergeState& s) {
 }
 
 // Exports the default cache as a backup file beside the database: the
-// restore point, which stays in the directory after a successful merge.
+// restore point, removed when the merge ends.
 bool WriteRestorePoint(MergeState& s) {
   PendingFile file;
   const bool written =
@@ -269,6 +269,7 @@ bool PLRNetCfgMergeConfig(const char* path) {
     RollBackMerge(state);
     return false;
   }
+  sys::unlink(state.restorePoint.c_str());
   return true;
 }
 
