@@ -4,6 +4,7 @@
 // per subnet mask, prefixes of 32 to 96 bits.
 #include "core/address.h"
 
+#include <arpa/inet.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -82,6 +83,39 @@ bool StandardizeMACText(std::string_view text, char out[18]) {
   if (text.empty() || text.size() >= 32 || text.find('\0') != std::string_view::npos) return false;
   const std::string copy(text);
   return PLRMACStandardizeFormat(copy.c_str(), out);
+}
+
+bool IsValidIPv6PrefixText(const char* text) {
+  const char* slash = strchr(text, '/');
+  if (slash == nullptr || static_cast<size_t>(slash - text) >= INET6_ADDRSTRLEN) return false;
+  char address[INET6_ADDRSTRLEN];
+  memcpy(address, text, static_cast<size_t>(slash - text));
+  address[slash - text] = '\0';
+  struct in6_addr parsed;
+  if (inet_pton(AF_INET6, address, &parsed) != 1) return false;
+  const char* length = slash + 1;
+  if (*length == '\0' || strlen(length) > 3 || strspn(length, "0123456789") != strlen(length))
+    return false;
+  return PLRIsValidPrefix(text);
+}
+
+bool IsValidDomainName(std::string_view text) {
+  if (text.size() >= 2 && text.front() == '"' && text.back() == '"')
+    text = text.substr(1, text.size() - 2);
+  if (text.empty() || text.size() > 253) return false;
+  if (text.back() == '.') text.remove_suffix(1);
+  size_t label = 0;
+  for (char c : text) {
+    if (c == '.') {
+      if (label == 0) return false;
+      label = 0;
+      continue;
+    }
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                    c == '-' || c == '_';
+    if (!ok || ++label > 63) return false;
+  }
+  return label != 0;
 }
 
 }  // namespace plr

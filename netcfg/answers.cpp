@@ -124,6 +124,10 @@ bool PLRNetCfgGetAnswerBool(PLRNetworkConfigurationDB* db, const char* key, bool
 bool PLRNetCfgAddAnswerString(PLRNetworkConfigurationDB* db, const char* key, const char* value) {
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
+  if (key != nullptr && strcmp(key, plr::kNetCfgBinDirKey) == 0) {
+    PLOG(LOG_ERR, "Refusing to set %s: it comes only from %s", key, plr::kProductConfigPath);
+    return false;
+  }
   if (value == nullptr) return PLRNetCfgRemoveAnswer(cache, key);
   if (key == nullptr || !plr::NetCfgIsToken(key) || *value == '\0' ||
       !plr::NetCfgIsLineText(value)) {
@@ -155,6 +159,10 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   if (!cache->answers || key == nullptr) return true;
+  if (strcmp(key, plr::kNetCfgBinDirKey) == 0) {
+    PLOG(LOG_ERR, "Refusing to set %s: it comes only from %s", key, plr::kProductConfigPath);
+    return false;
+  }
   return plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
     auto it = cache->answers->find(std::string_view(key));
     if (it == cache->answers->end()) return true;

@@ -14,17 +14,18 @@
 namespace plr {
 namespace {
 
-// The description as the lookup and enumeration hand it out: copied when its
-// length plus 1 is below the given length, which then becomes length plus 2;
-// 0 when there is none.
-bool CopyDescription(const std::string& description, char* buf, uint32_t* length,
+// The description as the lookup and enumeration hand it out; the given
+// length then becomes its length plus 2, 0 when there is none. The lookup
+// copies a description that fits with its terminator; the enumeration keeps
+// its older rule and wants one byte more (`spare`).
+bool CopyDescription(const std::string& description, char* buf, uint32_t* length, size_t spare,
                      const char* function) {
   if (description.empty()) {
     *length = 0;
     if (buf != nullptr) buf[0] = '\0';
     return true;
   }
-  if (buf == nullptr || description.size() + 1 >= *length) {
+  if (buf == nullptr || description.size() + 1 + spare > *length) {
     PLOG_AS(function, LOG_ERR, "Insufficient buffer length for description");
     return false;
   }
@@ -183,7 +184,7 @@ bool PLRNetCfgLookupNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, boo
   }
   if (vmPort != nullptr) *vmPort = entry->vmPort;
   if (descLength != nullptr &&
-      !CopyDescription(entry->description, descBuffer, descLength, __func__))
+      !CopyDescription(entry->description, descBuffer, descLength, 0, __func__))
     return false;
   return true;
 }
@@ -218,7 +219,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
   }
   if (vmPort != nullptr) *vmPort = entry->vmPort;
   if (descBuffer != nullptr && descLength != nullptr &&
-      !CopyDescription(entry->description, descBuffer, descLength, __func__))
+      !CopyDescription(entry->description, descBuffer, descLength, 1, __func__))
     return false;
   ++*cursor;
   return true;

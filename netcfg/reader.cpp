@@ -60,6 +60,11 @@ static bool DictRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type,
     PLOG(LOG_WRN, "Failed to extract key");
     return false;
   }
+  if (key == kNetCfgBinDirKey) {  // only the product configuration names it
+    PLOG(LOG_WRN, "Ignoring %s in database file, it comes only from %s", kNetCfgBinDirKey,
+         kProductConfigPath);
+    return true;
+  }
   if (type == kRecAnswer) {
     std::string_view value = fields.Rest();
     if (value.empty()) {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "base/str-util.h"
+#include "core/address.h"
 #include "core/log.h"
 #include "pelorus/core.h"
 #include "pelorus/netcfg.h"
@@ -123,7 +124,19 @@ bool ValidateDhcpValue(const char* function, uint32_t id, const char* value) {
             static_cast<unsigned>(length), value, name);
     return false;
   }
+  if (!IsValidDomainName(value)) {
+    PLOG_AS(function, LOG_ERR, "Invalid domain name: %s for parameter: %s", value, name);
+    return false;
+  }
   return true;
+}
+
+// The form a valid value is stored in: a dotted domain name in double
+// quotes, which the DHCP server needs (a caller may give it bare).
+std::string StoredDhcpValue(uint32_t id, const char* value) {
+  if (id != PLR_DHCP_PARAM_DOMAIN_NAME || value[0] == '"' || strchr(value, '.') == nullptr)
+    return value;
+  return StrPrintf("\"%s\"", value);
 }
 
 // Copies `text` into the caller's buffer when it fits with its terminator.
@@ -239,7 +252,8 @@ PLR_EXPORT bool PLRDHCPSetParameter(uint32_t vnet, uint32_t paramId, const char*
   }
   if (value == nullptr) return trace.Exit(PLRDHCPRemoveParameter(vnet, paramId));
   return trace.Exit(plr::ValidateDhcpValue(__func__, paramId, value) &&
-                    plr::StoreParam(__func__, plr::kDhcpTable, vnet, paramId, value));
+                    plr::StoreParam(__func__, plr::kDhcpTable, vnet, paramId,
+                                    plr::StoredDhcpValue(paramId, value).c_str()));
 }
 
 // Copies the stored value of `id` into `buffer`; when none is stored and
@@ -251,6 +265,15 @@ PLR_EXPORT bool PLRDHCPGetParameter(uint32_t vnet, uint32_t paramId, bool useDef
   const char* value = nullptr;
   if (paramId > PLR_DHCP_PARAM_BASE && paramId <= PLR_DHCP_PARAM_UNMAPPED) {
     value = PLRGetVnetCfg(vnet, plr::ParamKey(plr::kDhcpTable, paramId));
+  }
+  // A hand-edited database may hold what the setter refuses; the files are
+  // generated with the default instead.
+  if (value != nullptr && useDefault && plr::IsSettableDhcpParam(paramId) &&
+      !plr::ValidateDhcpValue(__func__, paramId, value)) {
+    PLOG(LOG_ERR,
+         "Ignoring invalid value: %s of DHCP parameter: %s for vnet: %d, using its default", value,
+         name, static_cast<int>(vnet));
+    value = nullptr;
   }
   if (value != nullptr) {
     size_t required = strlen(value) + 1;

@@ -12,6 +12,7 @@
 #include "base/fs-util.h"
 #include "base/str-util.h"
 #include "core/log.h"
+#include "pelorus/api.h"
 #include "pelorus/core.h"
 #include "pelorus/files.h"
 #include "pelorus/netcfg.h"
@@ -92,7 +93,8 @@ constexpr size_t kAddrSize = 16;
 constexpr size_t kFlagSize = 10;
 constexpr size_t kPrefixSize = 46;
 constexpr size_t kDeviceSize = 256;
-constexpr size_t kDescriptionSize = 128;
+// The enumeration wants one byte beyond the terminator of the longest description.
+constexpr size_t kDescriptionSize = PLR_DESCRIPTION_MAX_LEN + 2;
 
 // The values nat.conf is written from, all with their defaults applied.
 struct NatValues {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "base/str-util.h"
+#include "core/address.h"
 #include "core/log.h"
 #include "pelorus/core.h"
 #include "pelorus/netcfg.h"
@@ -97,7 +98,10 @@ bool ValidateNatValue(const char* function, uint32_t id, const char* value) {
     case PLR_NAT_PARAM_UDP_TIMEOUT:
       if (StrToInt32(value, &number) && number >= 0) return true;
       break;
-    default:  // the IPv6 prefix is taken as given
+    case PLR_NAT_PARAM_NAT6_PREFIX:
+      if (IsValidIPv6PrefixText(value)) return true;
+      break;
+    default:
       return true;
   }
   PLOG_AS(function, LOG_ERR, "Invalid value: %s for NAT parameter: %s on vnet: %d", value, name,
@@ -240,6 +244,14 @@ PLR_EXPORT bool PLRNATGetParameter(uint32_t vnet, uint32_t paramId, bool useDefa
   }
   const char* name = plr::ParamName(plr::kNatTable, paramId);
   const char* value = PLRGetVnetCfg(vnet, plr::ParamKey(plr::kNatTable, paramId));
+  // A hand-edited database may hold what the setter refuses; the files are
+  // generated with the default instead.
+  if (value != nullptr && useDefault && plr::IsSettableNatParam(paramId) &&
+      !plr::ValidateNatValue(__func__, paramId, value)) {
+    PLOG(LOG_ERR, "Ignoring invalid value: %s of NAT parameter: %s for vnet: %d, using its default",
+         value, name, static_cast<int>(vnet));
+    value = nullptr;
+  }
   if (value != nullptr) {
     size_t required = strlen(value) + 1;
     if (required > bufferSize) {

@@ -149,7 +149,8 @@ TEST_F(CacheTest, LookupsAndWalksOfForwardsAndMappings) {
   };
   EXPECT_EQ(fwd(true, 443, 16, 128), "192.168.120.128 8443 web5");  // length with 2 added
   EXPECT_EQ(fwd(false, 443, 16, 128), "192.168.120.129 53 0");
-  EXPECT_EQ(fwd(true, 444, 16, 128) + fwd(true, 443, 15, 128) + fwd(true, 443, 16, 4), "---");
+  EXPECT_EQ(fwd(true, 444, 16, 128) + fwd(true, 443, 15, 128) + fwd(true, 443, 16, 3), "---");
+  EXPECT_EQ(fwd(true, 443, 16, 4), "192.168.120.128 8443 web5");  // fits with its terminator
   for (uint16_t port = 1; port <= 50; ++port)
     ASSERT_TRUE(PLRNetCfgAddNATPortFwd(db_, 4, true, port, "10.0.0.2", port, "d", false));
   auto walk = [&](bool changeAfterFirst) {

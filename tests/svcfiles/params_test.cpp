@@ -104,14 +104,19 @@ TEST_F(Params, Nat6PrefixBufferSizesAndSetters) {
                  {PLR_DHCP_PARAM_MAX_LEASE_DURATION_SEC, {"12x"}, {"007200"}},
                  {PLR_DHCP_PARAM_SUB_MAX_LEASE_DURATION_SEC, {""}, {}},
                  {PLR_DHCP_PARAM_SUB_DEFAULT_LEASE_DURATION_SEC, {"99999999999"}, {}},
-                 {PLR_DHCP_PARAM_DOMAIN_NAME, {d64}, {d63}},
+                 {PLR_DHCP_PARAM_DOMAIN_NAME,
+                  {d64, "x; option routers 10.6.6.6", "a{b", "a}b", "a#b", "a b", "a\tb", "a..b",
+                   ".a", "\"a", "a\"b\"", "\"\""},
+                  {d63, "\"quoted.example\"", "my-net_1", "\"trailing.dot.\""}},
                  {PLR_NAT_PARAM_GATEWAY_IP, {"192.168.8"}, {"192.168.8.254"}},
                  {PLR_NAT_PARAM_CONFIG_PORT, {"0", "65536", "80a"}, {"65535", "1"}},
                  {PLR_NAT_PARAM_ACTIVE_FTP, {"2", "10"}, {"0"}},
                  {PLR_NAT_PARAM_ALLOW_ANY_OUI, {"yes"}, {"0"}},
                  {PLR_NAT_PARAM_NAT6, {"01"}, {"1"}},
                  {PLR_NAT_PARAM_UDP_TIMEOUT, {"-5"}, {"0"}},
-                 {PLR_NAT_PARAM_NAT6_PREFIX, {}, {"anything at all"}}};
+                 {PLR_NAT_PARAM_NAT6_PREFIX,
+                  {"anything at all", "fd00::/64;x", "fd00::/12", "fd00::x/64", "fd00::/64 "},
+                  {"fd00:1::/64"}}};
   const std::string before = Database();
   for (const auto& r : kValues)
     for (const std::string& value : r.refused) EXPECT_FALSE(Set(r.id, value.c_str())) << value;
@@ -128,6 +133,9 @@ TEST_F(Params, Nat6PrefixBufferSizesAndSetters) {
     }
   }
   EXPECT_STREQ(PLRGetVnetCfg(8, "DHCP_PARAM_LEASE_START_IP"), "192.168.8.200");
+  // A dotted domain name is stored in the quotes the DHCP server needs.
+  EXPECT_TRUE(Set(PLR_DHCP_PARAM_DOMAIN_NAME, "example.com"));
+  EXPECT_EQ(Get(PLR_DHCP_PARAM_DOMAIN_NAME), "\"example.com\"");
 }
 
 TEST_F(Params, UnsetValuesFallBackOnlyWhenAskedAndRemovalRestoresTheDefault) {

@@ -253,6 +253,24 @@ TEST_F(Subnet, PingCheckOutcomes) {
   EXPECT_FALSE(PLRPingAndCheckSubnet("10.1.2.0", false, 1, 1));
 }
 
+// BINDIR comes only from the product configuration: a database record or an
+// API call naming another directory (here one that would run a command if a
+// shell ever saw it) changes nothing, and the probe runs the configured tool.
+TEST_F(Subnet, BinDirComesOnlyFromTheProductConfiguration) {
+  Load("answer BINDIR /usr/bin$(touch /tmp/ran)\n");
+  EXPECT_TRUE(LogHas("Ignoring BINDIR in database file, it comes only from /etc/tarsis/config"));
+  EXPECT_FALSE(PLR_VnetCfgAddAnswer("BINDIR", "/tmp/$(touch /tmp/ran)"));
+  EXPECT_FALSE(PLRNetCfgRemoveAnswer(nullptr, "BINDIR"));
+  const char* binDir = nullptr;
+  ASSERT_TRUE(PLRNetCfgGetAnswerString(nullptr, "BINDIR", &binDir));
+  EXPECT_STREQ(binDir, FixtureBinDir());
+  SetPingRules("");
+  WriteFile(kPingCallsPath, "");
+  EXPECT_TRUE(PLRPingAndCheckSubnet("10.1.2.0", false, 1, 1));
+  EXPECT_EQ(PingCalls(), std::vector<std::string>{PingCommand("10.1.2.1")});
+  EXPECT_FALSE(FileExists("/tmp/ran"));
+}
+
 // A free subnet is stored with the /24 mask; in-use candidates (network or first host) are skipped.
 TEST_F(Subnet, Assignment) {
   Load();
