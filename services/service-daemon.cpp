@@ -8,8 +8,10 @@
 // negative number is never acted on (see PLRExtractPidFromFile).
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/wait.h>
@@ -37,6 +39,9 @@ namespace {
 
 constexpr uint64_t kStopPollUs = 50000;
 constexpr uint64_t kStopTimeoutUs = 3000000;
+// How long a start waits for the forked process to exit (the daemon has
+// detached) and then for the daemon's status.
+constexpr unsigned kStartStepTimeoutMs = 10000;
 
 // The daemon's command line: owned strings plus the NULL-terminated pointer
 // array execv wants, built before the fork so the child allocates nothing.
@@ -198,24 +203,49 @@ bool BuildCommandLine(const char* function, uint32_t vnet, uint32_t service, con
   _exit(1);
 }
 
-// Reaps the forked process, which exits as soon as the daemon has detached.
-// Its result is only logged: the status pipe decides the outcome.
-void WaitForDetach(const char* function, pid_t pid) {
+// Reaps the forked process, which exits as soon as the daemon has detached;
+// its exit status is only logged. One that has not exited within the bound
+// is killed: false.
+bool WaitForDetach(const char* function, pid_t pid, const char* program) {
+  const uint64_t deadline = MonotonicNs() + uint64_t{kStartStepTimeoutMs} * 1000000u;
   pid_t reported;
-  do {
-    reported = waitpid(pid, nullptr, 0);
-  } while (reported < 0 && errno == EINTR);
+  for (;;) {
+    reported = waitpid(pid, nullptr, WNOHANG);
+    if (reported != 0 && !(reported < 0 && errno == EINTR)) break;
+    if (MonotonicNs() >= deadline) {
+      PLOG_AS(function, LOG_ERR, "Daemon: %s did not detach within %u ms, killing pid: %d", program,
+              kStartStepTimeoutMs, static_cast<int>(pid));
+      kill(pid, SIGKILL);
+      while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+      return false;
+    }
+    usleep(kStopPollUs / 5);
+  }
   if (reported < 1)
     PLOG_AS(function, LOG_WRN, "waitpid() reported pid: %d, reported error: %s",
             static_cast<int>(reported), strerror(errno));
   else
     PLOG_AS(function, LOG_INFO, "waitpid() reported pid: %d, reported error: %s",
             static_cast<int>(reported), "none");
+  return true;
 }
 
 // Reads the daemon's status: any byte means it started (the value is only
 // logged); end of file means every copy of the write end closed unwritten.
-bool ReadDaemonStatus(const char* function, int readFd) {
+// No status within the bound is a failure too, and sets *timedOut.
+bool ReadDaemonStatus(const char* function, int readFd, const char* program, bool* timedOut) {
+  struct pollfd ready = {readFd, POLLIN, 0};
+  int polled;
+  do {
+    polled = poll(&ready, 1, static_cast<int>(kStartStepTimeoutMs));
+  } while (polled < 0 && errno == EINTR);
+  if (polled == 0) {
+    PLOG_AS(function, LOG_ERR, "Daemon: %s did not report status within %u ms", program,
+            kStartStepTimeoutMs);
+    *timedOut = true;
+    return false;
+  }
   unsigned char bytes[2] = {0, 0};
   ssize_t n;
   do {
@@ -259,6 +289,50 @@ void AwaitExitOrKill(const char* function, pid_t pid, const char* desc) {
       return;
     }
   }
+}
+
+// Whether `pid` is the service's daemon: never the caller or PID 1, and only
+// a process whose command line names `pidFile` as one of its arguments
+// (every daemon is started with it). Any other process, or one that is gone,
+// makes the PID file stale.
+bool IsServiceDaemon(pid_t pid, const char* pidFile) {
+  if (pid <= 1 || pid == getpid()) return false;
+  char path[32];
+  snprintf(path, sizeof path, "/proc/%d/cmdline", static_cast<int>(pid));
+  UniqueFd fd(sys::open(path, O_RDONLY | O_CLOEXEC));
+  if (!fd) return false;
+  std::string cmdline;
+  char buf[4096];
+  for (ssize_t n; (n = sys::read(fd.get(), buf, sizeof buf)) != 0;) {
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    cmdline.append(buf, static_cast<size_t>(n));
+  }
+  for (size_t at = 0; at < cmdline.size();) {
+    const size_t end = cmdline.find('\0', at);
+    const size_t length = (end == std::string::npos ? cmdline.size() : end) - at;
+    if (cmdline.compare(at, length, pidFile) == 0) return true;
+    at += length + 1;
+  }
+  return false;
+}
+
+// Kills a daemon that was started but never reported: the process its PID
+// file names, when it is that daemon.
+void KillUnreportedDaemon(const char* function, uint32_t vnet, uint32_t service) {
+  char* pidFile = nullptr;
+  if (!PLRGetPidFilename(vnet, service, &pidFile, nullptr)) return;
+  bool noFile = false;
+  const pid_t pid = PLRExtractPidFromFile(pidFile, &noFile);
+  if (IsServiceDaemon(pid, pidFile)) {
+    PLOG_AS(function, LOG_ERR, "Killing daemon pid: %ld, it did not report status",
+            static_cast<long>(pid));
+    kill(pid, SIGKILL);
+    sys::unlink(pidFile);
+  }
+  free(pidFile);
 }
 
 // Owns a malloc'ed PID file name.
@@ -320,8 +394,10 @@ bool PLRServiceStart(uint32_t vnet, uint32_t service) {
        "Successfully forked off child process to start daemon: %s, pid: %d, waiting for child "
        "to complete",
        cmd.path(), static_cast<int>(pid));
-  plr::WaitForDetach(__func__, pid);
-  bool started = plr::ReadDaemonStatus(__func__, readEnd.get());
+  bool timedOut = false;
+  if (!plr::WaitForDetach(__func__, pid, cmd.path())) return trace.Exit(false);
+  const bool started = plr::ReadDaemonStatus(__func__, readEnd.get(), cmd.path(), &timedOut);
+  if (timedOut) plr::KillUnreportedDaemon(__func__, vnet, service);
   return trace.Exit(started);
 }
 
@@ -340,7 +416,10 @@ bool PLRServiceStop(uint32_t vnet, uint32_t service) {
     return trace.Exit(noFile);
   }
 
-  if (kill(pid, SIGTERM) == 0) {
+  if (!plr::IsServiceDaemon(pid, pidFile.path)) {
+    PLOG(LOG_INFO, "%s service daemon does not seem to be running, pid: %ld", pidFile.desc,
+         static_cast<long>(pid));
+  } else if (kill(pid, SIGTERM) == 0) {
     plr::AwaitExitOrKill(__func__, pid, pidFile.desc);
   } else if (errno == ESRCH) {
     PLOG(LOG_INFO, "%s service daemon does not seem to be running, pid: %ld", pidFile.desc,
@@ -355,7 +434,7 @@ bool PLRServiceStop(uint32_t vnet, uint32_t service) {
   return trace.Exit(true);
 }
 
-// Whether the process recorded in the service's PID file exists. A stale PID
+// Whether the process recorded in the service's PID file is its daemon. A stale PID
 // file reads as stopped and stays in place until the next stop.
 uint32_t PLRServiceStatus(uint32_t vnet, uint32_t service) {
   plr::FunctionTrace trace(__func__);
@@ -369,12 +448,13 @@ uint32_t PLRServiceStatus(uint32_t vnet, uint32_t service) {
     PLOG(LOG_INFO, "Could not extract PID of %s", pidFile.desc);
     return trace.Exit(noFile ? PLR_SERVICE_STOPPED : PLR_SERVICE_STATUS_UNKNOWN);
   }
-  if (kill(pid, 0) == 0) {
+  const bool ours = plr::IsServiceDaemon(pid, pidFile.path);
+  if (ours && kill(pid, 0) == 0) {
     PLOG(LOG_INFO2, "Successfully tracked %s daemon on vnet: %d, pid: %ld", pidFile.desc,
          static_cast<int>(vnet), static_cast<long>(pid));
     return trace.Exit(PLR_SERVICE_RUNNING);
   }
-  if (errno == ESRCH) {
+  if (!ours || errno == ESRCH) {
     PLOG(LOG_WRN, "pid: %ld for %s service daemon on vnet: %d is stale", static_cast<long>(pid),
          pidFile.desc, static_cast<int>(vnet));
     return trace.Exit(PLR_SERVICE_STOPPED);

@@ -208,8 +208,9 @@ TEST_F(ApiLayer, KavixDeviceAndRefusedNatRewrite) {
   Load(kSeed);
   EXPECT_TRUE(PLR_CreateKavixDevice("kavix7") && FileExists("/dev/kavix7"));
   EXPECT_TRUE(PLR_DeleteKavixDevice("KAVIX7") && !FileExists("/dev/kavix7"));
-  WriteFile("/var/run/kavix-natd-1.pid", std::to_string(getpid()) + "\n");
+  ASSERT_TRUE(PLRServiceStart(1, PLR_SERVICE_NAT));
   EXPECT_FALSE(PLR_UpdateNATFromConfig("kavix1") || FileExists("/etc/tarsis/kavix1/nat/nat.conf"));
+  EXPECT_TRUE(PLRServiceStop(1, PLR_SERVICE_NAT));
 }
 
 // Enabling the host-only adapter (a veth) starts netifup; a failure stops only one it started.
