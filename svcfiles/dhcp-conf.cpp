@@ -21,6 +21,7 @@
 #include "base/fs-util.h"
 #include "base/sha1.h"
 #include "base/str-util.h"
+#include "base/sys-util.h"
 #include "core/log.h"
 #include "pelorus/core.h"
 #include "pelorus/files.h"
@@ -386,26 +387,27 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   });
 
   PLOG(LOG_INFO, "Writing configuration information into: %s", path);
-  std::string text;
-  text.reserve(old.size() + 4096);
+  // Only the generated part is built in memory; the user's text around an
+  // untouched block goes from the old file's bytes straight to the new file.
+  std::string_view before, after;
+  std::string block;
   if (keep.start != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%d-%li", 0, keep.start);
-    text.append(old, 0, static_cast<size_t>(keep.start));
-    PLOG(LOG_INFO2, "Copying is done");
+    before = std::string_view(old).substr(0, static_cast<size_t>(keep.start));
   } else {
-    plr::AppendHeader(text, vnet);
+    plr::AppendHeader(block, vnet);
   }
-  size_t blockStart = text.size();
-  if (!plr::AppendBlock(__func__, text, vnet)) return trace.Exit(false);
-  std::string hash = plr::PLRCalculateHashStrForBlock(text, static_cast<long>(blockStart),
-                                                      static_cast<long>(text.size()));
+  size_t blockStart = block.size();
+  if (!plr::AppendBlock(__func__, block, vnet)) return trace.Exit(false);
+  std::string hash = plr::PLRCalculateHashStrForBlock(block, static_cast<long>(blockStart),
+                                                      static_cast<long>(block.size()));
   if (hash.empty()) {
     PLOG(LOG_ERR, "Hash for DHCP config block could not be calculated");
     return trace.Exit(false);
   }
   if (keep.end != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%li-%d", keep.end, static_cast<int>(old.size()));
-    text.append(old, static_cast<size_t>(keep.end));
+    after = std::string_view(old).substr(static_cast<size_t>(keep.end));
   }
 
   // The leases file comes first, so that a failure leaves the previous text
@@ -421,15 +423,18 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   plr::ScopeExit removeLeases([&] {
     if (leasesCreated) PLRRemoveFile(vnet, PLR_FILE_DHCP_LEASES, nullptr);
   });
-  // Undo: the old text goes back unless it is still there (a failed
-  // directory sync leaves the renamed new file in place).
+  plr::PendingFile file;
+  // Undo: once the new file is in place, the old text goes back.
   plr::ScopeExit restoreOld([&] {
-    std::string now;
-    if (created || (plr::ReadWholeFile(path, &now) && now == old)) return;
+    if (created || !file.committed()) return;
     if (!plr::ReplaceFileAtomically(path, old, 0644))
       PLOG(LOG_ERR, "Cannot restore DHCP Config File, %s, error: %s", path, strerror(errno));
   });
-  if (!plr::ReplaceFileAtomically(path, text, 0644)) {
+  auto put = [&](std::string_view piece) {
+    return plr::sys::WriteAll(file.fd(), piece.data(), piece.size());
+  };
+  if (!file.Create(path, 0644) || !put(before) || !put(block) || !put(after) || !file.Sync() ||
+      !file.Commit()) {
     PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
          strerror(errno));
     return trace.Exit(false);

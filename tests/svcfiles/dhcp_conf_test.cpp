@@ -90,6 +90,8 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedInPlaceAndAnEditedOneGivesAFreshFile) {
   const std::string around =
       "# top\r\n" + std::string(3, '\0') + "\n" + block + "tail\n\n# no newline";
   const std::string noEnd = block.substr(0, block.size() - 73);
+  std::string big;  // several megabytes of the user's own text on both sides
+  for (int i = 0; big.size() < (4u << 20); ++i) big += "# host note " + std::to_string(i) + "\n";
   const struct {
     std::string file, hash;  // hash "" removes it
     bool kept;
@@ -101,10 +103,11 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedInPlaceAndAnEditedOneGivesAFreshFile) {
                 {edited, hash, false},
                 {noEnd, hash, false},
                 {block + "# after\n", hash, true},
-                {block.substr(0, 71) + " \n" + block.substr(72), hash, false}};
+                {block.substr(0, 71) + " \n" + block.substr(72), hash, false},
+                {big + block + big, hash, true}};
   ASSERT_TRUE(PLRSetVnetUseNAT(8, false, false));  // the new block differs from the old
   for (const auto& e : kEdits) {
-    SCOPED_TRACE(e.file);
+    SCOPED_TRACE(e.file.substr(0, 200));
     ASSERT_TRUE(e.hash.empty() ? PLRRemoveVnetCfg(8, "DHCP_CFG_HASH")
                                : PLRSetVnetCfg(8, "DHCP_CFG_HASH", e.hash.c_str()));
     WriteFile(DhcpConfPath(8), e.file);
