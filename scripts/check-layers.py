@@ -422,12 +422,29 @@ def check(graph, layers):
     return failures
 
 
+# Programs built on the library reach it only through its public headers.
+CLIENT_FOLDERS = ["cli"]
+
+
+def check_clients(root, folders):
+    """Failures for client files that include a library folder's header."""
+    failures = []
+    for rel in library_files(root, [c for c in CLIENT_FOLDERS if os.path.isdir(os.path.join(root, c))]):
+        with open(os.path.join(root, rel), encoding="utf-8") as f:
+            for number, line in enumerate(f, 1):
+                m = re.match(r'\s*#\s*include\s*"([^/"]+)/', line)
+                if m and m.group(1) in folders:
+                    failures.append("%s:%d: includes %s/ internals; use the public headers"
+                                    % (rel, number, m.group(1)))
+    return failures
+
+
 def analyse(root):
     """Reads the map and the sources under root: (layers, graph, failures)."""
     with open(os.path.join(root, MAP_FILE), encoding="utf-8") as f:
         layers = LayerMap(f.read())
     graph = build_graph(root, layers.folders())
-    return layers, graph, check(graph, layers)
+    return layers, graph, check(graph, layers) + check_clients(root, layers.folders())
 
 
 def print_graph(layers, graph):
@@ -465,6 +482,8 @@ def self_test(src):
         ("an include in a comment or a string is no use",
          append(target, '\n// #include "%s"\n/* %s(); */\nconst char* planted = "#include \\"%s\\"";\n'
                 % (header, call, header)), []),
+        ("a client including library internals fails",
+         append("cli/main.cpp", '\n#include "%s"\n' % header), ["cli/main.cpp:", "internals"]),
         ("a listed edge that nothing uses fails",
          lambda root: _add_map_line(root, "%s -> %s : %s" % (lowest, highest, target)),
          ["stale map: %s -> %s is listed" % (lowest, highest)]),
@@ -488,7 +507,7 @@ def self_test(src):
     failed = 0
     for title, plant, expected in cases:
         with tempfile.TemporaryDirectory(prefix="check-layers.") as tmp:
-            for folder in folders + ["include"]:
+            for folder in folders + ["include"] + CLIENT_FOLDERS:
                 if os.path.isdir(os.path.join(src, folder)):
                     shutil.copytree(os.path.join(src, folder), os.path.join(tmp, folder))
             shutil.copy(os.path.join(src, MAP_FILE), tmp)
