@@ -47,7 +47,10 @@ bool AppendText(PLRNetworkConfigurationDB* db, const std::string& text, bool* ma
     return false;
   }
   int fd = fileno(db->stream.get());
-  off_t end = lseek(fd, 0, SEEK_END);
+  // Under this cache's lock the file was caught up when the lock was taken,
+  // and the descriptor stands at its end (every read and write of the
+  // journal leaves it there); otherwise another writer may have appended.
+  off_t end = db->lock.held() && db->journalEnd >= 0 ? db->journalEnd : lseek(fd, 0, SEEK_END);
   if (end < 0) return false;
   // A foreign or interrupted writer may have left the file without its final
   // newline; the record must still start a line of its own.
@@ -70,7 +73,7 @@ bool AppendText(PLRNetworkConfigurationDB* db, const std::string& text, bool* ma
     return true;
   }
   int err = written < 0 ? errno : ENOSPC;  // a short write means the disk is full
-  if (written != 0 && ftruncate(fd, end) != 0) {
+  if (written > 0 && (ftruncate(fd, end) != 0 || lseek(fd, end, SEEK_SET) != end)) {
     *mayHaveLanded = true;
     db->journalEnd = -1;
   }
