@@ -174,7 +174,8 @@ void AddVnetCommands(CLI::App& app) {
   Leaf(app, "list", "List every configured vnet", "pelorus list --json", [] {
     Session session(false);
     json doc = json::array();
-    for (const Vnet& vnet : ConfiguredVnets()) doc.push_back(VnetSummary(vnet));
+    const json adapters = HostAdapters();
+    for (const Vnet& vnet : ConfiguredVnets()) doc.push_back(VnetSummary(vnet, adapters));
     Emit(doc, [&] { PrintSummaryTable(doc); });
   });
 
@@ -285,7 +286,7 @@ void AddVnetCommands(CLI::App& app) {
   CLI::App* get = Leaf(app, "get", "Print one setting", "pelorus get kavix8 subnet", [] {
     Session session(false);
     const Vnet vnet = ConfiguredVnet();
-    const json details = VnetSummary(vnet);
+    const json details = VnetSummary(vnet, HostAdapters());
     uint32_t mtu = 0;
     json value = A().key == "name"      ? details["displayName"]
                  : A().key == "subnet"  ? details["subnet"]
@@ -408,7 +409,7 @@ void AddSwitchCommands(CLI::App& app) {
          });
   Leaf(*adapter, "status", "Show the adapter's state", "pelorus adapter kavix8 status", [] {
     Session session(false);
-    const json doc = VnetSummary(ConfiguredVnet())["adapter"];
+    const json doc = VnetSummary(ConfiguredVnet(), HostAdapters())["adapter"];
     Emit(doc, [&] {
       Say("configured: " + Cell(doc["configured"]) + "\naddress: " + Cell(doc["address"]) +
           "\npresent: " + Cell(doc["present"]) + "\nup: " + Cell(doc["up"]));

@@ -172,7 +172,7 @@ json NatParams(const Vnet& vnet) {
   return out;
 }
 
-json VnetSummary(const Vnet& vnet) {
+json VnetSummary(const Vnet& vnet, const json& adapters) {
   const char* name = vnet.name.c_str();
   const std::string subnet =
       Text([&](char* b, uint32_t* l) { return PLR_GetVnetSubnetAddr(name, b, l); });
@@ -182,7 +182,7 @@ json VnetSummary(const Vnet& vnet) {
   PLR_GetVnetAdapterStatus(name, &installed, &up);
   const bool adapter = PLRVnetIsOptionConfigured(vnet.number, PLR_VNET_OPTION_VIRTUAL_ADAPTER);
   json bridged = json::array();
-  for (const json& a : HostAdapters())
+  for (const json& a : adapters)
     if (a["vnet"] == vnet.name) bridged.push_back(a["name"]);
   const int length = PrefixLength(mask);
   return json{
@@ -214,7 +214,7 @@ json VnetSummary(const Vnet& vnet) {
 }
 
 json VnetDetails(const Vnet& vnet) {
-  json out = VnetSummary(vnet);
+  json out = VnetSummary(vnet, HostAdapters());
   uint32_t mtu = 0;
   out["mtu"] = PLR_GetVnetMTU(vnet.name.c_str(), &mtu) ? json(mtu) : json();
   out["dhcpParams"] = DhcpParams(vnet);

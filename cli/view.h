@@ -29,8 +29,9 @@ bool IsConfigured(const Vnet& vnet);
 // Every configured vnet in number order.
 std::vector<Vnet> ConfiguredVnets();
 
-// The summary of `list` for one vnet.
-json VnetSummary(const Vnet& vnet);
+// The summary of `list` for one vnet; `adapters` is HostAdapters(), read
+// once for all vnets.
+json VnetSummary(const Vnet& vnet, const json& adapters);
 // Everything `show` prints: the summary plus parameters (defaults marked),
 // static mappings, port forwards, generated files.
 json VnetDetails(const Vnet& vnet);
