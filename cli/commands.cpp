@@ -518,6 +518,17 @@ void AddSwitchCommands(CLI::App& app) {
              });
     cmd->add_option("prefix", A().value, "ADDRESS/LENGTH")->required();
   }
+  Leaf(*prefix, "list", "List the IPv6 prefixes", "pelorus nat kavix8 prefix list", [] {
+    Session session(false);
+    const Vnet vnet = ConfiguredVnet();
+    json doc = json::array();
+    uint32_t cursor = 0;
+    for (char buf[128]; PLRNetCfgEnumNATPrefix(nullptr, vnet.number, &cursor, buf, sizeof buf);)
+      doc.push_back(buf);
+    Emit(doc, [&] {
+      for (const json& p : doc) Say(Cell(p));
+    });
+  });
 }
 
 // ---- services, apply, bridge, db, log ----

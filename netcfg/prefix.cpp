@@ -3,6 +3,9 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "netcfg/tables.h"
 
 namespace plr {
@@ -104,6 +107,21 @@ bool PLRNetCfgRemoveNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, cons
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
     return NetCfgRemoveWithRollback(cache, PrefixKind{vnet, prefix, fnName}, std::string(prefix));
   });
+}
+
+// Walks the prefixes in byte order; sets are small, so each step sorts.
+bool PLRNetCfgEnumNATPrefix(PLRNetworkConfigurationDB* db, uint32_t vnet, uint32_t* cursor,
+                            char* buf, size_t size) {
+  PLRNetworkConfigurationDB* cache = NetCfgResolve(db);
+  if (cache == nullptr || cursor == nullptr || vnet >= PLR_MAX_VNETS || !cache->prefixes[vnet])
+    return false;
+  std::vector<std::string_view> sorted(cache->prefixes[vnet]->begin(),
+                                       cache->prefixes[vnet]->end());
+  if (*cursor >= sorted.size()) return false;
+  std::nth_element(sorted.begin(), sorted.begin() + *cursor, sorted.end());
+  if (!NetCfgCopyOut(sorted[*cursor], buf, size)) return false;
+  ++*cursor;
+  return true;
 }
 
 // Drops the vnet's prefixes without writing any record. Never fails.

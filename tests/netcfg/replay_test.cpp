@@ -129,6 +129,25 @@ TEST_F(CacheTest, AnswerConversions) {
   EXPECT_EQ(first, again);
 }
 
+// The prefix walk gives each prefix once, in byte order, and stops at a
+// buffer too small for the next one.
+TEST_F(CacheTest, PrefixWalkIsOrderedAndBounded) {
+  Open(
+      "add_nat_prefix 3 fd00:2::/64\nadd_nat_prefix 3 fd00:10::/64\nadd_nat_prefix 3 fd00:1::/64\n"
+      "add_nat_prefix 4 fd00:4::/64\n");
+  std::vector<std::string> walked;
+  uint32_t cursor = 0;
+  for (char buf[32]; PLRNetCfgEnumNATPrefix(db_, 3, &cursor, buf, sizeof buf);)
+    walked.push_back(buf);
+  EXPECT_EQ(walked, (std::vector<std::string>{"fd00:10::/64", "fd00:1::/64", "fd00:2::/64"}));
+  char small[12];
+  cursor = 0;
+  EXPECT_FALSE(PLRNetCfgEnumNATPrefix(db_, 3, &cursor, small, sizeof small));
+  EXPECT_EQ(cursor, 0u);
+  cursor = 0;
+  EXPECT_FALSE(PLRNetCfgEnumNATPrefix(db_, 5, &cursor, small, sizeof small)) << "no prefixes";
+}
+
 // Lookups copy only what fits; a walk visits each entry once, in a stable
 // order, and a change between two steps shows up in the rest of the walk.
 TEST_F(CacheTest, LookupsAndWalksOfForwardsAndMappings) {
