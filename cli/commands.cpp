@@ -567,9 +567,15 @@ void AddServiceCommands(CLI::App& app) {
             session.Do(std::string("cannot stop ") + it->name,
                        [&] { return PLR_StopService(name, it->type); });
         if (A().action != "stop")
-          for (const Service& s : services)
+          for (const Service& s : services) {
+            // A service starts on files that say what the database says now.
+            if (s.type == PLR_SERVICE_TYPE_NAT && ServiceStatus(vnet, s.type) != "running")
+              session.Do("cannot write nat.conf", [&] { return PLR_UpdateNATFromConfig(name); });
+            if (s.type == PLR_SERVICE_TYPE_DHCP && ServiceStatus(vnet, s.type) != "running")
+              session.Do("cannot write dhcpd.conf", [&] { return PLR_UpdateDHCPFromConfig(name); });
             session.Do(std::string("cannot start ") + s.name,
                        [&] { return PLR_StartService(name, s.type); });
+          }
       });
   service->add_option("vnet", A().vnet, "kavix<n> or n")->required();
   service->add_option("action", A().action, "start, stop, restart or status")

@@ -423,7 +423,7 @@ def check(graph, layers):
 
 
 # Programs built on the library reach it only through its public headers.
-CLIENT_FOLDERS = ["cli"]
+CLIENT_FOLDERS = ["cli", "daemons"]
 
 
 def check_clients(root, folders):
