@@ -575,6 +575,13 @@ void AddServiceCommands(CLI::App& app) {
               session.Do("cannot write dhcpd.conf", [&] { return PLR_UpdateDHCPFromConfig(name); });
             session.Do(std::string("cannot start ") + s.name,
                        [&] { return PLR_StartService(name, s.type); });
+            // The host-only adapter gets its address as soon as its bridge
+            // exists: NAT and DHCP serve that interface.
+            bool present = false, up = false;
+            if (s.type == PLR_SERVICE_TYPE_NETIFUP &&
+                PLR_GetVnetAdapterStatus(name, &present, &up) && present && !up)
+              session.Do("cannot bring the adapter up",
+                         [&] { return PLR_EnableNetworkAdapter(name); });
           }
       });
   service->add_option("vnet", A().vnet, "kavix<n> or n")->required();

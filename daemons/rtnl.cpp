@@ -1,5 +1,6 @@
 #include "daemons/rtnl.h"
 
+#include <arpa/inet.h>
 #include <errno.h>
 #include <libmnl/libmnl.h>
 #include <linux/if_link.h>
@@ -63,6 +64,19 @@ bool Rtnl::SetMtu(const std::string& name, uint32_t mtu) {
   return Ack(nlh);
 }
 
+bool Rtnl::SetUp(const std::string& name) {
+  const unsigned index = if_nametoindex(name.c_str());
+  if (index == 0) return false;
+  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
+  nlh->nlmsg_type = RTM_NEWLINK;
+  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+  ifm->ifi_family = AF_UNSPEC;
+  ifm->ifi_index = static_cast<int>(index);
+  ifm->ifi_flags = IFF_UP;
+  ifm->ifi_change = IFF_UP;
+  return Ack(nlh);
+}
+
 bool Rtnl::Delete(const std::string& name) {
   const unsigned index = if_nametoindex(name.c_str());
   if (index == 0) return false;
@@ -71,6 +85,25 @@ bool Rtnl::Delete(const std::string& name) {
   auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
   ifm->ifi_family = AF_UNSPEC;
   ifm->ifi_index = static_cast<int>(index);
+  return Ack(nlh);
+}
+
+bool Rtnl::Address(bool add, const std::string& name, const std::string& ip, int prefixLength) {
+  const unsigned index = if_nametoindex(name.c_str());
+  struct in_addr addr;
+  if (index == 0 || inet_pton(AF_INET, ip.c_str(), &addr) != 1) {
+    errno = ENODEV;
+    return false;
+  }
+  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
+  nlh->nlmsg_type = add ? RTM_NEWADDR : RTM_DELADDR;
+  nlh->nlmsg_flags = add ? NLM_F_CREATE | NLM_F_EXCL : 0;
+  auto* ifa = static_cast<struct ifaddrmsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+  ifa->ifa_family = AF_INET;
+  ifa->ifa_prefixlen = static_cast<unsigned char>(prefixLength);
+  ifa->ifa_index = index;
+  mnl_attr_put(nlh, IFA_LOCAL, sizeof addr, &addr);
+  mnl_attr_put(nlh, IFA_ADDRESS, sizeof addr, &addr);
   return Ack(nlh);
 }
 

@@ -20,10 +20,15 @@ class Rtnl {
 
   // Creates bridge `name`; false with errno set (EEXIST when it exists).
   bool AddBridge(const std::string& name);
+  // Brings the link up; false with errno set.
+  bool SetUp(const std::string& name);
   // Sets the link's MTU; false with errno set.
   bool SetMtu(const std::string& name, uint32_t mtu);
   // Deletes the link; false with errno set.
   bool Delete(const std::string& name);
+  // Adds or removes the IPv4 address `ip`/`prefixLength` on the link; false
+  // with errno set (EEXIST: it is there already).
+  bool Address(bool add, const std::string& name, const std::string& ip, int prefixLength);
 
   // Whether a link of that name exists; its kind ("bridge", "veth", "" for
   // a plain device or none).
