@@ -133,9 +133,11 @@ int main(int argc, char** argv) {
     undo();
     daemon.FailStart();
   }
-  if (rtnl.Address(true, config.iface, config.gateway, config.prefixLength)) {
+  // The gateway address is this daemon's: one already there was left by a
+  // killed instance and goes at exit too.
+  if (rtnl.Address(true, config.iface, config.gateway, config.prefixLength) || errno == EEXIST) {
     addedAddress = true;
-  } else if (errno != EEXIST) {
+  } else {
     daemon.Log("cannot add gateway %s/%d to %s: %s", config.gateway.c_str(), config.prefixLength,
                config.iface.c_str(), strerror(errno));
     undo();
