@@ -43,6 +43,20 @@ void Serve(const std::string& ns, int port, const std::string& name) {
   SleepMs(500);
 }
 
+// A name server that knows one name, outside.test = 10.99.0.77, answering
+// one query on UDP 53; and a client asking `server` for that name.
+const std::string kNameServer =
+    "python3 -c 'import socket;s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM);"
+    "s.bind((\"0.0.0.0\",53));q,a=s.recvfrom(512);"
+    "s.sendto(q[:2]+bytes([0x81,0x80,0,1,0,1,0,0,0,0])+q[12:]+bytes([0xc0,12,0,1,0,1,0,0,0,60,0,4,"
+    "10,99,0,77]),a)'";
+const std::string kResolve =
+    "python3 -c 'import "
+    "socket,sys;s=socket.socket(socket.AF_INET,socket.SOCK_DGRAM);s.settimeout(5);"
+    "n=b\"\".join(bytes([len(p)])+p.encode() for p in \"outside.test\".split(\".\"));"
+    "s.sendto(bytes([0x12,0x34,1,0,0,1,0,0,0,0,0,0])+n+bytes([0,0,1,0,1]),(sys.argv[1],53));"
+    "r=s.recv(512);print(\".\".join(str(b) for b in r[-4:]))'";
+
 int Pelorus(const std::string& args) {
   return test::Run(kPelorus + " " + args + " >>/tmp/pelorus.out 2>&1");
 }
@@ -51,6 +65,7 @@ class VnetPackets : public ::testing::Test {
  protected:
   void SetUp() override {
     WriteProductConfig(PLR_DAEMONS_BINDIR);
+    WriteFile("/etc/resolv.conf", "nameserver 10.99.0.2\n");  // the host's resolver is outside
     // The outside world: a namespace behind the host's ext0 (10.99.0.1).
     ASSERT_EQ(
         test::Run("ip link set lo up && ip netns add outside && ip link add ext0 type veth peer "
@@ -99,6 +114,10 @@ TEST_F(VnetPackets, GuestGetsItsAddressReachesOutAndIsReachedThroughItsForward) 
   // Out through NAT: the outside sees the host's address.
   Serve("outside", 8000, "outside");
   EXPECT_EQ(In("guest", kClient + " 10.99.0.2 8000"), "outside sees 10.99.0.1\n");
+  // Names through the gateway: a name only the outside name server knows.
+  ASSERT_EQ(test::Run("ip netns exec outside timeout 20 " + kNameServer + " >/dev/null 2>&1 &"), 0);
+  SleepMs(500);
+  EXPECT_EQ(In("guest", kResolve + " 192.168.8.2"), "10.99.0.77\n");
   // In through the port forward: host 8080 reaches the guest's port 80.
   Serve("guest", 80, "guest");
   EXPECT_EQ(In("outside", kClient + " 10.99.0.1 8080"), "guest sees 10.99.0.2\n");
