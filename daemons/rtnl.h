@@ -5,11 +5,40 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 struct mnl_socket;
 struct nlmsghdr;
 
 namespace kavix {
+
+// A link as a dump reports it.
+struct Link {
+  int index = 0;
+  std::string name;
+  unsigned type = 0;   // ARPHRD_*
+  unsigned flags = 0;  // IFF_*
+  int master = 0;      // ifindex of the bridge it is a port of, 0 for none
+  std::string kind;    // "bridge", "veth", ... ("" for a plain device)
+  std::string mac;     // 6 raw bytes
+  uint32_t mtu = 0;
+};
+
+// An IPv4 address of a link.
+struct IpAddress {
+  std::string ip;
+  int prefixLength = 0;
+};
+
+// An IPv4 route of the main table.
+struct Route {
+  std::string dst;  // "" for the default route
+  int dstLength = 0;
+  std::string gateway;
+  int oif = 0;
+  uint32_t priority = 0;
+  unsigned char protocol = 0, scope = 0;
+};
 
 class Rtnl {
  public:
@@ -30,6 +59,19 @@ class Rtnl {
   // with errno set (EEXIST: it is there already).
   bool Address(bool add, const std::string& name, const std::string& ip, int prefixLength);
 
+  // Every link, in index order.
+  std::vector<Link> Links();
+  // The IPv4 addresses of link `index`.
+  std::vector<IpAddress> Addresses(int index);
+  // The IPv4 routes of the main table.
+  std::vector<Route> Routes();
+  // Adds `route` through link `oif`; false with errno set.
+  bool AddRoute(const Route& route, int oif);
+  // Makes link `name` a port of `master` (0: of none); false with errno set.
+  bool SetMaster(const std::string& name, int master);
+  // Sets a link's MAC (6 raw bytes) and MTU; false with errno set.
+  bool SetMacAndMtu(const std::string& name, const std::string& mac, uint32_t mtu);
+
   // Whether a link of that name exists; its kind ("bridge", "veth", "" for
   // a plain device or none).
   static bool Exists(const std::string& name);
@@ -38,6 +80,8 @@ class Rtnl {
  private:
   // Sends the request in buf_ and waits for its acknowledgement.
   bool Ack(struct nlmsghdr* request);
+  // Sends a dump request and passes every answer to `cb` with `data`.
+  bool Dump(struct nlmsghdr* request, int (*cb)(const struct nlmsghdr*, void*), void* data);
 
   struct mnl_socket* socket_ = nullptr;
   uint32_t seq_ = 0;
