@@ -24,37 +24,55 @@ void StoreBe32(uint32_t v, uint8_t* p) {
 
 Sha1::Sha1() : h_{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0} {}
 
-// One 64-byte block through the 80 rounds; the message schedule is kept in a
-// rolling 16-word window.
+// One 64-byte block through the 80 rounds, written out so that each round
+// has its own function and constant and the message schedule (a rolling
+// 16-word window) stays in registers. A round adds into `e` and rotates `b`;
+// the next round takes the five words renamed by one place, so nothing moves.
 void Sha1::Block(const uint8_t* block) {
   uint32_t w[16];
   for (int i = 0; i < 16; ++i) w[i] = LoadBe32(block + 4 * i);
   uint32_t a = h_[0], b = h_[1], c = h_[2], d = h_[3], e = h_[4];
-  for (int t = 0; t < 80; ++t) {
-    if (t >= 16) {
-      w[t & 15] = Rotl(w[(t - 3) & 15] ^ w[(t - 8) & 15] ^ w[(t - 14) & 15] ^ w[t & 15], 1);
-    }
-    uint32_t f, k;
-    if (t < 20) {
-      f = (b & c) | (~b & d);
-      k = 0x5A827999;
-    } else if (t < 40) {
-      f = b ^ c ^ d;
-      k = 0x6ED9EBA1;
-    } else if (t < 60) {
-      f = (b & c) | (b & d) | (c & d);
-      k = 0x8F1BBCDC;
-    } else {
-      f = b ^ c ^ d;
-      k = 0xCA62C1D6;
-    }
-    uint32_t temp = Rotl(a, 5) + f + e + k + w[t & 15];
-    e = d;
-    d = c;
-    c = Rotl(b, 30);
-    b = a;
-    a = temp;
-  }
+#define PLR_SHA1_W(t) \
+  (w[(t)&15] = Rotl(w[((t) + 13) & 15] ^ w[((t) + 8) & 15] ^ w[((t) + 2) & 15] ^ w[(t)&15], 1))
+#define PLR_SHA1_CH(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
+#define PLR_SHA1_PARITY(x, y, z) ((x) ^ (y) ^ (z))
+#define PLR_SHA1_MAJ(x, y, z) (((x) & (y)) | ((z) & ((x) | (y))))
+#define PLR_SHA1_ROUND(F, k, x, a, b, c, d, e) \
+  e += Rotl(a, 5) + F(b, c, d) + (k) + (x);    \
+  b = Rotl(b, 30);
+#define PLR_SHA1_FIVE(F, k, x0, x1, x2, x3, x4) \
+  PLR_SHA1_ROUND(F, k, x0, a, b, c, d, e)       \
+  PLR_SHA1_ROUND(F, k, x1, e, a, b, c, d)       \
+  PLR_SHA1_ROUND(F, k, x2, d, e, a, b, c)       \
+  PLR_SHA1_ROUND(F, k, x3, c, d, e, a, b)       \
+  PLR_SHA1_ROUND(F, k, x4, b, c, d, e, a)
+  PLR_SHA1_FIVE(PLR_SHA1_CH, 0x5A827999u, w[0], w[1], w[2], w[3], w[4])
+  PLR_SHA1_FIVE(PLR_SHA1_CH, 0x5A827999u, w[5], w[6], w[7], w[8], w[9])
+  PLR_SHA1_FIVE(PLR_SHA1_CH, 0x5A827999u, w[10], w[11], w[12], w[13], w[14])
+  PLR_SHA1_FIVE(PLR_SHA1_CH, 0x5A827999u, w[15], PLR_SHA1_W(16), PLR_SHA1_W(17), PLR_SHA1_W(18),
+                PLR_SHA1_W(19))
+#define PLR_SHA1_FIVE_AT(F, k, t)                                                             \
+  PLR_SHA1_FIVE(F, k, PLR_SHA1_W(t), PLR_SHA1_W(t + 1), PLR_SHA1_W(t + 2), PLR_SHA1_W(t + 3), \
+                PLR_SHA1_W(t + 4))
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0x6ED9EBA1u, 20)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0x6ED9EBA1u, 25)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0x6ED9EBA1u, 30)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0x6ED9EBA1u, 35)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_MAJ, 0x8F1BBCDCu, 40)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_MAJ, 0x8F1BBCDCu, 45)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_MAJ, 0x8F1BBCDCu, 50)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_MAJ, 0x8F1BBCDCu, 55)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0xCA62C1D6u, 60)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0xCA62C1D6u, 65)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0xCA62C1D6u, 70)
+  PLR_SHA1_FIVE_AT(PLR_SHA1_PARITY, 0xCA62C1D6u, 75)
+#undef PLR_SHA1_FIVE_AT
+#undef PLR_SHA1_FIVE
+#undef PLR_SHA1_ROUND
+#undef PLR_SHA1_MAJ
+#undef PLR_SHA1_PARITY
+#undef PLR_SHA1_CH
+#undef PLR_SHA1_W
   h_[0] += a;
   h_[1] += b;
   h_[2] += c;
