@@ -71,6 +71,8 @@ const Call kWriters[] = {
          Is(1, "VIRTUAL_ADAPTER_ADDR", "192.168.1.200")),
     CALL(PLR_UpdateDHCPFromConfig, ("kavix1"), FileExists("/etc/tarsis/kavix1/dhcpd/dhcpd.conf")),
     CALL(PLR_UpdateNATFromConfig, ("kavix1"), FileExists("/etc/tarsis/kavix1/nat/nat.conf")),
+    // No adapter configured: the update retires nothing and succeeds.
+    CALL(PLR_UpdateAdapterFromConfig, ("kavix2"), Is(2, "VIRTUAL_ADAPTER", "<absent>")),
 };
 
 class ApiLayer : public LoadedLibraryTest {
@@ -100,7 +102,8 @@ TEST_F(ApiLayer, BadArgumentsAreRefused) {
   const std::string before = Database();
   const bool groups[] = {
       PLR_SetVnetDisplayName(nullptr, "x") || PLR_SetVnetDisplayName("kavix256", "x") ||
-          PLR_SetVnetMTU("eth0", 1400) || PLR_SetVnetSubnetAddr(v, "300.1.1.0") ||
+          PLR_SetVnetMTU("eth0", 1400) || PLR_RemoveMTU("kavix256") ||
+          PLR_UpdateAdapterFromConfig("eth0") || PLR_SetVnetSubnetAddr(v, "300.1.1.0") ||
           PLR_SetVnetSubnetMask(v, "255.0.255.0") || PLR_GetVnetMTU(v, nullptr) ||
           PLR_SetVnetAdapterAddr(v, "1.2.3") || PLR_GetVnetAdapterStatus(v, &gFlag, nullptr),
       PLR_SetNATPrefix(v, "zz", nullptr, 0) || PLR_SetNATPrefix(v, "fd00::/64", gBuf, 128) ||
