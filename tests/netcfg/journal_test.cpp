@@ -51,7 +51,7 @@ const struct Step {
     {DO(RemoveAllNATPortFwd(d, 8, true, false, true)), true,
      "remove_nat_portfwd 8 tcp 20\nremove_nat_portfwd 8 tcp 80\n", true},
     {DO(RemoveAllNATPortFwd(d, 8, false, true, false)), true, ""},  // cache only
-    {DO(RemoveAllNATPortFwd(d, 9, true, true, true)), true, ""},  // nothing to drop
+    {DO(RemoveAllNATPortFwd(d, 9, true, true, true)), true, ""},    // nothing to drop
     {DO(AddDHCPMACToIP(d, 8, "02:7a:3e:2a:10:01", "192.168.120.130", false)), true,
      "add_dhcp_mac_to_ip 8 02:7A:3E:2A:10:01 192.168.120.130\n"},
     {DO(AddDHCPMACToIP(d, 8, "02:7A:3E:2A:10:01", "192.168.120.131", false)), true,
@@ -215,6 +215,8 @@ TEST_F(CacheTest, ReadOnlyUnchangedOrMissingCacheLeavesTheFileByteForByte) {
   ASSERT_NE(db_ = LoadCache(kDatabasePath, false, true), nullptr);
   EXPECT_TRUE(PLRNetCfgIsReadOnly(db_));
   for (const Step& step : kSteps) step.run(db_);
+  EXPECT_TRUE(PLRNetCfgAddNATPrefix(db_, 9, "fd00:9::/64"));  // in memory only
+  EXPECT_TRUE(PLRNetCfgLookupNATPrefix(db_, 9, "fd00:9::/64"));
   const char* value = nullptr;
   ASSERT_TRUE(PLRNetCfgGetAnswerString(db_, "K", &value));
   EXPECT_STREQ(value, "other");
