@@ -1,29 +1,46 @@
 #include "base/line-reader.h"
 
 #include <errno.h>
+#include <string.h>
+
+#include <algorithm>
 
 namespace plr {
 
-// Byte by byte through the stream's own buffer, so embedded NUL bytes stay in
-// the line and an overlong line is cut without a second buffer. A read error
-// reports kError even in the middle of a line: a partial line from a failing
-// device is not a line.
+// One fread of a whole block: glibc hands a request of at least its own
+// buffer size straight to read(2), so the bytes are copied once.
+bool LineReader::Fill() {
+  if (!block_) block_ = std::make_unique<char[]>(kBlock);
+  pos_ = 0;
+  end_ = fread(block_.get(), 1, kBlock, stream_);
+  return end_ > 0;
+}
+
+// Scans the block for the newline with memchr and copies at most what the
+// line may keep; the rest of an overlong line is skipped in place.
 LineReader::Status LineReader::Next(std::string& line) {
   line.clear();
   const size_t keep = maxLength_ > 0 ? maxLength_ - 1 : 0;
   bool any = false;
   for (;;) {
-    int c = getc_unlocked(stream_);
-    if (c == EOF) {
+    if (pos_ == end_ && !Fill()) {
       if (ferror(stream_)) {
         if (errno == 0) errno = EIO;
         return Status::kError;
       }
       return any ? Status::kLine : Status::kEof;
     }
+    const char* start = block_.get() + pos_;
+    const size_t available = end_ - pos_;
+    const char* newline = static_cast<const char*>(memchr(start, '\n', available));
+    const size_t length = newline != nullptr ? static_cast<size_t>(newline - start) : available;
     any = true;
-    if (c == '\n') return Status::kLine;
-    if (line.size() < keep) line += static_cast<char>(c);
+    if (line.size() < keep) line.append(start, std::min(length, keep - line.size()));
+    pos_ += length;
+    if (newline != nullptr) {
+      ++pos_;
+      return Status::kLine;
+    }
   }
 }
 

@@ -3,11 +3,17 @@
 // A line is the text up to a newline or the end of the stream, without the
 // newline. A line longer than maxLength - 1 bytes is truncated to that many
 // bytes and the rest of it, up to its newline, is discarded, so one overlong
-// line never becomes two records.
+// line never becomes two records. Embedded NUL bytes stay in the line.
+//
+// The reader takes the stream a block at a time, so it owns everything read
+// from the stream after its first call: callers read to the end, or drop the
+// stream after the lines they want. Memory stays at one block and one line
+// whatever the length of the lines.
 #pragma once
 
 #include <stdio.h>
 
+#include <memory>
 #include <string>
 
 namespace plr {
@@ -19,12 +25,21 @@ class LineReader {
   explicit LineReader(FILE* stream, size_t maxLength = 1024)
       : stream_(stream), maxLength_(maxLength) {}
 
-  // Reads the next line into `line`; kError leaves errno set.
+  // Reads the next line into `line`; kError leaves errno set, and is
+  // reported even in the middle of a line: a partial line from a failing
+  // device is not a line.
   Status Next(std::string& line);
 
  private:
+  // Refills the block; false at the end of the stream or on an error.
+  bool Fill();
+
+  static constexpr size_t kBlock = 64 * 1024;
   FILE* stream_;
   size_t maxLength_;
+  std::unique_ptr<char[]> block_;
+  size_t pos_ = 0;
+  size_t end_ = 0;
 };
 
 }  // namespace plr

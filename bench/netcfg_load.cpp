@@ -3,6 +3,7 @@
 // lines, and writing the same bytes to a new file that replaces the old.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -157,5 +158,29 @@ void BM_CompactBaselineWriteRename(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_CompactBaselineWriteRename)->Unit(benchmark::kMillisecond);
+
+// Memory of a loaded cache beside the size of its file: the heap bytes in
+// use after the load less those before it (the stream's buffer included).
+void BM_CacheMemory(benchmark::State& state) {
+  WriteJournal(static_cast<int>(state.range(0)));
+  const double fileBytes = static_cast<double>(plr::test::ReadFile(kPath).size());
+  double cacheBytes = 0;
+  for (auto _ : state) {
+    const size_t before = mallinfo2().uordblks;
+    PLRNetworkConfigurationDB* db = nullptr;
+    if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
+    cacheBytes = static_cast<double>(mallinfo2().uordblks - before);
+    PLRNetCfgUnload(&db, false);
+  }
+  state.counters["cache_bytes"] = cacheBytes;
+  state.counters["file_bytes"] = fileBytes;
+  state.counters["cache_per_file"] = cacheBytes / fileBytes;
+}
+BENCHMARK(BM_CacheMemory)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -25,10 +25,9 @@ struct AnswerKind {
   const char* function;
 
   std::optional<std::string> Find(const PLRNetworkConfigurationDB* db) const {
-    if (!db->answers) return std::nullopt;
-    auto it = db->answers->find(std::string_view(key));
-    if (it == db->answers->end()) return std::nullopt;
-    return it->second.value;
+    const NetCfgAnswerTable::Entry* entry = db->answers ? db->answers->Find(key) : nullptr;
+    if (entry == nullptr) return std::nullopt;
+    return std::string(entry->value());
   }
   bool Put(PLRNetworkConfigurationDB* db, const std::string& v) const {
     return NetCfgHashAddAnswer(db, key, v);
@@ -90,9 +89,9 @@ extern "C" {
 bool PLRNetCfgGetAnswerString(PLRNetworkConfigurationDB* db, const char* key, const char** value) {
   PLRNetworkConfigurationDB* cache = plr::NetCfgCacheFor(db, __func__);
   if (cache == nullptr || !cache->answers || key == nullptr) return false;
-  auto it = cache->answers->find(std::string_view(key));
-  if (it == cache->answers->end()) return false;
-  if (value != nullptr) *value = it->second.value.c_str();
+  const plr::NetCfgAnswerTable::Entry* entry = cache->answers->Find(key);
+  if (entry == nullptr) return false;
+  if (value != nullptr) *value = entry->c_value();
   return true;
 }
 
@@ -164,10 +163,10 @@ bool PLRNetCfgRemoveAnswer(PLRNetworkConfigurationDB* db, const char* key) {
     return false;
   }
   return plr::NetCfgGuarded(__func__, [&, fnName = __func__] {
-    auto it = cache->answers->find(std::string_view(key));
-    if (it == cache->answers->end()) return true;
+    const plr::NetCfgAnswerTable::Entry* entry = cache->answers->Find(key);
+    if (entry == nullptr) return true;
     return plr::NetCfgRemoveWithRollback(cache, plr::AnswerKind{key, nullptr, fnName},
-                                         std::string(it->second.value));
+                                         std::string(entry->value()));
   });
 }
 

@@ -77,15 +77,15 @@ struct BridgeKind {
 };
 
 // A separately allocated list element for a mapped adapter.
-PLR_HostAdapter* NewAdapterElement(const std::string& name, int32_t vnet) {
+PLR_HostAdapter* NewAdapterElement(std::string_view name, int32_t vnet) {
   auto* element = static_cast<PLR_HostAdapter*>(calloc(1, sizeof(PLR_HostAdapter)));
   if (element == nullptr) return nullptr;
   element->version = PLR_HOSTADAPTER_VERSION;
   element->netId.version = PLR_NETID_VERSION;
   element->netId.netType = PLR_NETID_TYPE_VNET;
   element->netId.vnet = static_cast<uint32_t>(vnet);
-  memcpy(element->name, name.c_str(), name.size() + 1);
-  memcpy(element->displayName, name.c_str(), name.size() + 1);
+  memcpy(element->name, name.data(), name.size());  // calloc left the terminator
+  memcpy(element->displayName, name.data(), name.size());
   return element;
 }
 
@@ -173,7 +173,7 @@ bool PLRNetCfgLookupHostAdaptersForVnet(PLRNetworkConfigurationDB* db, uint32_t 
     PLOG(LOG_INFO2, "List of bridge mappings is empty");
     return true;
   }
-  std::vector<const std::pair<const std::string, int32_t>*> array;
+  std::vector<const NetCfgBridgeTable::Entry*> array;
   if (!NetCfgGuarded(__func__, [&] {
         array.reserve(cache->bridges->size());
         for (const auto& node : *cache->bridges) array.push_back(&node);
@@ -186,13 +186,13 @@ bool PLRNetCfgLookupHostAdaptersForVnet(PLRNetworkConfigurationDB* db, uint32_t 
   PLR_HostAdapter** tail = list;
   for (const auto* node : array) {
     PLOG(LOG_INFO2, "Entry in Array: %p", static_cast<const void*>(node));
-    bool mapped = vnet == PLR_VNET_ALL || static_cast<uint32_t>(node->second) == vnet;
+    bool mapped = vnet == PLR_VNET_ALL || static_cast<uint32_t>(node->extra) == vnet;
     if (mapped == exclude) continue;
-    if (node->first.size() >= sizeof((*list)->name)) {
-      PLOG(LOG_ERR, "Adapter: %s is longer than expected, skipping", node->first.c_str());
+    if (node->keySize >= sizeof((*list)->name)) {
+      PLOG(LOG_ERR, "Adapter: %s is longer than expected, skipping", node->keyText);
       continue;
     }
-    PLR_HostAdapter* element = NewAdapterElement(node->first, node->second);
+    PLR_HostAdapter* element = NewAdapterElement(node->key(), node->extra);
     if (element == nullptr) {
       PLOG(LOG_ERR, "Memory allocation failure");
       PLRFreeHostAdapList(list);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 #include <sys/types.h>
 
 #include <functional>
@@ -22,6 +23,7 @@
 #include "base/fd-util.h"
 #include "base/file-lock.h"
 #include "base/fs-util.h"
+#include "base/text-table.h"
 #include "pelorus/netcfg.h"
 
 namespace plr {
@@ -34,7 +36,6 @@ inline constexpr unsigned kNetCfgLockWaitMs = 3500;
 inline constexpr size_t kNetCfgMaxLine = 1024;
 inline constexpr size_t kNetCfgAdapterNameSize = 128;  // names are shorter
 inline constexpr size_t kNetCfgMaxDescription = 127;
-inline constexpr size_t kNetCfgAnswerBuckets = 512;
 inline constexpr const char* kNetCfgBinDirKey = "BINDIR";
 inline constexpr const char* kProductConfigPath = "/etc/tarsis/config";
 
@@ -63,14 +64,15 @@ template <class V>
 using NetCfgStringMap = std::unordered_map<std::string, V, NetCfgStringHash, std::equal_to<>>;
 using NetCfgStringSet = std::unordered_set<std::string, NetCfgStringHash, std::equal_to<>>;
 
-// One answer. For keys of the form VNET_<n>_<FIELD> it also carries n and the
+// What an answer's key says: for keys of the form VNET_<n>_<FIELD>, n and the
 // offset of FIELD within the key, so the import can work field by field.
-struct NetworkConfigDictionaryEntry {
-  std::string value;
+struct NetCfgAnswerField {
   int32_t vnet = -1;         // n, or -1 for a global key
   uint32_t fieldOffset = 0;  // offset of FIELD, 0 for a global key
 };
-using NetCfgAnswerTable = NetCfgStringMap<NetworkConfigDictionaryEntry>;
+// Answers: key and value texts stay where they are until the cache goes, so
+// a value handed out by PLRNetCfgGetAnswerString stays readable.
+using NetCfgAnswerTable = TextTable<NetCfgAnswerField>;
 
 // One NAT port forward; an empty description means none.
 struct NATPortFwdEntry {
@@ -99,16 +101,42 @@ struct NATVnetPortFwdConfig {
   const NATPortFwdGroup& group(bool isTCP) const { return groups[isTCP ? 0 : 1]; }
 };
 
+// A MAC address in standard form ("xx:xx:xx:xx:xx:xx"), held in the node
+// itself. It hashes as its text does, so a table of these keys keeps the
+// order a table of text keys has.
+class NetCfgMacKey {
+ public:
+  static constexpr size_t kSize = 17;
+  // `text` must be kSize bytes (the caller has standardised it).
+  explicit NetCfgMacKey(std::string_view text) { memcpy(text_, text.data(), kSize); }
+  std::string_view view() const { return {text_, kSize}; }
+  const char* c_str() const { return text_; }
+  friend bool operator==(const NetCfgMacKey& a, std::string_view b) { return a.view() == b; }
+  friend bool operator==(const NetCfgMacKey& a, const NetCfgMacKey& b) {
+    return a.view() == b.view();
+  }
+
+ private:
+  char text_[kSize + 1] = {};
+};
+struct NetCfgMacHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const noexcept { return NetCfgStringHash{}(s); }
+  size_t operator()(const NetCfgMacKey& k) const noexcept { return NetCfgStringHash{}(k.view()); }
+};
+
 // DHCP mappings of one vnet, keyed by the standardised MAC; the value is the
 // IP address. The array caches the enumeration order like the port forwards.
 struct DhcpVnetTable {
-  NetCfgStringMap<std::string> table;
-  std::vector<const std::pair<const std::string, std::string>*> array;
+  using Table = std::unordered_map<NetCfgMacKey, std::string, NetCfgMacHash, std::equal_to<>>;
+  Table table;
+  std::vector<const Table::value_type*> array;
   bool arrayValid = false;
 };
 
-// Bridge mappings: adapter name -> vnet (0..255, or -1 for none).
-using NetCfgBridgeTable = NetCfgStringMap<int32_t>;
+// Bridge mappings: adapter name -> vnet (0..255, or -1 for none), the vnet
+// in the entry's `extra`; the value text is unused.
+using NetCfgBridgeTable = TextTable<int32_t>;
 
 }  // namespace plr
 
@@ -168,15 +196,7 @@ struct NetCfgRecord {
 // logs "Invalid record type: %u" and fails.
 bool NetCfgFormatRecord(const NetCfgRecord& record, std::string* out);
 
-// The add records of one group in the order of the compacting writer:
-// answers (kRecAnswer) by key in byte order, BINDIR included; port forwards
-// (kRecAddNatPortFwd) by vnet, TCP before UDP, host port; DHCP mappings
-// (kRecAddDhcpMacToIp) by vnet, table order within a vnet; bridge mappings
-// (kRecAddBridgeMapping) by signed vnet, then adapter name. Other types give
-// nothing. The records point into the cache: valid until it changes.
-void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
-                          std::vector<NetCfgRecord>* out);
-// The groups above in file order.
+// The groups of a whole database file in file order.
 inline constexpr uint32_t kNetCfgWrittenTypes[] = {kRecAnswer, kRecAddNatPortFwd,
                                                    kRecAddDhcpMacToIp, kRecAddBridgeMapping};
 
@@ -219,6 +239,6 @@ bool NetCfgHashRemoveAnswer(PLRNetworkConfigurationDB* db, std::string_view key)
 bool NetCfgCatchUp(PLRNetworkConfigurationDB* db, const char* function);
 
 // Fills vnet and field offset for a VNET_<n>_<FIELD> key (n up to 255).
-void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry* entry);
+NetCfgAnswerField NetCfgClassifyAnswerKey(std::string_view key);
 
 }  // namespace plr

@@ -168,9 +168,10 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
     PLOG(LOG_INFO2, "No mappings to enumerate");
     return false;
   }
-  const auto& [mac, ip] = *table.array[*cursor];
+  const auto& [key, ip] = *table.array[*cursor];
+  const std::string_view mac = key.view();
   if (!NetCfgCopyOut(mac, macBuffer, macBufferSize)) {
-    PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, mac.c_str());
+    PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, key.c_str());
     return false;
   }
   if (!NetCfgCopyOut(ip, ipBuffer, ipBufferSize)) {
@@ -189,15 +190,17 @@ bool PLRNetCfgRemoveAllDHCPMACToIPMapping(PLRNetworkConfigurationDB* db, uint32_
   if (cache == nullptr || vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) return true;
   if (writeRecords && !cache->readOnly) {
     bool allWritten = NetCfgGuarded(__func__, [&] {
-      std::vector<const std::pair<const std::string, std::string>*> nodes;
+      std::vector<const DhcpVnetTable::Table::value_type*> nodes;
       for (const auto& node : cache->dhcp[vnet]->table) nodes.push_back(&node);
-      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });
+      std::sort(nodes.begin(), nodes.end(),
+                [](auto* a, auto* b) { return a->first.view() < b->first.view(); });
       bool ok = true;
       for (const auto* node : nodes) {
         bool mayHaveLanded = false;
-        ok = NetCfgWriteRecordToConfig(cache, DhcpRecord(vnet, node->first, node->second, false),
-                                       &mayHaveLanded) &&
-             ok;
+        ok =
+            NetCfgWriteRecordToConfig(
+                cache, DhcpRecord(vnet, node->first.view(), node->second, false), &mayHaveLanded) &&
+            ok;
       }
       return ok;
     });

@@ -52,7 +52,7 @@ bool PLRNetCfgExportConfigToBuffer(PLRNetworkConfigurationDB* db, char** buffer,
   }
   try {
     // BINDIR never leaves the library; the buffer form reports leaving it out.
-    if (cache->answers && cache->answers->count(std::string_view(kNetCfgBinDirKey)) != 0)
+    if (cache->answers && cache->answers->Find(kNetCfgBinDirKey) != nullptr)
       PLOG(LOG_ERR, "Memory allocation failure, error: %s", strerror(EINVAL));
     std::string text;
     NetCfgFormatDatabase(cache, backup, &text, [](std::string*, uint32_t, size_t, bool) {

@@ -351,8 +351,6 @@ static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader,
 }
 
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function) {
-  // A larger stream buffer: the file is read once, front to back.
-  setvbuf(stream, nullptr, _IOFBF, 64 * 1024);
   // One byte more than a line may hold, so an overlong line is recognisable.
   LineReader reader(stream, kNetCfgMaxLine + 1);
   std::string line;

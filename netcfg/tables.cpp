@@ -80,11 +80,10 @@ bool NetCfgCopyOut(std::string_view text, char* buf, size_t size) {
 
 // --- answers -------------------------------------------------------------
 
-void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry* entry) {
-  entry->vnet = -1;
-  entry->fieldOffset = 0;
+NetCfgAnswerField NetCfgClassifyAnswerKey(std::string_view key) {
+  NetCfgAnswerField field;
   constexpr std::string_view kPrefix = "VNET_";
-  if (key.size() <= kPrefix.size() || key.substr(0, kPrefix.size()) != kPrefix) return;
+  if (key.size() <= kPrefix.size() || key.substr(0, kPrefix.size()) != kPrefix) return field;
   size_t pos = kPrefix.size();
   uint32_t vnet = 0;
   size_t digits = 0;
@@ -93,35 +92,22 @@ void NetCfgClassifyAnswerKey(std::string_view key, NetworkConfigDictionaryEntry*
     ++pos;
     ++digits;
   }
-  if (digits == 0 || vnet >= PLR_MAX_VNETS || pos >= key.size() || key[pos] != '_') return;
-  entry->vnet = static_cast<int32_t>(vnet);
-  entry->fieldOffset = static_cast<uint32_t>(pos + 1);
+  if (digits == 0 || vnet >= PLR_MAX_VNETS || pos >= key.size() || key[pos] != '_') return field;
+  field.vnet = static_cast<int32_t>(vnet);
+  field.fieldOffset = static_cast<uint32_t>(pos + 1);
+  return field;
 }
 
 bool NetCfgHashAddAnswer(PLRNetworkConfigurationDB* db, std::string_view key,
                          std::string_view value) {
-  if (!db->answers) {
-    db->answers = std::make_unique<NetCfgAnswerTable>();
-    db->answers->reserve(kNetCfgAnswerBuckets);
-  }
-  auto it = db->answers->find(key);
-  if (it != db->answers->end()) {
-    it->second.value.assign(value);
-    return true;
-  }
-  NetworkConfigDictionaryEntry entry;
-  entry.value.assign(value);
-  NetCfgClassifyAnswerKey(key, &entry);
-  db->answers->emplace(std::string(key), std::move(entry));
+  if (!db->answers) db->answers = std::make_unique<NetCfgAnswerTable>();
+  auto [entry, inserted] = db->answers->Put(key, value);
+  if (inserted) entry->extra = NetCfgClassifyAnswerKey(key);
   return true;
 }
 
 bool NetCfgHashRemoveAnswer(PLRNetworkConfigurationDB* db, std::string_view key) {
-  if (!db->answers) return false;
-  auto it = db->answers->find(key);
-  if (it == db->answers->end()) return false;
-  db->answers->erase(it);
-  return true;
+  return db->answers && db->answers->Erase(key);
 }
 
 // --- port forwards -------------------------------------------------------
@@ -175,18 +161,16 @@ const std::string* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t 
 
 bool NetCfgHashAddDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view mac,
                        std::string_view ip) {
-  if (vnet >= PLR_MAX_VNETS) return false;
+  if (vnet >= PLR_MAX_VNETS || mac.size() != NetCfgMacKey::kSize) return false;
   auto& table = db->dhcp[vnet];
   if (!table) table = std::make_unique<DhcpVnetTable>();
   table->array.clear();
   table->arrayValid = false;
-  auto it = table->table.find(mac);
-  if (it != table->table.end()) {
+  auto [it, inserted] = table->table.try_emplace(NetCfgMacKey(mac), ip);
+  if (!inserted) {
     PLOG(LOG_INFO2, "DHCP entry already exists, deleting existing entry");
     it->second.assign(ip);
-    return true;
   }
-  table->table.emplace(std::string(mac), std::string(ip));
   return true;
 }
 
@@ -204,29 +188,20 @@ bool NetCfgHashRemoveDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::str
 // --- bridge mappings -----------------------------------------------------
 
 const int32_t* NetCfgFindBridge(const PLRNetworkConfigurationDB* db, std::string_view adapter) {
-  if (!db->bridges) return nullptr;
-  auto it = db->bridges->find(adapter);
-  return it == db->bridges->end() ? nullptr : &it->second;
+  const NetCfgBridgeTable::Entry* entry = db->bridges ? db->bridges->Find(adapter) : nullptr;
+  return entry == nullptr ? nullptr : &entry->extra;
 }
 
 bool NetCfgHashAddBridge(PLRNetworkConfigurationDB* db, std::string_view adapter, int32_t vnet) {
   if (!db->bridges) db->bridges = std::make_unique<NetCfgBridgeTable>();
-  auto it = db->bridges->find(adapter);
-  if (it != db->bridges->end()) {
-    PLOG(LOG_INFO2, "Bridge mapping entry already exists, deleting existing entry");
-    it->second = vnet;
-    return true;
-  }
-  db->bridges->emplace(std::string(adapter), vnet);
+  auto [entry, inserted] = db->bridges->Put(adapter, {});
+  if (!inserted) PLOG(LOG_INFO2, "Bridge mapping entry already exists, deleting existing entry");
+  entry->extra = vnet;
   return true;
 }
 
 bool NetCfgHashRemoveBridge(PLRNetworkConfigurationDB* db, std::string_view adapter) {
-  if (!db->bridges) return false;
-  auto it = db->bridges->find(adapter);
-  if (it == db->bridges->end()) return false;
-  db->bridges->erase(it);
-  return true;
+  return db->bridges && db->bridges->Erase(adapter);
 }
 
 // --- NAT prefixes --------------------------------------------------------

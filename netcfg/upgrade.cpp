@@ -47,9 +47,11 @@ std::vector<AnswerCopy> CopyAnswers(const PLRNetworkConfigurationDB* db) {
   std::vector<AnswerCopy> out;
   if (!db->answers) return out;
   out.reserve(db->answers->size());
-  for (const auto& [key, entry] : *db->answers) {
-    std::string field = entry.fieldOffset > 0 ? key.substr(entry.fieldOffset) : std::string();
-    out.push_back(AnswerCopy{key, entry.value, entry.vnet, std::move(field)});
+  for (const auto& entry : *db->answers) {
+    const std::string_view key = entry.key();
+    std::string field(entry.extra.fieldOffset > 0 ? key.substr(entry.extra.fieldOffset) : "");
+    out.push_back(AnswerCopy{std::string(key), std::string(entry.value()), entry.extra.vnet,
+                             std::move(field)});
   }
   return out;
 }

@@ -166,78 +166,120 @@ bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord
   return true;
 }
 
-void NetCfgCollectRecords(const PLRNetworkConfigurationDB* db, uint32_t type,
-                          std::vector<NetCfgRecord>* out) {
-  out->clear();
+namespace {
+
+// Answers in byte order of their keys. The sort compares the first eight
+// key bytes as one number and reads the keys only on a tie.
+template <class Emit>
+bool ForEachAnswer(const PLRNetworkConfigurationDB* db, Emit&& emit) {
+  if (!db->answers) return true;
+  struct Item {
+    uint64_t prefix;
+    const NetCfgAnswerTable::Entry* entry;
+  };
+  std::vector<Item> items;
+  items.reserve(db->answers->size());
+  for (const auto& entry : *db->answers) {
+    unsigned char head[8] = {};
+    memcpy(head, entry.keyText, std::min<size_t>(entry.keySize, 8));
+    uint64_t prefix = 0;
+    for (unsigned char byte : head) prefix = prefix << 8 | byte;
+    items.push_back(Item{prefix, &entry});
+  }
+  std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+    if (a.prefix != b.prefix) return a.prefix < b.prefix;
+    return a.entry->key() < b.entry->key();
+  });
+  for (const Item& item : items)
+    if (!emit(AnswerRecord(item.entry->key(), item.entry->value()))) return false;
+  return true;
+}
+
+// Port forwards by vnet, TCP before UDP, host port.
+template <class Emit>
+bool ForEachPortFwd(const PLRNetworkConfigurationDB* db, Emit&& emit) {
+  std::vector<std::pair<uint16_t, const NATPortFwdEntry*>> group;
+  for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
+    if (!db->portFwds[vnet]) continue;
+    for (bool isTCP : {true, false}) {
+      const NATPortFwdGroup& fwds = db->portFwds[vnet]->group(isTCP);
+      if (!fwds.table) continue;
+      group.clear();
+      for (const auto& [port, entry] : *fwds.table) group.emplace_back(port, &entry);
+      std::sort(group.begin(), group.end(),
+                [](const auto& a, const auto& b) { return a.first < b.first; });
+      for (const auto& [port, entry] : group)
+        if (!emit(PortFwdRecord(*entry, true))) return false;
+    }
+  }
+  return true;
+}
+
+// DHCP mappings by vnet, in table order within a vnet.
+template <class Emit>
+bool ForEachDhcp(const PLRNetworkConfigurationDB* db, Emit&& emit) {
+  for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
+    if (!db->dhcp[vnet]) continue;
+    for (const auto& [mac, ip] : db->dhcp[vnet]->table)
+      if (!emit(DhcpRecord(vnet, mac.view(), ip, true))) return false;
+  }
+  return true;
+}
+
+// Bridge mappings by signed vnet, then adapter name.
+template <class Emit>
+bool ForEachBridge(const PLRNetworkConfigurationDB* db, Emit&& emit) {
+  if (!db->bridges) return true;
+  std::vector<std::pair<int32_t, std::string_view>> items;
+  items.reserve(db->bridges->size());
+  for (const auto& entry : *db->bridges) items.emplace_back(entry.extra, entry.key());
+  std::sort(items.begin(), items.end());
+  for (const auto& [vnet, adapter] : items)
+    if (!emit(BridgeRecord(adapter, vnet, true))) return false;
+  return true;
+}
+
+// The add records of one group in the order of the compacting writer:
+// answers (kRecAnswer) by key in byte order, BINDIR included; port forwards
+// (kRecAddNatPortFwd) by vnet, TCP before UDP, host port; DHCP mappings
+// (kRecAddDhcpMacToIp) by vnet, table order within a vnet; bridge mappings
+// (kRecAddBridgeMapping) by signed vnet, then adapter name. Other types give
+// nothing. `emit(const NetCfgRecord&)` returns false to stop, which makes
+// the call false; the records point into the cache.
+template <class Emit>
+bool ForEachRecord(const PLRNetworkConfigurationDB* db, uint32_t type, Emit&& emit) {
   switch (type) {
-    case kRecAnswer: {
-      if (!db->answers) return;
-      // Sort pointers to the entries, not the (large) records.
-      std::vector<const NetCfgAnswerTable::value_type*> nodes;
-      nodes.reserve(db->answers->size());
-      for (const auto& node : *db->answers) nodes.push_back(&node);
-      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) { return a->first < b->first; });
-      out->reserve(nodes.size());
-      for (const auto* node : nodes) out->push_back(AnswerRecord(node->first, node->second.value));
-      return;
-    }
-    case kRecAddNatPortFwd: {
-      std::vector<const NATPortFwdEntry*> group;
-      for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
-        if (!db->portFwds[vnet]) continue;
-        for (bool isTCP : {true, false}) {
-          const NATPortFwdGroup& fwds = db->portFwds[vnet]->group(isTCP);
-          if (!fwds.table) continue;
-          group.clear();
-          for (const auto& node : *fwds.table) group.push_back(&node.second);
-          std::sort(group.begin(), group.end(),
-                    [](auto* a, auto* b) { return a->hostPort < b->hostPort; });
-          for (const NATPortFwdEntry* entry : group) out->push_back(PortFwdRecord(*entry, true));
-        }
-      }
-      return;
-    }
+    case kRecAnswer:
+      return ForEachAnswer(db, emit);
+    case kRecAddNatPortFwd:
+      return ForEachPortFwd(db, emit);
     case kRecAddDhcpMacToIp:
-      for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
-        if (!db->dhcp[vnet]) continue;
-        for (const auto& [mac, ip] : db->dhcp[vnet]->table)
-          out->push_back(DhcpRecord(vnet, mac, ip, true));
-      }
-      return;
-    case kRecAddBridgeMapping: {
-      if (!db->bridges) return;
-      std::vector<const NetCfgBridgeTable::value_type*> nodes;
-      nodes.reserve(db->bridges->size());
-      for (const auto& node : *db->bridges) nodes.push_back(&node);
-      std::sort(nodes.begin(), nodes.end(), [](auto* a, auto* b) {
-        if (a->second != b->second) return a->second < b->second;
-        return a->first < b->first;
-      });
-      out->reserve(nodes.size());
-      for (const auto* node : nodes) out->push_back(BridgeRecord(node->first, node->second, true));
-      return;
-    }
+      return ForEachDhcp(db, emit);
+    case kRecAddBridgeMapping:
+      return ForEachBridge(db, emit);
     default:
-      return;
+      return true;
   }
 }
+
+}  // namespace
 
 bool NetCfgFormatDatabase(const PLRNetworkConfigurationDB* db, bool backup, std::string* text,
                           const NetCfgDatabaseSink& sink) {
   *text += backup ? "BACKUP_VERSION=" : "VERSION=";
   *text += std::to_string(kNetCfgMajorVersion) + "," + std::to_string(kNetCfgMinorVersion) + "\n";
   if (!sink(text, 0, 0, true)) return false;
-  std::vector<NetCfgRecord> records;
   for (uint32_t type : kNetCfgWrittenTypes) {
-    NetCfgCollectRecords(db, type, &records);
     size_t count = 0;
-    for (const NetCfgRecord& record : records) {
-      if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) continue;
-      if (!NetCfgFormatRecord(record, text)) return sink(nullptr, type, count, true);
+    bool formatted = true;
+    bool ok = ForEachRecord(db, type, [&](const NetCfgRecord& record) {
+      if (record.type == kRecAnswer && record.key == kNetCfgBinDirKey) return true;
+      if (!NetCfgFormatRecord(record, text)) return formatted = false;
       ++count;
-      if (text->size() >= kWriteChunk && !sink(text, type, count, false)) return false;
-    }
-    if (!sink(text, type, count, true)) return false;
+      return text->size() < kWriteChunk || sink(text, type, count, false);
+    });
+    if (!formatted) return sink(nullptr, type, count, true);
+    if (!ok || !sink(text, type, count, true)) return false;
   }
   return true;
 }

@@ -18,6 +18,7 @@
 #include "base/sha1.h"
 #include "base/str-util.h"
 #include "base/sys-util.h"
+#include "base/text-table.h"
 #include "tests/support/sandbox.h"
 
 namespace plr {
@@ -91,7 +92,13 @@ TEST(LineReader, SplitsAndCutsLines) {
                {std::string("x\0y\n", 4), 1024, {std::string("x\0y", 3)}},
                {a + "\nn\n", 1024, {a, "n"}},
                {c + "cc\nn", 1024, {c, "n"}},
-               {"abcdef\ngh\n", 4, {"abc", "gh"}}};
+               {"abcdef\ngh\n", 4, {"abc", "gh"}},
+               // Lines across the reader's 64 KiB blocks: cut, kept whole,
+               // a newline as the last byte of a block, a multi-MB line.
+               {std::string(70000, 'x') + "\nn\n", 1024, {std::string(1023, 'x'), "n"}},
+               {std::string(70000, 'y') + "\nn", 80000, {std::string(70000, 'y'), "n"}},
+               {std::string(65535, 'z') + "\nq\n", 65536, {std::string(65535, 'z'), "q"}},
+               {std::string(5 << 20, 'm') + "\n\nend", 16, {std::string(15, 'm'), "", "end"}}};
   for (const auto& r : kRows) {
     test::WriteFile("/tmp/lines", r.text);
     UniqueFile f(fopen("/tmp/lines", "r"));
@@ -101,12 +108,56 @@ TEST(LineReader, SplitsAndCutsLines) {
     LineReader::Status status;
     while ((status = reader.Next(line)) == LineReader::Status::kLine) lines.push_back(line);
     EXPECT_EQ(status, LineReader::Status::kEof);
-    EXPECT_EQ(lines, r.lines) << r.text.substr(0, 20);
+    EXPECT_EQ(lines, r.lines) << r.text.substr(0, 20) << " (" << r.text.size() << " bytes)";
   }
   UniqueFile dir(fopen("/tmp", "r"));  // reading a directory fails with EISDIR
   std::string line;
   EXPECT_EQ(LineReader(dir.get()).Next(line), LineReader::Status::kError);
   EXPECT_EQ(errno, EISDIR);
+}
+
+// Random puts, replacements and erases against a std::map: every step's
+// lookups agree, iteration yields exactly the model, and a value's text
+// stays readable at its address until the table goes.
+TEST(TextTable, AgreesWithAMapAndKeepsTextsInPlace) {
+  TextTable<int> table;
+  std::map<std::string, std::string> model;
+  std::vector<std::pair<const char*, std::string>> handedOut;
+  unsigned seed = 1;
+  auto next = [&] { return seed = seed * 1103515245u + 12345u, (seed >> 8) & 0xffffu; };
+  for (int step = 0; step < 20000; ++step) {
+    const unsigned r = next();
+    // Keys of 0 to 40 bytes, so whole words, tails and empty keys all occur.
+    const std::string key = std::string(r % 41, 'k') + std::to_string(r % 97);
+    if (next() % 3 == 0) {
+      EXPECT_EQ(table.Erase(key), model.erase(key) == 1) << key;
+    } else {
+      const std::string value = "v" + std::to_string(next());
+      auto [entry, inserted] = table.Put(key, value);
+      EXPECT_EQ(inserted, model.count(key) == 0) << key;
+      EXPECT_EQ(entry->value(), value);
+      if (inserted) entry->extra = static_cast<int>(key.size());
+      model[key] = value;
+      handedOut.emplace_back(entry->c_value(), value);
+    }
+    const auto* found = table.Find(key);
+    ASSERT_EQ(found != nullptr, model.count(key) == 1) << key;
+    if (found != nullptr) {
+      EXPECT_EQ(found->extra, static_cast<int>(key.size()));
+    }
+  }
+  ASSERT_EQ(table.size(), model.size());
+  std::map<std::string, std::string> walked;
+  for (const auto& entry : table) walked.emplace(entry.key(), entry.value());
+  EXPECT_EQ(walked, model);
+  for (const auto& [key, value] : model) {
+    const auto* entry = table.Find(key);
+    ASSERT_NE(entry, nullptr) << key;
+    EXPECT_EQ(entry->value(), value);
+  }
+  for (const auto& [text, value] : handedOut) ASSERT_STREQ(text, value.c_str());
+  EXPECT_EQ(table.Find("absent"), nullptr);
+  EXPECT_FALSE(table.Erase("absent"));
 }
 
 // Published vectors and sizes around the padding boundaries (a tail of 55
