@@ -82,16 +82,25 @@ bool ReadWholeFile(const char* path, std::string* out) {
   UniqueFd fd(sys::open(path, O_RDONLY | O_CLOEXEC));
   if (!fd) return false;
   out->clear();
-  char buf[65536];
+  // Read straight into the string, sized from fstat; a file that grows
+  // meanwhile (or a size fstat cannot tell) is followed to its end.
+  struct stat st;
+  size_t size = fstat(fd.get(), &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  out->resize(size + 1);
+  size_t have = 0;
   for (;;) {
-    ssize_t n = sys::read(fd.get(), buf, sizeof buf);
+    if (have == out->size()) out->resize(out->size() * 2 + 65536);
+    ssize_t n = sys::read(fd.get(), out->data() + have, out->size() - have);
     if (n < 0) {
       if (errno == EINTR) continue;
+      out->clear();
       return false;
     }
-    if (n == 0) return true;
-    out->append(buf, static_cast<size_t>(n));
+    if (n == 0) break;
+    have += static_cast<size_t>(n);
   }
+  out->resize(have);
+  return true;
 }
 
 // Makes a rename or a new directory entry durable: the entry lives in the

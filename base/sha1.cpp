@@ -2,6 +2,13 @@
 
 #include <string.h>
 
+#include <utility>
+
+#if defined(__x86_64__)
+#include <cpuid.h>
+#include <immintrin.h>
+#endif
+
 namespace plr {
 namespace {
 
@@ -20,7 +27,72 @@ void StoreBe32(uint32_t v, uint8_t* p) {
   p[3] = static_cast<uint8_t>(v);
 }
 
+#if defined(__x86_64__)
+#define PLR_SHA_TARGET __attribute__((target("sha,sse4.1")))
+
+// One group of four rounds with the SHA instructions (rounds 4g to 4g+3):
+// the message words of the group enter the round input `in`, `out` keeps
+// the state for the next group's input, and the schedule of the groups
+// ahead is advanced on the four message registers in turn.
+template <int G>
+PLR_SHA_TARGET inline void ShaGroup(__m128i& abcd, __m128i& in, __m128i& out, __m128i (&m)[4]) {
+  if constexpr (G == 0)
+    in = _mm_add_epi32(in, m[0]);
+  else
+    in = _mm_sha1nexte_epu32(in, m[G % 4]);
+  out = abcd;
+  if constexpr (G >= 3 && G <= 18) m[(G + 1) % 4] = _mm_sha1msg2_epu32(m[(G + 1) % 4], m[G % 4]);
+  abcd = _mm_sha1rnds4_epu32(abcd, in, G / 5);
+  if constexpr (G >= 1 && G <= 16) m[(G + 3) % 4] = _mm_sha1msg1_epu32(m[(G + 3) % 4], m[G % 4]);
+  if constexpr (G >= 2 && G <= 17) m[(G + 2) % 4] = _mm_xor_si128(m[(G + 2) % 4], m[G % 4]);
+}
+
+template <int... G>
+PLR_SHA_TARGET inline void ShaGroups(__m128i& abcd, __m128i& e0, __m128i& e1, __m128i (&m)[4],
+                                     std::integer_sequence<int, G...>) {
+  // Even groups take e0 and leave the state in e1, odd groups the reverse.
+  ((G % 2 == 0 ? ShaGroup<G>(abcd, e0, e1, m) : ShaGroup<G>(abcd, e1, e0, m)), ...);
+}
+
+// `count` blocks with the SHA instructions.
+PLR_SHA_TARGET void BlocksWithShaInstructions(uint32_t* h, const uint8_t* p, size_t count) {
+  const __m128i kByteSwap = _mm_set_epi64x(0x0001020304050607LL, 0x08090a0b0c0d0e0fLL);
+  __m128i abcd = _mm_shuffle_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(h)), 0x1B);
+  __m128i e0 = _mm_set_epi32(static_cast<int>(h[4]), 0, 0, 0);
+  for (; count > 0; --count, p += 64) {
+    const __m128i abcdSaved = abcd, eSaved = e0;
+    __m128i m[4];
+    for (int i = 0; i < 4; ++i)
+      m[i] = _mm_shuffle_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * i)),
+                              kByteSwap);
+    __m128i e1;
+    ShaGroups(abcd, e0, e1, m, std::make_integer_sequence<int, 20>());
+    e0 = _mm_sha1nexte_epu32(e0, eSaved);
+    abcd = _mm_add_epi32(abcd, abcdSaved);
+  }
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(h), _mm_shuffle_epi32(abcd, 0x1B));
+  h[4] = static_cast<uint32_t>(_mm_extract_epi32(e0, 3));
+}
+
+bool CpuHasShaInstructions() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) || (ebx & (1u << 29)) == 0) return false;
+  return __get_cpuid(1, &eax, &ebx, &ecx, &edx) && (ecx & bit_SSE4_1) != 0 &&
+         (ecx & bit_SSSE3) != 0;
+}
+#else
+bool CpuHasShaInstructions() {
+  return false;
+}
+#endif
+
+bool useShaInstructions = CpuHasShaInstructions();
+
 }  // namespace
+
+void Sha1UseCpuInstructions(bool use) {
+  useShaInstructions = use && CpuHasShaInstructions();
+}
 
 Sha1::Sha1() : h_{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0} {}
 
@@ -28,6 +100,13 @@ Sha1::Sha1() : h_{0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476, 0xC3D2E1F0} {}
 // has its own function and constant and the message schedule (a rolling
 // 16-word window) stays in registers. A round adds into `e` and rotates `b`;
 // the next round takes the five words renamed by one place, so nothing moves.
+void Sha1::Blocks(const uint8_t* p, size_t count) {
+#if defined(__x86_64__)
+  if (useShaInstructions) return BlocksWithShaInstructions(h_, p, count);
+#endif
+  for (; count > 0; --count, p += 64) Block(p);
+}
+
 void Sha1::Block(const uint8_t* block) {
   uint32_t w[16];
   for (int i = 0; i < 16; ++i) w[i] = LoadBe32(block + 4 * i);
@@ -93,10 +172,12 @@ void Sha1::Update(const void* data, size_t size) {
     p += take;
     size -= take;
     if (used_ < 64) return;
-    Block(buffer_);
+    Blocks(buffer_, 1);
     used_ = 0;
   }
-  for (; size >= 64; p += 64, size -= 64) Block(p);
+  Blocks(p, size / 64);
+  p += size / 64 * 64;
+  size %= 64;
   if (size > 0) memcpy(buffer_, p, size);
   used_ = size;
 }
@@ -108,13 +189,13 @@ Sha1::Digest Sha1::Final() {
   buffer_[used_++] = 0x80;
   if (used_ > 56) {
     memset(buffer_ + used_, 0, 64 - used_);
-    Block(buffer_);
+    Blocks(buffer_, 1);
     used_ = 0;
   }
   memset(buffer_ + used_, 0, 56 - used_);
   StoreBe32(static_cast<uint32_t>(bits >> 32), buffer_ + 56);
   StoreBe32(static_cast<uint32_t>(bits), buffer_ + 60);
-  Block(buffer_);
+  Blocks(buffer_, 1);
   used_ = 0;
   Digest digest;
   for (int i = 0; i < 5; ++i) StoreBe32(h_[i], digest.data() + 4 * i);

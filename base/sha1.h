@@ -18,12 +18,18 @@ class Sha1 {
   Digest Final();  // the object must not be updated afterwards
 
  private:
-  void Block(const uint8_t* block);
+  // `count` whole blocks, with the CPU's SHA instructions where it has them.
+  void Blocks(const uint8_t* p, size_t count);
+  void Block(const uint8_t* block);  // the portable rounds
   uint32_t h_[5];
   uint64_t length_ = 0;  // bytes hashed so far
   uint8_t buffer_[64];
   size_t used_ = 0;
 };
+
+// Whether hashing uses the CPU's SHA instructions where it has them (the
+// default); tests switch them off to check the portable rounds too.
+void Sha1UseCpuInstructions(bool use);
 
 // The digest of `data` as 40 lower-case hexadecimal characters.
 std::string Sha1Hex(std::string_view data);

@@ -115,8 +115,8 @@ BENCHMARK(BM_LoadBaselineLineReader)
     ->Arg(100000)
     ->Unit(benchmark::kMillisecond);
 
-void BM_Compact100k(benchmark::State& state) {
-  WriteJournal(100000);
+void BM_Compact(benchmark::State& state) {
+  WriteJournal(static_cast<int>(state.range(0)));
   for (auto _ : state) {
     state.PauseTiming();
     PLRNetworkConfigurationDB* db = nullptr;
@@ -126,12 +126,12 @@ void BM_Compact100k(benchmark::State& state) {
     PLRNetCfgUnload(&db, true);
   }
 }
-BENCHMARK(BM_Compact100k)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Compact)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // The rewrite alone (collect, sort, format, write, fsync), without the
 // release of the cache that a compacting unload also does.
-void BM_WriteDatabaseFile100k(benchmark::State& state) {
-  WriteJournal(100000);
+void BM_WriteDatabaseFile(benchmark::State& state) {
+  WriteJournal(static_cast<int>(state.range(0)));
   PLRNetworkConfigurationDB* db = nullptr;
   if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
   for (auto _ : state) {
@@ -140,12 +140,18 @@ void BM_WriteDatabaseFile100k(benchmark::State& state) {
   }
   PLRNetCfgUnload(&db, false);
 }
-BENCHMARK(BM_WriteDatabaseFile100k)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriteDatabaseFile)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 // Baseline: the same bytes written to a temporary file in 64 KiB chunks,
 // fsync, rename over the database.
 void BM_CompactBaselineWriteRename(benchmark::State& state) {
-  WriteJournal(100000);
+  WriteJournal(static_cast<int>(state.range(0)));
+  {  // the compacted bytes
+    PLRNetworkConfigurationDB* db = nullptr;
+    if (!PLRNetCfgLoad(kPath, &db, false, false)) state.SkipWithError("load failed");
+    db->modified = true;
+    PLRNetCfgUnload(&db, true);
+  }
   std::string bytes = plr::test::ReadFile(kPath);
   for (auto _ : state) {
     int fd = open("/etc/tarsis/.networking.base", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -157,7 +163,11 @@ void BM_CompactBaselineWriteRename(benchmark::State& state) {
     rename("/etc/tarsis/.networking.base", kPath);
   }
 }
-BENCHMARK(BM_CompactBaselineWriteRename)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompactBaselineWriteRename)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
 
 // Memory of a loaded cache beside the size of its file: the heap bytes in
 // use after the load less those before it (the stream's buffer included).

@@ -1,7 +1,7 @@
-// What generating the service files costs: dhcpd.conf for a vnet with 1k and
-// 10k static mappings (the cost must grow linearly with the mappings) and
-// nat.conf with 1k port forwards, each beside a baseline that writes the
-// same number of bytes with one fopen/fwrite/fclose. A generator run also
+// What generating the service files costs: dhcpd.conf for a vnet with 1k,
+// 10k and 100k static mappings and nat.conf with as many port forwards (the
+// cost must grow linearly), each beside a baseline that writes the same
+// number of bytes with one fopen/fwrite/fclose. A generator run also
 // reads the old file, copies it to the backup, hashes the block, replaces
 // the file atomically and appends the new hash to the database.
 #include <benchmark/benchmark.h>
@@ -23,17 +23,18 @@ void LoadDatabase(const std::string& records) {
   if (!PLR_Load(false)) abort();
 }
 
-// Vnet 8 on a /16 so that 10k mappings get distinct addresses.
+// Vnet 8 on a /12 so that 100k mappings get distinct addresses.
 void LoadDhcpVnet(int mappings) {
   std::string records =
-      "answer VNET_8_HOSTONLY_SUBNET 10.8.0.0\n"
-      "answer VNET_8_HOSTONLY_NETMASK 255.255.0.0\n"
+      "answer VNET_8_HOSTONLY_SUBNET 10.0.0.0\n"
+      "answer VNET_8_HOSTONLY_NETMASK 255.240.0.0\n"
       "answer VNET_8_DHCP yes\n"
       "answer VNET_8_NAT yes\n";
   char line[96];
   for (int i = 0; i < mappings; ++i) {
-    snprintf(line, sizeof line, "add_dhcp_mac_to_ip 8 00:50:56:%02X:%02X:%02X 10.8.%d.%d\n",
-             (i >> 16) & 0xFF, (i >> 8) & 0xFF, i & 0xFF, 1 + i / 250, 1 + i % 250);
+    snprintf(line, sizeof line, "add_dhcp_mac_to_ip 8 00:50:56:%02X:%02X:%02X 10.%d.%d.%d\n",
+             (i >> 16) & 0xFF, (i >> 8) & 0xFF, i & 0xFF, i / 62500, 1 + i / 250 % 250,
+             1 + i % 250);
     records += line;
   }
   LoadDatabase(records);
@@ -44,9 +45,12 @@ void LoadNatVnet(int forwards) {
       "answer VNET_8_HOSTONLY_SUBNET 192.168.8.0\n"
       "answer VNET_8_HOSTONLY_NETMASK 255.255.255.0\n"
       "answer VNET_8_NAT yes\n";
-  for (int port = 1; port <= forwards; ++port) {
-    records += "add_nat_portfwd 8 tcp " + std::to_string(port) + " 192.168.8." +
-               std::to_string(128 + port % 120) + " " + std::to_string(port) + " fwd\n";
+  // TCP and UDP in turn, so that 100k forwards fit in the port range.
+  for (int i = 0; i < forwards; ++i) {
+    const int port = 1 + i / 2;
+    records += std::string("add_nat_portfwd 8 ") + (i % 2 == 0 ? "tcp " : "udp ") +
+               std::to_string(port) + " 192.168.8." + std::to_string(128 + port % 120) + " " +
+               std::to_string(port) + " fwd\n";
   }
   LoadDatabase(records);
 }
@@ -82,7 +86,7 @@ void BM_DhcpConf(benchmark::State& state) {
       benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
   PLR_Unload2(0);
 }
-BENCHMARK(BM_DhcpConf)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DhcpConf)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
 void BM_DhcpConfFwriteBaseline(benchmark::State& state) {
   LoadDhcpVnet(static_cast<int>(state.range(0)));
@@ -91,7 +95,11 @@ void BM_DhcpConfFwriteBaseline(benchmark::State& state) {
   PLR_Unload2(0);
   FwriteBaseline(state, size);
 }
-BENCHMARK(BM_DhcpConfFwriteBaseline)->Arg(1000)->Arg(10000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DhcpConfFwriteBaseline)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
 
 void BM_NatConf(benchmark::State& state) {
   LoadNatVnet(static_cast<int>(state.range(0)));
@@ -104,7 +112,7 @@ void BM_NatConf(benchmark::State& state) {
   state.counters["file_bytes"] = static_cast<double>(size);
   PLR_Unload2(0);
 }
-BENCHMARK(BM_NatConf)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_NatConf)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
 void BM_NatConfFwriteBaseline(benchmark::State& state) {
   LoadNatVnet(static_cast<int>(state.range(0)));
@@ -113,6 +121,10 @@ void BM_NatConfFwriteBaseline(benchmark::State& state) {
   PLR_Unload2(0);
   FwriteBaseline(state, size);
 }
-BENCHMARK(BM_NatConfFwriteBaseline)->Arg(1000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_NatConfFwriteBaseline)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

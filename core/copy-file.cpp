@@ -6,6 +6,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <memory>
+
 #include "base/fd-util.h"
 #include "base/fs-util.h"
 #include "base/sys-util.h"
@@ -15,15 +17,16 @@
 namespace plr {
 namespace {
 
-constexpr size_t kCopyChunk = 1024;
+// Large enough that a copy of a few MB takes a few dozen system calls.
+constexpr size_t kCopyChunk = 64 * 1024;
 
 // Copies everything readable from `source` to `destination` in chunks;
 // logs under `function`.
 bool CopyContents(const char* function, int source, int destination, const char* sourcePath,
                   const char* destinationPath) {
-  char chunk[kCopyChunk];
+  std::unique_ptr<char[]> chunk(new char[kCopyChunk]);
   for (;;) {
-    ssize_t got = sys::read(source, chunk, sizeof chunk);
+    ssize_t got = sys::read(source, chunk.get(), kCopyChunk);
     if (got < 0) {
       PLOG_AS(function, LOG_ERR, "Reading from source file: %s failed, error: %s", sourcePath,
               strerror(errno));
@@ -33,7 +36,7 @@ bool CopyContents(const char* function, int source, int destination, const char*
       PLOG_AS(function, LOG_INFO2, "Finished reading from source file: %s", sourcePath);
       return true;
     }
-    ssize_t put = sys::write(destination, chunk, static_cast<size_t>(got));
+    ssize_t put = sys::write(destination, chunk.get(), static_cast<size_t>(got));
     if (put != got) {
       PLOG_AS(function, LOG_ERR, "Writing to destination file: %s failed, error: %s",
               destinationPath, strerror(put < 0 ? errno : EIO));

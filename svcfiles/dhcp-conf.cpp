@@ -147,9 +147,10 @@ bool ReadSubnetValues(const char* function, uint32_t vnet, SubnetValues* v) {
 }
 
 // The NAT gateway's lines, given to the subnet and to every static mapping.
+// Appended piece by piece: this runs once per mapping.
 void AppendNatOptions(std::string& out, const SubnetValues& v) {
-  out +=
-      StrPrintf("\toption netbios-name-servers %s;\n\toption routers %s;\n", v.netbios, v.routers);
+  out.append("\toption netbios-name-servers ").append(v.netbios);
+  out.append(";\n\toption routers ").append(v.routers).append(";\n");
 }
 
 void AppendSubnet(const char* function, std::string& out, const SubnetValues& v) {
@@ -166,15 +167,14 @@ void AppendSubnet(const char* function, std::string& out, const SubnetValues& v)
   PLOG_AS(function, LOG_INFO2, "Finished writing DHCP subnet values");
 }
 
+// The opening lines of a host entry, appended piece by piece: this runs
+// once per mapping.
 void AppendHostLines(std::string& out, const char* name, const char* mac, const char* ip,
                      const char* dns, const char* domain) {
-  out += StrPrintf(
-      "host %s {\n"
-      "\thardware ethernet %s;\n"
-      "\tfixed-address %s;\n"
-      "\toption domain-name-servers %s;\n"
-      "\toption domain-name %s;\n",
-      name, mac, ip, dns, domain);
+  out.append("host ").append(name).append(" {\n\thardware ethernet ").append(mac);
+  out.append(";\n\tfixed-address ").append(ip);
+  out.append(";\n\toption domain-name-servers ").append(dns);
+  out.append(";\n\toption domain-name ").append(domain).append(";\n");
 }
 
 // The host's own virtual adapter: a fixed address and a MAC derived from the
@@ -391,6 +391,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   // untouched block goes from the old file's bytes straight to the new file.
   std::string_view before, after;
   std::string block;
+  block.reserve(old.size() + 4096);  // the new block is about the old one's size
   if (keep.start != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%d-%li", 0, keep.start);
     before = std::string_view(old).substr(0, static_cast<size_t>(keep.start));

@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <charconv>
 #include <string>
 #include <string_view>
 
@@ -152,8 +153,12 @@ void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
                                  description, &descLength)) {
       return;
     }
-    out += StrPrintf("%u = %s:%u%s%s\n", static_cast<unsigned>(hostPort), ip,
-                     static_cast<unsigned>(vmPort), "", "");
+    // "<host port> = <ip>:<vm port>", formatted by hand: once per forward.
+    char number[8];
+    out.append(number, std::to_chars(number, number + sizeof number, hostPort).ptr);
+    out.append(" = ").append(ip).push_back(':');
+    out.append(number, std::to_chars(number, number + sizeof number, vmPort).ptr);
+    out.push_back('\n');
   }
 }
 

@@ -161,27 +161,49 @@ TEST(TextTable, AgreesWithAMapAndKeepsTextsInPlace) {
 }
 
 // Published vectors and sizes around the padding boundaries (a tail of 55
-// bytes still takes the length, 56 needs another block), fed in every chunking.
+// bytes still takes the length, 56 needs another block), fed in every
+// chunking, through the CPU's SHA instructions (where it has them) and
+// through the portable rounds.
 TEST(Sha1, VectorsInAnyChunking) {
-  const struct {
-    std::string data;
-    const char* hex;
-  } kRows[] = {{"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
-               {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
-               {std::string(55, 'a'), "c1c8bbdc22796e28c0e15163d20899b65621d65a"},
-               {std::string(56, 'a'), "c2db330f6083854c99d4b5bfb6e8f29f201be699"},
-               {std::string(64, 'a'), "0098ba824b5c16427bd7a1122a5a442a25ec644d"},
-               {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
-  for (const auto& r : kRows) {
-    EXPECT_EQ(Sha1Hex(r.data), r.hex) << r.data.size();
-    for (size_t chunk : {1, 7, 63, 64, 65, 1000}) {
-      if (r.data.size() > 100000 && chunk < 1000) continue;
-      Sha1 sha;
-      for (size_t at = 0; at < r.data.size(); at += chunk)
-        sha.Update(r.data.data() + at, std::min(chunk, r.data.size() - at));
-      sha.Update(nullptr, 0);
-      EXPECT_EQ(DigestHex(sha.Final()), r.hex) << r.data.size() << " in " << chunk;
+  ScopeExit restore([] { Sha1UseCpuInstructions(true); });
+  for (bool cpu : {true, false}) {
+    Sha1UseCpuInstructions(cpu);
+    const struct {
+      std::string data;
+      const char* hex;
+    } kRows[] = {{"", "da39a3ee5e6b4b0d3255bfef95601890afd80709"},
+                 {"abc", "a9993e364706816aba3e25717850c26c9cd0d89d"},
+                 {std::string(55, 'a'), "c1c8bbdc22796e28c0e15163d20899b65621d65a"},
+                 {std::string(56, 'a'), "c2db330f6083854c99d4b5bfb6e8f29f201be699"},
+                 {std::string(64, 'a'), "0098ba824b5c16427bd7a1122a5a442a25ec644d"},
+                 {std::string(1000000, 'a'), "34aa973cd4c4daa4f61eeb2bdbad27316534016f"}};
+    for (const auto& r : kRows) {
+      EXPECT_EQ(Sha1Hex(r.data), r.hex) << r.data.size();
+      for (size_t chunk : {1, 7, 63, 64, 65, 1000}) {
+        if (r.data.size() > 100000 && chunk < 1000) continue;
+        Sha1 sha;
+        for (size_t at = 0; at < r.data.size(); at += chunk)
+          sha.Update(r.data.data() + at, std::min(chunk, r.data.size() - at));
+        sha.Update(nullptr, 0);
+        EXPECT_EQ(DigestHex(sha.Final()), r.hex)
+            << r.data.size() << " in " << chunk << " cpu " << cpu;
+      }
     }
+  }
+}
+
+// Both ways agree on every length around the block size and on a large
+// buffer of varied bytes.
+TEST(Sha1, CpuInstructionsAgreeWithPortableRounds) {
+  ScopeExit restore([] { Sha1UseCpuInstructions(true); });
+  std::string data(3 << 20, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>((i * 2654435761u) >> 13);
+  for (size_t size : {size_t{0}, size_t{1}, size_t{63}, size_t{64}, size_t{65}, size_t{127},
+                      size_t{128}, size_t{129}, size_t{4096 + 17}, data.size()}) {
+    Sha1UseCpuInstructions(true);
+    const std::string cpu = Sha1Hex(std::string_view(data).substr(0, size));
+    Sha1UseCpuInstructions(false);
+    EXPECT_EQ(Sha1Hex(std::string_view(data).substr(0, size)), cpu) << size;
   }
 }
 

@@ -102,11 +102,12 @@ TEST_F(Loaded, SubnetMembershipMasksTheAddress) {
 
 TEST_F(Loaded, CopyFileAcrossChunkBoundaries) {
   std::string source;
-  for (size_t size : {0u, 1023u, 1024u, 1025u, 5000u}) {
+  // Sizes around the 64 KiB copy chunk; the last takes four reads.
+  for (size_t size : {0u, 65535u, 65536u, 65537u, 200000u}) {
     source.resize(size);
     for (size_t i = 0; i < size; ++i) source[i] = static_cast<char>('a' + (i * 7 + i / 1024) % 26);
     WriteFile("/tmp/src", source);
-    WriteFile("/tmp/dst", std::string(6000, 'z'));
+    WriteFile("/tmp/dst", std::string(210000, 'z'));
     ASSERT_TRUE(PLRCopyFile("/tmp/src", "/tmp/dst")) << size;
     EXPECT_EQ(ReadFile("/tmp/dst"), source) << size;
   }
