@@ -6,11 +6,23 @@
 #include <stdint.h>
 
 #include <string>
+#include <string_view>
 
 namespace plr {
 
 bool StrToInt32(const char* text, int32_t* out);
 bool StrToUint32(const char* text, uint32_t* out);
+
+// Equal texts when ASCII letters are folded to lower case (whatever the
+// locale); the journal's keywords and protocol names compare this way.
+inline bool EqualsIgnoringAsciiCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    if (lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
+}
 
 // printf into a std::string.
 std::string StrPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));

@@ -5,7 +5,6 @@
 
 #include <errno.h>
 #include <string.h>
-#include <strings.h>
 
 #include "base/line-reader.h"
 #include "base/str-util.h"
@@ -98,12 +97,12 @@ static bool NatFwdRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type,
     PLOG(LOG_WRN, "Failed to extract vnet number or invalid vnet number");
     return false;
   }
-  if (!fields.Next(&token) || token.size() != 3 ||
-      (strncasecmp(token.data(), "tcp", 3) != 0 && strncasecmp(token.data(), "udp", 3) != 0)) {
+  if (!fields.Next(&token) ||
+      (!EqualsIgnoringAsciiCase(token, "tcp") && !EqualsIgnoringAsciiCase(token, "udp"))) {
     PLOG(LOG_WRN, "Failed to parse tcp/udp");
     return false;
   }
-  entry.isTCP = strncasecmp(token.data(), "tcp", 3) == 0;
+  entry.isTCP = EqualsIgnoringAsciiCase(token, "tcp");
   if (!NextPort(fields, &entry.hostPort)) {
     PLOG(LOG_WRN, "Failed to parse host port");
     return false;
@@ -131,7 +130,7 @@ static bool NatFwdRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type,
     description = {};
   }
   entry.description.assign(description);
-  if (!NetCfgHashAddPortFwd(db, entry)) {
+  if (!NetCfgHashAddPortFwd(db, std::move(entry))) {
     PLOG(LOG_WRN, "Failed to add NAT Port forward to hash table");
     return false;
   }
@@ -255,11 +254,6 @@ constexpr Keyword kKeywords[] = {
     {"remove_nat_prefix", kRecRemoveNatPrefix, NatPrefixRecordParseFunct},
 };
 
-bool KeywordMatches(std::string_view keyword, std::string_view text) {
-  return keyword.size() == text.size() &&
-         strncasecmp(keyword.data(), text.data(), text.size()) == 0;
-}
-
 }  // namespace
 
 // One line of the journal (not the version line). Lines of 1024 characters
@@ -274,7 +268,7 @@ static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_vie
     return;
   }
   for (const Keyword& entry : kKeywords) {
-    if (!KeywordMatches(keyword, entry.text)) continue;
+    if (!EqualsIgnoringAsciiCase(keyword, entry.text)) continue;
     if (!entry.parse(db, entry.type, fields)) {
       std::string_view rest =
           line.substr(std::min(line.size(), keyword.data() - line.data() + keyword.size() + 1));

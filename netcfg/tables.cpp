@@ -126,17 +126,17 @@ static void DiscardArray(NATPortFwdGroup& group) {
   group.arrayValid = false;
 }
 
-bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& entry) {
+bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, NATPortFwdEntry entry) {
   if (entry.vnet >= PLR_MAX_VNETS) return false;
   auto& holder = db->portFwds[entry.vnet];
   if (!holder) holder = std::make_unique<NATVnetPortFwdConfig>();
   NATPortFwdGroup& group = holder->group(entry.isTCP != 0);
   if (!group.table) group.table = std::make_unique<std::unordered_map<uint16_t, NATPortFwdEntry>>();
   DiscardArray(group);
-  auto [it, inserted] = group.table->try_emplace(entry.hostPort, entry);
+  auto [it, inserted] = group.table->try_emplace(entry.hostPort, std::move(entry));
   if (!inserted) {
     PLOG(LOG_INFO2, "NAT port forward entry already exists, deleting existing entry");
-    it->second = entry;
+    it->second = std::move(entry);  // try_emplace left it alone
   }
   return true;
 }

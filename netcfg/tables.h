@@ -159,7 +159,7 @@ bool NetCfgCopyOut(std::string_view text, char* buf, size_t size);
 // does) and discards the group's enumeration array.
 const NATPortFwdEntry* NetCfgFindPortFwd(const PLRNetworkConfigurationDB* db, uint32_t vnet,
                                          bool isTCP, uint16_t hostPort);
-bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, const NATPortFwdEntry& entry);
+bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, NATPortFwdEntry entry);
 bool NetCfgHashRemovePortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP,
                              uint16_t hostPort);
 
