@@ -32,12 +32,13 @@ uint64_t HashText(std::string_view text) {
   return h ^ (h >> 32);
 }
 
-// Texts go into the current chunk; one that does not fit starts a new chunk
-// (its own, when it is larger than a chunk).
+// Texts go into the current chunk; one that does not fit starts a new chunk,
+// twice the last up to the largest (a longer text gets one of its own size).
 std::string_view TextArena::Store(std::string_view text) {
   const size_t need = text.size() + 1;
   if (need > left_) {
-    const size_t size = std::max(kChunk, need);
+    const size_t next = capacity_ == 0 ? kFirstChunk : std::min(kMaxChunk, capacity_);
+    const size_t size = std::max(next, need);
     chunks_.emplace_back(new char[size]);  // not zeroed: every byte handed out is written
     next_ = chunks_.back().get();
     left_ = size;

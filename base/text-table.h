@@ -32,7 +32,9 @@ class TextArena {
   size_t capacity() const { return capacity_; }
 
  private:
-  static constexpr size_t kChunk = 64 * 1024;
+  // Chunks double from 4 KiB to 64 KiB, so a small table stays small.
+  static constexpr size_t kFirstChunk = 4 * 1024;
+  static constexpr size_t kMaxChunk = 64 * 1024;
   std::vector<std::unique_ptr<char[]>> chunks_;
   char* next_ = nullptr;
   size_t left_ = 0;
