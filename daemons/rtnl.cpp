@@ -39,6 +39,18 @@ bool Rtnl::Ack(struct nlmsghdr* request) {
   }
 }
 
+struct nlmsghdr* Rtnl::LinkRequest(uint16_t type, const std::string& name, struct ifinfomsg** ifm) {
+  const unsigned index = if_nametoindex(name.c_str());
+  if (index == 0) return nullptr;
+  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
+  nlh->nlmsg_type = type;
+  auto* info = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+  info->ifi_family = AF_UNSPEC;
+  info->ifi_index = static_cast<int>(index);
+  if (ifm != nullptr) *ifm = info;
+  return nlh;
+}
+
 bool Rtnl::AddBridge(const std::string& name) {
   struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
   nlh->nlmsg_type = RTM_NEWLINK;
@@ -53,38 +65,24 @@ bool Rtnl::AddBridge(const std::string& name) {
 }
 
 bool Rtnl::SetMtu(const std::string& name, uint32_t mtu) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0) return false;
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_NEWLINK;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
+  struct nlmsghdr* nlh = LinkRequest(RTM_NEWLINK, name);
+  if (nlh == nullptr) return false;
   mnl_attr_put_u32(nlh, IFLA_MTU, mtu);
   return Ack(nlh);
 }
 
 bool Rtnl::SetUp(const std::string& name) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0) return false;
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_NEWLINK;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
+  struct ifinfomsg* ifm = nullptr;
+  struct nlmsghdr* nlh = LinkRequest(RTM_NEWLINK, name, &ifm);
+  if (nlh == nullptr) return false;
   ifm->ifi_flags = IFF_UP;
   ifm->ifi_change = IFF_UP;
   return Ack(nlh);
 }
 
 bool Rtnl::Delete(const std::string& name) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0) return false;
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_DELLINK;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
+  struct nlmsghdr* nlh = LinkRequest(RTM_DELLINK, name);
+  if (nlh == nullptr) return false;
   return Ack(nlh);
 }
 
@@ -112,15 +110,10 @@ bool Rtnl::Exists(const std::string& name) {
 }
 
 std::string Rtnl::Kind(const std::string& name) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0 || socket_ == nullptr) return "";
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_GETLINK;
+  struct nlmsghdr* nlh = socket_ != nullptr ? LinkRequest(RTM_GETLINK, name) : nullptr;
+  if (nlh == nullptr) return "";
   nlh->nlmsg_flags = NLM_F_REQUEST;
   nlh->nlmsg_seq = ++seq_;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
   if (mnl_socket_sendto(socket_, nlh, nlh->nlmsg_len) < 0) return "";
   const ssize_t n = mnl_socket_recvfrom(socket_, buf_, sizeof buf_);
   if (n <= 0) return "";
@@ -319,25 +312,15 @@ bool Rtnl::AddRoute(const Route& route, int oif) {
 }
 
 bool Rtnl::SetMaster(const std::string& name, int master) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0) return false;
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_NEWLINK;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
+  struct nlmsghdr* nlh = LinkRequest(RTM_NEWLINK, name);
+  if (nlh == nullptr) return false;
   mnl_attr_put_u32(nlh, IFLA_MASTER, static_cast<uint32_t>(master));
   return Ack(nlh);
 }
 
 bool Rtnl::SetMacAndMtu(const std::string& name, const std::string& mac, uint32_t mtu) {
-  const unsigned index = if_nametoindex(name.c_str());
-  if (index == 0) return false;
-  struct nlmsghdr* nlh = mnl_nlmsg_put_header(buf_);
-  nlh->nlmsg_type = RTM_NEWLINK;
-  auto* ifm = static_cast<struct ifinfomsg*>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
-  ifm->ifi_family = AF_UNSPEC;
-  ifm->ifi_index = static_cast<int>(index);
+  struct nlmsghdr* nlh = LinkRequest(RTM_NEWLINK, name);
+  if (nlh == nullptr) return false;
   if (mac.size() == 6) mnl_attr_put(nlh, IFLA_ADDRESS, mac.size(), mac.data());
   if (mtu != 0) mnl_attr_put_u32(nlh, IFLA_MTU, mtu);
   return Ack(nlh);

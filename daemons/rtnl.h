@@ -9,6 +9,7 @@
 
 struct mnl_socket;
 struct nlmsghdr;
+struct ifinfomsg;
 
 namespace kavix {
 
@@ -78,6 +79,11 @@ class Rtnl {
   std::string Kind(const std::string& name);
 
  private:
+  // Starts a link request of `type` on the interface `name` in buf_: the
+  // header and its ifinfomsg (returned in *ifm when asked for) with the
+  // index filled in. Null when no interface has that name.
+  struct nlmsghdr* LinkRequest(uint16_t type, const std::string& name,
+                               struct ifinfomsg** ifm = nullptr);
   // Sends the request in buf_ and waits for its acknowledgement.
   bool Ack(struct nlmsghdr* request);
   // Sends a dump request and passes every answer to `cb` with `data`.
