@@ -66,21 +66,23 @@ using NetCfgStringSet = std::unordered_set<std::string, NetCfgStringHash, std::e
 
 // What an answer's key says: for keys of the form VNET_<n>_<FIELD>, n and the
 // offset of FIELD within the key, so the import can work field by field.
+// Four bytes, so that an answer's table entry is 32.
 struct NetCfgAnswerField {
-  int32_t vnet = -1;         // n, or -1 for a global key
-  uint32_t fieldOffset = 0;  // offset of FIELD, 0 for a global key
+  int16_t vnet = -1;         // n, or -1 for a global key
+  uint16_t fieldOffset = 0;  // offset of FIELD (at most 10), 0 for a global key
 };
 // Answers: key and value texts stay where they are until the cache goes, so
 // a value handed out by PLRNetCfgGetAnswerString stays readable.
 using NetCfgAnswerTable = TextTable<NetCfgAnswerField>;
 
-// One NAT port forward; an empty description means none.
+// One NAT port forward; an empty description means none. The small fields
+// share one word, so that a table node with its key takes 88 bytes.
 struct NATPortFwdEntry {
-  uint32_t vnet = 0;
-  uint8_t isTCP = 0;
+  uint16_t vnet = 0;  // below PLR_MAX_VNETS
   uint16_t hostPort = 0;
-  std::string vmIP;
   uint16_t vmPort = 0;
+  uint8_t isTCP = 0;
+  std::string vmIP;
   std::string description;
 };
 

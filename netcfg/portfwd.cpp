@@ -141,7 +141,7 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
       desc = {};
     }
     NATPortFwdEntry entry;
-    entry.vnet = vnet;
+    entry.vnet = static_cast<uint16_t>(vnet);  // checked above
     entry.isTCP = isTCP;
     entry.hostPort = hostPort;
     entry.vmIP = vmIP;

@@ -93,10 +93,12 @@ static bool NatFwdRecordParseFunct(PLRNetworkConfigurationDB* db, uint32_t type,
                                    FieldReader& fields) {
   NATPortFwdEntry entry;
   std::string_view token;
-  if (!NextDecimal(fields, PLR_MAX_VNETS - 1, &entry.vnet)) {
+  uint32_t vnet = 0;
+  if (!NextDecimal(fields, PLR_MAX_VNETS - 1, &vnet)) {
     PLOG(LOG_WRN, "Failed to extract vnet number or invalid vnet number");
     return false;
   }
+  entry.vnet = static_cast<uint16_t>(vnet);
   if (!fields.Next(&token) ||
       (!EqualsIgnoringAsciiCase(token, "tcp") && !EqualsIgnoringAsciiCase(token, "udp"))) {
     PLOG(LOG_WRN, "Failed to parse tcp/udp");

@@ -93,8 +93,8 @@ NetCfgAnswerField NetCfgClassifyAnswerKey(std::string_view key) {
     ++digits;
   }
   if (digits == 0 || vnet >= PLR_MAX_VNETS || pos >= key.size() || key[pos] != '_') return field;
-  field.vnet = static_cast<int32_t>(vnet);
-  field.fieldOffset = static_cast<uint32_t>(pos + 1);
+  field.vnet = static_cast<int16_t>(vnet);
+  field.fieldOffset = static_cast<uint16_t>(pos + 1);
   return field;
 }
 
