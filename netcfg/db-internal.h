@@ -74,6 +74,7 @@ struct NetCfgAnswerField {
 // Answers: key and value texts stay where they are until the cache goes, so
 // a value handed out by PLRNetCfgGetAnswerString stays readable.
 using NetCfgAnswerTable = TextTable<NetCfgAnswerField>;
+static_assert(sizeof(NetCfgAnswerTable::Entry) == 32);
 
 // One NAT port forward; an empty description means none. The small fields
 // share one word, so that a table node with its key takes 88 bytes.
@@ -85,6 +86,7 @@ struct NATPortFwdEntry {
   std::string vmIP;
   std::string description;
 };
+static_assert(sizeof(NATPortFwdEntry) == 8 + 2 * sizeof(std::string));
 
 // One protocol of one vnet: the table keyed by host port, and the array that
 // enumeration walks. The array is built on demand and discarded by every add
