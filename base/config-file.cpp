@@ -72,9 +72,10 @@ bool LoadConfigFile(const char* path, ConfigDictionary* out, std::string* error)
     return false;
   }
   LineReader reader(file.get(), kMaxLine);
-  std::string line, key, value, why;
+  std::string_view line;
+  std::string key, value, why;
   for (unsigned number = 1;; ++number) {
-    LineReader::Status status = reader.Next(line);
+    LineReader::Status status = reader.Next(&line);
     if (status == LineReader::Status::kEof) return true;
     if (status == LineReader::Status::kError) {
       *error = StrPrintf("%s: %s", path, strerror(errno));

@@ -16,29 +16,37 @@ bool LineReader::Fill() {
   return end_ > 0;
 }
 
-// Scans the block for the newline with memchr and copies at most what the
-// line may keep; the rest of an overlong line is skipped in place.
-LineReader::Status LineReader::Next(std::string& line) {
-  line.clear();
+// Scans the block for the newline with memchr. A line inside the block is
+// handed out where it lies; one that crosses the block's end is gathered in
+// `carry_`, up to what the line may keep. The rest of an overlong line is
+// skipped in place.
+LineReader::Status LineReader::Next(std::string_view* line) {
   const size_t keep = maxLength_ > 0 ? maxLength_ - 1 : 0;
-  bool any = false;
+  bool carried = false;
+  carry_.clear();
   for (;;) {
     if (pos_ == end_ && !Fill()) {
       if (ferror(stream_)) {
         if (errno == 0) errno = EIO;
         return Status::kError;
       }
-      return any ? Status::kLine : Status::kEof;
+      *line = carry_;
+      return carried ? Status::kLine : Status::kEof;
     }
     const char* start = block_.get() + pos_;
     const size_t available = end_ - pos_;
     const char* newline = static_cast<const char*>(memchr(start, '\n', available));
     const size_t length = newline != nullptr ? static_cast<size_t>(newline - start) : available;
-    any = true;
-    if (line.size() < keep) line.append(start, std::min(length, keep - line.size()));
     pos_ += length;
+    if (newline != nullptr) ++pos_;
+    if (newline != nullptr && !carried) {
+      *line = std::string_view(start, std::min(length, keep));
+      return Status::kLine;
+    }
+    carried = true;
+    if (carry_.size() < keep) carry_.append(start, std::min(length, keep - carry_.size()));
     if (newline != nullptr) {
-      ++pos_;
+      *line = carry_;
       return Status::kLine;
     }
   }

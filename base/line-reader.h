@@ -15,6 +15,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace plr {
 
@@ -25,10 +26,10 @@ class LineReader {
   explicit LineReader(FILE* stream, size_t maxLength = 1024)
       : stream_(stream), maxLength_(maxLength) {}
 
-  // Reads the next line into `line`; kError leaves errno set, and is
-  // reported even in the middle of a line: a partial line from a failing
-  // device is not a line.
-  Status Next(std::string& line);
+  // Reads the next line; `*line` stays valid until the next call. kError
+  // leaves errno set, and is reported even in the middle of a line: a
+  // partial line from a failing device is not a line.
+  Status Next(std::string_view* line);
 
  private:
   // Refills the block; false at the end of the stream or on an error.
@@ -40,6 +41,7 @@ class LineReader {
   std::unique_ptr<char[]> block_;
   size_t pos_ = 0;
   size_t end_ = 0;
+  std::string carry_;  // a line that crosses a block boundary
 };
 
 }  // namespace plr

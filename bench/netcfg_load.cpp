@@ -97,13 +97,13 @@ BENCHMARK(BM_LoadBaselineLineSplit)
 // filling the tables alone.
 void BM_LoadBaselineLineReader(benchmark::State& state) {
   WriteJournal(static_cast<int>(state.range(0)));
-  std::string line;
+  std::string_view line;
   for (auto _ : state) {
     FILE* f = fopen(kPath, "re");
     setvbuf(f, nullptr, _IOFBF, 64 * 1024);
     plr::LineReader reader(f, 1025);
     size_t lines = 0;
-    while (reader.Next(line) == plr::LineReader::Status::kLine) ++lines;
+    while (reader.Next(&line) == plr::LineReader::Status::kLine) ++lines;
     fclose(f);
     benchmark::DoNotOptimize(lines);
   }

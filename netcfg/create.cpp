@@ -51,13 +51,14 @@ bool PLRNetCfgCheckVersion(const char* path) {
          strerror(path != nullptr ? errno : EINVAL));
     return false;
   }
-  std::string line;
+  std::string_view view;
   LineReader reader(file.get(), kNetCfgMaxLine);
   errno = 0;
-  if (reader.Next(line) != LineReader::Status::kLine) {
+  if (reader.Next(&view) != LineReader::Status::kLine) {
     PLOG(LOG_ERR, "Failed to read version number, error: %s", strerror(errno));
     return false;
   }
+  const std::string line(view);
   const size_t equals = line.find('=');
   if (equals == std::string::npos || line.compare(0, equals, "VERSION") != 0) {
     PLOG(LOG_ERR, "Cannot find version in database file");

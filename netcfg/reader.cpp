@@ -333,10 +333,11 @@ static bool NetCfgReadVersionLine(PLRNetworkConfigurationDB* db, const std::stri
 
 // Replays the records of `reader` up to the end of the stream; line numbers
 // continue from db->lineCount.
-static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader, std::string& line,
+static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader,
                               const char* function) {
+  std::string_view line;
   for (;;) {
-    LineReader::Status status = reader.Next(line);
+    LineReader::Status status = reader.Next(&line);
     if (status == LineReader::Status::kEof) return true;
     if (status == LineReader::Status::kError) {
       PLOG_AS(function, LOG_ERR, "Error while reading database file, error: %s", strerror(errno));
@@ -349,10 +350,9 @@ static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader,
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function) {
   // One byte more than a line may hold, so an overlong line is recognisable.
   LineReader reader(stream, kNetCfgMaxLine + 1);
-  std::string line;
-  line.reserve(kNetCfgMaxLine + 1);
+  std::string_view view;
   errno = 0;
-  LineReader::Status status = reader.Next(line);
+  LineReader::Status status = reader.Next(&view);
   if (status == LineReader::Status::kError) {
     PLOG_AS(function, LOG_ERR, "Failed to read version number, error: %s", strerror(errno));
     return false;
@@ -366,11 +366,12 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char*
     db->minorVersion = 0;
     return true;
   }
+  const std::string line(view);
   bool firstRecord = false;
   if (!NetCfgReadVersionLine(db, line, &firstRecord, function)) return false;
   db->lineCount = 1;
   if (firstRecord) NetCfgParseRecordLine(db, line, db->lineCount, function);
-  return NetCfgReadRecords(db, reader, line, function);
+  return NetCfgReadRecords(db, reader, function);
 }
 
 bool NetCfgReadTail(PLRNetworkConfigurationDB* db, FILE* stream, off_t from, const char* function) {
@@ -379,10 +380,8 @@ bool NetCfgReadTail(PLRNetworkConfigurationDB* db, FILE* stream, off_t from, con
     return false;
   }
   LineReader reader(stream, kNetCfgMaxLine + 1);
-  std::string line;
-  line.reserve(kNetCfgMaxLine + 1);
   errno = 0;
-  return NetCfgReadRecords(db, reader, line, function);
+  return NetCfgReadRecords(db, reader, function);
 }
 
 }  // namespace plr

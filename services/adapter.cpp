@@ -27,12 +27,12 @@ constexpr short kEnableFlags = IFF_UP | IFF_MULTICAST;  // 0x1001
 
 // The interface name of one /proc/net/dev line, or "" when the line names
 // none: the text between the last blank and the last ':'.
-std::string InterfaceNameOfLine(const std::string& line) {
+std::string_view InterfaceNameOfLine(std::string_view line) {
   size_t colon = line.rfind(':');
-  if (colon == std::string::npos) return "";
-  std::string head = line.substr(0, colon);
+  if (colon == std::string_view::npos) return "";
+  std::string_view head = line.substr(0, colon);
   size_t blank = head.find_last_of(" \t");
-  return blank == std::string::npos ? head : head.substr(blank + 1);
+  return blank == std::string_view::npos ? head : head.substr(blank + 1);
 }
 
 // Whether /proc/net/dev lists exactly `name` (case-sensitive). Returns
@@ -44,9 +44,9 @@ uint32_t FindInProcNetDev(const char* function, const char* name) {
     return PLR_ADAPTER_STATUS_ERROR;
   }
   LineReader reader(file.get(), 1024);
-  std::string line;
+  std::string_view line;
   for (;;) {
-    LineReader::Status status = reader.Next(line);
+    LineReader::Status status = reader.Next(&line);
     if (status == LineReader::Status::kEof) {
       PLOG_AS(function, LOG_INFO, "'%s' not in /proc/net/dev", name);
       return PLR_ADAPTER_ABSENT;

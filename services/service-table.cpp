@@ -133,11 +133,11 @@ int32_t PLRExtractPidFromFile(const char* path, bool* noFile) {
     if (noFile != nullptr) *noFile = true;
     return 0;
   }
-  std::string line;
+  std::string_view line;
   plr::LineReader reader(file.get(), 256);
-  if (reader.Next(line) != plr::LineReader::Status::kLine) return 0;
+  if (reader.Next(&line) != plr::LineReader::Status::kLine) return 0;
   uint32_t value = 0;
-  if (!plr::StrToUint32(line.c_str(), &value)) return 0;
+  if (!plr::StrToUint32(std::string(line).c_str(), &value)) return 0;
   int32_t pid = static_cast<int32_t>(value);
   return pid <= 1 ? 0 : pid;
 }

@@ -98,21 +98,25 @@ TEST(LineReader, SplitsAndCutsLines) {
                {std::string(70000, 'x') + "\nn\n", 1024, {std::string(1023, 'x'), "n"}},
                {std::string(70000, 'y') + "\nn", 80000, {std::string(70000, 'y'), "n"}},
                {std::string(65535, 'z') + "\nq\n", 65536, {std::string(65535, 'z'), "q"}},
+               {std::string(65530, 'p') + "\nacross-the-edge\nz",
+                1024,
+                {std::string(1023, 'p'), "across-the-edge", "z"}},
+               {std::string(65530, 'p') + "\nacross-the-edge\n", 8, {"ppppppp", "across-"}},
                {std::string(5 << 20, 'm') + "\n\nend", 16, {std::string(15, 'm'), "", "end"}}};
   for (const auto& r : kRows) {
     test::WriteFile("/tmp/lines", r.text);
     UniqueFile f(fopen("/tmp/lines", "r"));
     LineReader reader(f.get(), r.max);
     std::vector<std::string> lines;
-    std::string line;
+    std::string_view line;
     LineReader::Status status;
-    while ((status = reader.Next(line)) == LineReader::Status::kLine) lines.push_back(line);
+    while ((status = reader.Next(&line)) == LineReader::Status::kLine) lines.emplace_back(line);
     EXPECT_EQ(status, LineReader::Status::kEof);
     EXPECT_EQ(lines, r.lines) << r.text.substr(0, 20) << " (" << r.text.size() << " bytes)";
   }
   UniqueFile dir(fopen("/tmp", "r"));  // reading a directory fails with EISDIR
-  std::string line;
-  EXPECT_EQ(LineReader(dir.get()).Next(line), LineReader::Status::kError);
+  std::string_view line;
+  EXPECT_EQ(LineReader(dir.get()).Next(&line), LineReader::Status::kError);
   EXPECT_EQ(errno, EISDIR);
 }
 
