@@ -169,6 +169,7 @@ bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint
     return false;
   }
   const auto& [key, ip] = *table.array[*cursor];
+  NetCfgPrefetchAhead(table.array, *cursor);
   const std::string_view mac = key.view();
   if (!NetCfgCopyOut(mac, macBuffer, macBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, key.c_str());

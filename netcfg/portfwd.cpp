@@ -211,6 +211,7 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
     return false;
   }
   const NATPortFwdEntry* entry = group.array[*cursor];
+  NetCfgPrefetchAhead(group.array, *cursor);
   if (hostPort != nullptr) *hostPort = entry->hostPort;
   if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,

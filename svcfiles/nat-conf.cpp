@@ -153,12 +153,18 @@ void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
                                  description, &descLength)) {
       return;
     }
-    // "<host port> = <ip>:<vm port>", formatted by hand: once per forward.
-    char number[8];
-    out.append(number, std::to_chars(number, number + sizeof number, hostPort).ptr);
-    out.append(" = ").append(ip).push_back(':');
-    out.append(number, std::to_chars(number, number + sizeof number, vmPort).ptr);
-    out.push_back('\n');
+    // "<host port> = <ip>:<vm port>", formatted by hand into one line buffer.
+    char line[8 + 3 + kAddrSize + 8];
+    char* end = std::to_chars(line, line + 8, hostPort).ptr;
+    memcpy(end, " = ", 3);
+    end += 3;
+    const size_t ipLength = strnlen(ip, kAddrSize - 1);
+    memcpy(end, ip, ipLength);
+    end += ipLength;
+    *end++ = ':';
+    end = std::to_chars(end, end + 8, vmPort).ptr;
+    *end++ = '\n';
+    out.append(line, static_cast<size_t>(end - line));
   }
 }
 
