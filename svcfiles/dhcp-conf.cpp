@@ -225,16 +225,13 @@ bool AppendBlock(const char* function, std::string& out, uint32_t vnet) {
 
 // Where the old file's block lies if it may be replaced in place; {0, 0}
 // when it is missing, unhashable or edited (then the old file survives only
-// in the backup). A block that was hashed is left in `hashed`.
-DhcpBlockPos CheckOldBlock(const char* function, uint32_t vnet, std::string_view old,
-                           HashedBlock* hashed) {
+// in the backup).
+DhcpBlockPos CheckOldBlock(const char* function, uint32_t vnet, std::string_view old) {
   DhcpBlockPos pos = PLRLocateKavixDHCPBlock(old);
   if (pos.end == 0) return {};
   PLOG_AS(function, LOG_INFO2, "Located positions: Start: %li, End: %li, Size: %li", pos.start,
           pos.end, pos.end - pos.start);
-  const std::string& computed = hashed->hash = PLRCalculateHashStrForBlock(old, pos.start, pos.end);
-  hashed->bytes =
-      old.substr(static_cast<size_t>(pos.start), static_cast<size_t>(pos.end - pos.start));
+  std::string computed = PLRCalculateHashStrForBlock(old, pos.start, pos.end);
   if (computed.empty()) {
     PLOG_AS(function, LOG_ERR,
             "Hash for DHCP config could not be calculated, creating a new config file and "
@@ -331,8 +328,7 @@ DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content) {
   return {};
 }
 
-std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end,
-                                        const HashedBlock* known) {
+std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end) {
   if (start < 0 || end < 0 || static_cast<size_t>(end) > content.size()) {
     PLOG(LOG_ERR, "Invalid argument");
     return {};
@@ -341,16 +337,10 @@ std::string PLRCalculateHashStrForBlock(std::string_view content, long start, lo
     PLOG(LOG_ERR, "posEnd:%li must be greater than posStart:%li", end, start);
     return {};
   }
-  const std::string_view bytes =
-      content.substr(static_cast<size_t>(start), static_cast<size_t>(end - start));
+  Sha1 sha;
+  sha.Update(content.data() + start, static_cast<size_t>(end - start));
   std::string text;
-  if (known != nullptr && !known->hash.empty() && known->bytes == bytes) {
-    text = known->hash;
-  } else {
-    Sha1 sha;
-    sha.Update(bytes.data(), bytes.size());
-    for (uint8_t byte : sha.Final()) text += StrPrintf("%02X", byte);
-  }
+  for (uint8_t byte : sha.Final()) text += StrPrintf("%02X", byte);
   PLOG(LOG_INFO2, "Hash String value: %s", text.c_str());
   return text;
 }
@@ -377,10 +367,9 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
 
   std::string old;
   plr::DhcpBlockPos keep;
-  plr::HashedBlock oldBlock;  // an unchanged block is hashed once
   bool created = false;
   if (plr::ReadWholeFile(path, &old)) {
-    keep = plr::CheckOldBlock(__func__, vnet, old, &oldBlock);
+    keep = plr::CheckOldBlock(__func__, vnet, old);
     if (!plr::BackUpDhcpConfig(__func__, vnet, path)) return trace.Exit(false);
   } else if (errno == ENOENT) {
     PLOG(LOG_INFO, "DHCP Config %s does not exist yet, Creating new", path);
@@ -412,7 +401,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   size_t blockStart = block.size();
   if (!plr::AppendBlock(__func__, block, vnet)) return trace.Exit(false);
   std::string hash = plr::PLRCalculateHashStrForBlock(block, static_cast<long>(blockStart),
-                                                      static_cast<long>(block.size()), &oldBlock);
+                                                      static_cast<long>(block.size()));
   if (hash.empty()) {
     PLOG(LOG_ERR, "Hash for DHCP config block could not be calculated");
     return trace.Exit(false);

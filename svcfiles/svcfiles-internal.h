@@ -86,16 +86,8 @@ struct DhcpBlockPos {
 // a 256-byte line buffer sees it. Not found: both positions 0.
 DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content);
 
-// A block whose hash is known: its bytes and their hash text.
-struct HashedBlock {
-  std::string_view bytes;
-  std::string hash;
-};
-
 // The SHA-1 of bytes [start, end) of `content` as 40 upper-case hex digits,
-// or an empty text (logged) when the range is not inside `content`. Bytes
-// equal to `known`'s are not hashed again: its hash is the answer.
-std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end,
-                                        const HashedBlock* known = nullptr);
+// or an empty text (logged) when the range is not inside `content`.
+std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end);
 
 }  // namespace plr
