@@ -56,6 +56,7 @@ TEST_F(DhcpConf, GeneratedFilesAreExactAcceptedAndNeverHalfWritten) {
   ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_EQ(ReadFile(DhcpBackupPath(8)), first) << "a rewrite saves the file it replaces";
   const std::string second = ReadFile(DhcpConfPath(8));
+  EXPECT_STREQ(PLRGetVnetCfg(8, "DHCP_CFG_HASH"), Sha1Upper(BlockOf(second)).c_str());
   ASSERT_TRUE(PLRSetVnetSubnetMask(8, "255.255.255.252"));  // too small: the file is kept
   EXPECT_FALSE(PLRDHCPWriteDHCPCfg(8));
   EXPECT_EQ(ReadFile(DhcpConfPath(8)), second);
