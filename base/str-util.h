@@ -18,8 +18,10 @@ bool StrToUint32(const char* text, uint32_t* out);
 inline bool EqualsIgnoringAsciiCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
   for (size_t i = 0; i < a.size(); ++i) {
-    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-    if (lower(a[i]) != lower(b[i])) return false;
+    if (a[i] == b[i]) continue;
+    // Otherwise only the case bit may differ, and only between letters.
+    const char lower = static_cast<char>(a[i] | 0x20);
+    if ((a[i] ^ b[i]) != 0x20 || lower < 'a' || lower > 'z') return false;
   }
   return true;
 }

@@ -41,29 +41,33 @@ bool IsHexDigit(char c) {
 
 }  // namespace
 
+// Text with anything besides digits and dots, checked by the scan itself
+// (which allows leading blanks and signs, and nothing after the fourth number).
+static bool IsValidIPTextByScan(std::string_view text) {
+  if (text.find('\0') != std::string_view::npos) return false;
+  const std::string copy(text);
+  unsigned v[4] = {};
+  return ScanIPv4(copy.c_str(), v) == 4 && v[0] <= 255 && v[1] <= 255 && v[2] <= 255 && v[3] <= 255;
+}
+
 // Digits and dots need no scanner: four groups of one to three digits, each
 // at most 255, nothing after the fourth, which is what the scan accepts on
 // such text. Anything else (signs, blanks) goes through the scan itself.
 bool IsValidIPText(std::string_view text) {
-  if (text.find_first_not_of("0123456789.") != std::string_view::npos) {
-    if (text.find('\0') != std::string_view::npos) return false;
-    const std::string copy(text);
-    unsigned v[4] = {};
-    return ScanIPv4(copy.c_str(), v) == 4 && v[0] <= 255 && v[1] <= 255 && v[2] <= 255 &&
-           v[3] <= 255;
-  }
   unsigned groups = 0, digits = 0, value = 0;
+  bool valid = true;  // so far, as digits and dots alone
   for (char c : text) {
     if (c == '.') {
-      if (digits == 0 || ++groups > 3) return false;
+      valid = valid && digits > 0 && ++groups <= 3;
       digits = value = 0;
-    } else {
-      if (++digits > 3) return false;
+    } else if (c >= '0' && c <= '9') {
       value = value * 10 + static_cast<unsigned>(c - '0');
-      if (value > 255) return false;
+      valid = valid && ++digits <= 3 && value <= 255;
+    } else {
+      return IsValidIPTextByScan(text);
     }
   }
-  return groups == 3 && digits > 0;
+  return valid && groups == 3 && digits > 0;
 }
 
 // Text already in the standard shape (17 characters, pairs of hex digits

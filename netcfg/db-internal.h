@@ -106,15 +106,19 @@ struct NATVnetPortFwdConfig {
 };
 
 // A MAC address in standard form ("xx:xx:xx:xx:xx:xx"), held in the node
-// itself. It hashes as its text does, so a table of these keys keeps the
-// order a table of text keys has.
+// itself with its hash. It hashes as its text does, so a table of these keys
+// keeps the order a table of text keys has; the hash is worked out once, not
+// again at every rehash (it fills what would be padding of the node).
 class NetCfgMacKey {
  public:
   static constexpr size_t kSize = 17;
   // `text` must be kSize bytes (the caller has standardised it).
-  explicit NetCfgMacKey(std::string_view text) { memcpy(text_, text.data(), kSize); }
+  explicit NetCfgMacKey(std::string_view text) : hash_(NetCfgStringHash{}(text)) {
+    memcpy(text_, text.data(), kSize);
+  }
   std::string_view view() const { return {text_, kSize}; }
   const char* c_str() const { return text_; }
+  size_t hash() const { return hash_; }
   friend bool operator==(const NetCfgMacKey& a, std::string_view b) { return a.view() == b; }
   friend bool operator==(const NetCfgMacKey& a, const NetCfgMacKey& b) {
     return a.view() == b.view();
@@ -122,11 +126,12 @@ class NetCfgMacKey {
 
  private:
   char text_[kSize + 1] = {};
+  size_t hash_;
 };
 struct NetCfgMacHash {
   using is_transparent = void;
   size_t operator()(std::string_view s) const noexcept { return NetCfgStringHash{}(s); }
-  size_t operator()(const NetCfgMacKey& k) const noexcept { return NetCfgStringHash{}(k.view()); }
+  size_t operator()(const NetCfgMacKey& k) const noexcept { return k.hash(); }
 };
 
 // DHCP mappings of one vnet, keyed by the standardised MAC; the value is the

@@ -1,11 +1,15 @@
 // The address, mask, MAC and prefix checks, one row per input, and copying a
 // file over another.
+#include "core/address.h"
+
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <string>
+#include <tuple>
 
+#include "base/str-util.h"
 #include "base/sys-util.h"
 #include "pelorus.h"
 #include "tests/support/sandbox.h"
@@ -44,6 +48,41 @@ TEST_F(Loaded, DottedTextToIntegerAndBack) {
                            "1.2.3.0004", "", "a.b.c.d", "1.2.3.4x", "1,2,3,4"}) {
     uint32_t out = 1;
     EXPECT_FALSE(PLRIPStr2Int(text, &out) || PLRIsValidIP(text) || out != 1) << text;
+  }
+}
+
+// The journal's address check: digits and dots by the fast rules, anything
+// else the way the scan reads it (leading blanks and signs accepted).
+TEST(AddressText, JournalAddressesAndKeywordCase) {
+  for (auto [text, valid] : {std::pair{"1.2.3.4", true},
+                             {"255.255.255.255", true},
+                             {"01.2.3.4", true},
+                             {"1.2.3.0004", false},
+                             {"1.2.3.256", false},
+                             {"1..2.3", false},
+                             {"1.2.3.", false},
+                             {".1.2.3", false},
+                             {"1.2.3.4.5", false},
+                             {"1.2.3", false},
+                             {"", false},
+                             {"1.2.3.4x", false},
+                             {" 1.2.3.4", true},
+                             {"+1.2.3.4", true},
+                             {"1.2.3.4 junk", false},
+                             {"1234.1.1.1x", false},
+                             {"1.2.3.x", false}}) {
+    EXPECT_EQ(IsValidIPText(text), valid) << text;
+  }
+  EXPECT_FALSE(IsValidIPText(std::string_view("1.2.3.4\0", 8)));
+  for (auto [a, b, equal] : {std::tuple{"ANSWER", "answer", true},
+                             {"Add_Nat_PortFwd", "add_nat_portfwd", true},
+                             {"tcp", "TCP", true},
+                             {"@", "`", false},
+                             {"[", "{", false},
+                             {"_", "\x7f", false},
+                             {"tcp", "udp", false},
+                             {"answers", "answer", false}}) {
+    EXPECT_EQ(EqualsIgnoringAsciiCase(a, b), equal) << a << " " << b;
   }
 }
 
