@@ -23,7 +23,7 @@ template <class T>
 void AppendNumber(std::string* out, T value) {
   char buf[16];
   auto result = std::to_chars(buf, buf + sizeof buf, value);
-  out->append(buf, result.ptr);
+  out->append(buf, static_cast<size_t>(result.ptr - buf));
 }
 
 void AppendSep(std::string* out, std::string_view text) {
@@ -168,30 +168,49 @@ bool NetCfgWriteRecordToConfig(PLRNetworkConfigurationDB* db, const NetCfgRecord
 
 namespace {
 
-// Answers in byte order of their keys. The sort compares the first eight
-// key bytes as one number and reads the keys only on a tie.
+// The first 16 bytes of a text as two numbers that order as the bytes do
+// (zeros after a shorter text), so that most comparisons of a sort need not
+// read the texts.
+struct SortPrefix {
+  uint64_t high = 0;
+  uint64_t low = 0;
+
+  explicit SortPrefix(std::string_view text) {
+    unsigned char head[16] = {};
+    memcpy(head, text.data(), std::min<size_t>(text.size(), sizeof head));
+    for (size_t i = 0; i < 8; ++i) high = high << 8 | head[i];
+    for (size_t i = 8; i < 16; ++i) low = low << 8 | head[i];
+  }
+  // Negative, zero or positive as `a` orders before, with or after `b`,
+  // with the texts compared only when their prefixes are equal.
+  static int Compare(const SortPrefix& a, std::string_view aText, const SortPrefix& b,
+                     std::string_view bText) {
+    if (a.high != b.high) return a.high < b.high ? -1 : 1;
+    if (a.low != b.low) return a.low < b.low ? -1 : 1;
+    return aText.compare(bText);
+  }
+};
+
+// Answers in byte order of their keys.
 template <class Emit>
 bool ForEachAnswer(const PLRNetworkConfigurationDB* db, Emit&& emit) {
   if (!db->answers) return true;
   struct Item {
-    uint64_t prefix;
+    SortPrefix prefix;
     const NetCfgAnswerTable::Entry* entry;
   };
   std::vector<Item> items;
   items.reserve(db->answers->size());
-  for (const auto& entry : *db->answers) {
-    unsigned char head[8] = {};
-    memcpy(head, entry.keyText, std::min<size_t>(entry.keySize, 8));
-    uint64_t prefix = 0;
-    for (unsigned char byte : head) prefix = prefix << 8 | byte;
-    items.push_back(Item{prefix, &entry});
-  }
+  for (const auto& entry : *db->answers) items.push_back(Item{SortPrefix(entry.key()), &entry});
   std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
-    if (a.prefix != b.prefix) return a.prefix < b.prefix;
-    return a.entry->key() < b.entry->key();
+    return SortPrefix::Compare(a.prefix, a.entry->key(), b.prefix, b.entry->key()) < 0;
   });
-  for (const Item& item : items)
-    if (!emit(AnswerRecord(item.entry->key(), item.entry->value()))) return false;
+  NetCfgRecord record = AnswerRecord({}, {});  // one record, refilled for each entry
+  for (const Item& item : items) {
+    record.key = item.entry->key();
+    record.value = item.entry->value();
+    if (!emit(record)) return false;
+  }
   return true;
 }
 
@@ -218,10 +237,15 @@ bool ForEachPortFwd(const PLRNetworkConfigurationDB* db, Emit&& emit) {
 // DHCP mappings by vnet, in table order within a vnet.
 template <class Emit>
 bool ForEachDhcp(const PLRNetworkConfigurationDB* db, Emit&& emit) {
+  NetCfgRecord record = DhcpRecord(0, {}, {}, true);  // refilled for each entry
   for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
     if (!db->dhcp[vnet]) continue;
-    for (const auto& [mac, ip] : db->dhcp[vnet]->table)
-      if (!emit(DhcpRecord(vnet, mac.view(), ip, true))) return false;
+    record.vnet = vnet;
+    for (const auto& [mac, ip] : db->dhcp[vnet]->table) {
+      record.mac = mac.view();
+      record.ip = ip;
+      if (!emit(record)) return false;
+    }
   }
   return true;
 }
@@ -230,12 +254,25 @@ bool ForEachDhcp(const PLRNetworkConfigurationDB* db, Emit&& emit) {
 template <class Emit>
 bool ForEachBridge(const PLRNetworkConfigurationDB* db, Emit&& emit) {
   if (!db->bridges) return true;
-  std::vector<std::pair<int32_t, std::string_view>> items;
+  struct Item {
+    int32_t vnet;
+    SortPrefix prefix;
+    std::string_view adapter;
+  };
+  std::vector<Item> items;
   items.reserve(db->bridges->size());
-  for (const auto& entry : *db->bridges) items.emplace_back(entry.extra, entry.key());
-  std::sort(items.begin(), items.end());
-  for (const auto& [vnet, adapter] : items)
-    if (!emit(BridgeRecord(adapter, vnet, true))) return false;
+  for (const auto& entry : *db->bridges)
+    items.push_back(Item{entry.extra, SortPrefix(entry.key()), entry.key()});
+  std::sort(items.begin(), items.end(), [](const Item& a, const Item& b) {
+    if (a.vnet != b.vnet) return a.vnet < b.vnet;
+    return SortPrefix::Compare(a.prefix, a.adapter, b.prefix, b.adapter) < 0;
+  });
+  NetCfgRecord record = BridgeRecord({}, 0, true);  // refilled for each entry
+  for (const Item& item : items) {
+    record.adapter = item.adapter;
+    record.bridgeVnet = item.vnet;
+    if (!emit(record)) return false;
+  }
   return true;
 }
 

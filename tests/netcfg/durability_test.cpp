@@ -8,6 +8,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include "base/file-lock.h"
 #include "tests/netcfg/netcfg_util.h"
 
@@ -46,6 +50,42 @@ TEST_F(CacheTest, CompactionRewritesSortedAddRecordsWithTheOldMode) {
   struct stat st;
   ASSERT_EQ(stat(kDatabasePath, &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);
+}
+
+// Keys that share their first 8 or 16 bytes, differ only in length, or
+// differ in bytes above 0x7f still come out in byte order, whatever the
+// order they were added in.
+TEST_F(CacheTest, CompactionSortsKeysSharingLongPrefixesByteWise) {
+  Open();
+  const std::vector<std::string> keys = {"VNET_1_DHCP_PARAM_B",
+                                         "VNET_1_DHCP_PARAM",
+                                         "VNET_1_DHCP_PARAM_\xc3\xa9",
+                                         "VNET_1_DHCP_PARAMZ",
+                                         "VNET_1_D",
+                                         "VNET_1_",
+                                         "VNET_10_DHCP",
+                                         "VNET_1_DHCP_PARAM_A",
+                                         "\xe2x",
+                                         "A",
+                                         "VNET_1_DHCP_PARAM_AA",
+                                         "VNET_1_DHCP_PARAL"};
+  const std::vector<std::pair<int, std::string>> bridges = {
+      {0, "eth0123456789abcdef1"}, {-1, "zz"}, {0, "eth0123456789abcdef"},
+      {0, "eth\xc3\xa9"},          {5, "a"},   {0, "eth0123456789abcdeg"},
+      {0, "eth0123456789abcde"},   {0, "eth"}, {-1, "eth0123456789abcdef0"}};
+  for (const std::string& key : keys) ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, key.c_str(), "v"));
+  for (const auto& [vnet, name] : bridges)
+    ASSERT_TRUE(PLRNetCfgAddHostAdapterMapping(db_, name.c_str(), vnet, false));
+  ASSERT_TRUE(PLRNetCfgUnload(&db_, true));
+  std::vector<std::string> sortedKeys = keys;
+  std::sort(sortedKeys.begin(), sortedKeys.end());
+  std::vector<std::pair<int, std::string>> sortedBridges = bridges;
+  std::sort(sortedBridges.begin(), sortedBridges.end());
+  std::string expected = "VERSION=1,0\n";
+  for (const std::string& key : sortedKeys) expected += "answer " + key + " v\n";
+  for (const auto& [vnet, name] : sortedBridges)
+    expected += "add_bridge_mapping " + name + " " + std::to_string(vnet) + "\n";
+  EXPECT_EQ(ReadFile(kDatabasePath), expected);
 }
 
 // A real full file system: the database lives on a tiny tmpfs, filled up
