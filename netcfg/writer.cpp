@@ -218,6 +218,7 @@ bool ForEachAnswer(const PLRNetworkConfigurationDB* db, Emit&& emit) {
 template <class Emit>
 bool ForEachPortFwd(const PLRNetworkConfigurationDB* db, Emit&& emit) {
   std::vector<std::pair<uint16_t, const NATPortFwdEntry*>> group;
+  NetCfgRecord record = PortFwdRecord(NATPortFwdEntry{}, true);  // refilled for each entry
   for (uint32_t vnet = 0; vnet < PLR_MAX_VNETS; ++vnet) {
     if (!db->portFwds[vnet]) continue;
     for (bool isTCP : {true, false}) {
@@ -227,8 +228,15 @@ bool ForEachPortFwd(const PLRNetworkConfigurationDB* db, Emit&& emit) {
       for (const auto& [port, entry] : *fwds.table) group.emplace_back(port, &entry);
       std::sort(group.begin(), group.end(),
                 [](const auto& a, const auto& b) { return a.first < b.first; });
-      for (const auto& [port, entry] : group)
-        if (!emit(PortFwdRecord(*entry, true))) return false;
+      for (const auto& [port, entry] : group) {
+        record.vnet = entry->vnet;
+        record.isTCP = entry->isTCP != 0;
+        record.hostPort = entry->hostPort;
+        record.vmIP = entry->vmIP;
+        record.vmPort = entry->vmPort;
+        record.description = entry->description;
+        if (!emit(record)) return false;
+      }
     }
   }
   return true;
