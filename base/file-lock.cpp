@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <string>
@@ -28,37 +29,69 @@ void SleepNs(uint64_t ns) {
 
 }  // namespace
 
-FileLock::FileLock(FileLock&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+FileLock::FileLock(FileLock&& other) noexcept
+    : fd_(std::exchange(other.fd_, -1)),
+      held_(std::exchange(other.held_, false)),
+      path_(std::move(other.path_)),
+      dev_(other.dev_),
+      ino_(other.ino_) {}
 
 FileLock& FileLock::operator=(FileLock&& other) noexcept {
   if (this != &other) {
-    Unlock();
+    Close();
     fd_ = std::exchange(other.fd_, -1);
+    held_ = std::exchange(other.held_, false);
+    path_ = std::move(other.path_);
+    dev_ = other.dev_;
+    ino_ = other.ino_;
   }
   return *this;
 }
 
 FileLock::~FileLock() {
-  Unlock();
+  Close();
+}
+
+bool FileLock::StillLinked() const {
+  struct stat st;
+  return stat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_;
+}
+
+void FileLock::Close() {
+  held_ = false;
+  UniqueFd closing(std::exchange(fd_, -1));
 }
 
 // Polls with LOCK_NB rather than blocking, because a blocking flock cannot be
-// bounded without signals. The descriptor is kept only once the lock is ours.
+// bounded without signals. A lock taken on a file that is no longer the one
+// at the path would exclude nobody: it is dropped and the path opened again.
 bool FileLock::Lock(const char* path, unsigned maxWaitMs) {
-  if (held()) {
+  if (held_) {
     errno = EBUSY;
     return false;
   }
-  const std::string lockPath = std::string(path) + ".lck";
-  UniqueFd fd(sys::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
-  if (!fd) return false;
+  std::string lockPath = std::string(path) + ".lck";
+  if (fd_ >= 0 && lockPath != path_) Close();
   const uint64_t deadline = MonotonicNs() + uint64_t{maxWaitMs} * 1'000'000u;
   for (;;) {
-    if (flock(fd.get(), LOCK_EX | LOCK_NB) == 0) {
+    if (fd_ < 0) {
+      UniqueFd fd(sys::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+      struct stat st;
+      if (!fd || fstat(fd.get(), &st) != 0) return false;
       fd_ = fd.release();
-      return true;
+      path_ = lockPath;
+      dev_ = st.st_dev;
+      ino_ = st.st_ino;
     }
-    if (errno != EWOULDBLOCK && errno != EINTR) return false;
+    if (flock(fd_, LOCK_EX | LOCK_NB) == 0) {
+      if (StillLinked()) {
+        held_ = true;
+        return true;
+      }
+      Close();  // replaced meanwhile: the next round locks the file now there
+    } else if (errno != EWOULDBLOCK && errno != EINTR) {
+      return false;
+    }
     const uint64_t now = MonotonicNs();
     if (now >= deadline) {
       errno = 0;  // timed out: no system error to report
@@ -68,12 +101,16 @@ bool FileLock::Lock(const char* path, unsigned maxWaitMs) {
   }
 }
 
-// LOCK_UN first, so the lock also ends for any forked copy of the
-// descriptor; the descriptor is closed whatever happens.
+// LOCK_UN, so the lock also ends for any forked copy of the descriptor; the
+// file stays open for the next Lock unless the unlock failed.
 bool FileLock::Unlock() {
-  if (!held()) return true;
-  UniqueFd fd(std::exchange(fd_, -1));
-  return flock(fd.get(), LOCK_UN) == 0;
+  if (!held_) return true;
+  held_ = false;
+  if (flock(fd_, LOCK_UN) == 0) return true;
+  const int err = errno;
+  Close();
+  errno = err;
+  return false;
 }
 
 }  // namespace plr

@@ -5,7 +5,14 @@
 // its own because the database itself is replaced by rename at compaction,
 // which would silently drop a lock held on the old inode. flock belongs to the
 // open file description, so two owners in one process exclude each other too.
+// The lock file stays open between locks, so that taking the lock again is
+// one flock; a lock file removed or replaced meanwhile is noticed after the
+// flock and the one now at the path is opened and locked instead.
 #pragma once
+
+#include <sys/types.h>
+
+#include <string>
 
 namespace plr {
 
@@ -24,10 +31,20 @@ class FileLock {
   bool Lock(const char* path, unsigned maxWaitMs);
   // Releases the lock; false with errno set. Unlocking nothing succeeds.
   bool Unlock();
-  bool held() const { return fd_ >= 0; }
+  bool held() const { return held_; }
 
  private:
-  int fd_ = -1;
+  // Whether path_ still names the file open on fd_: it was neither removed
+  // nor replaced since it was opened.
+  bool StillLinked() const;
+  // Closes the lock file (which also ends a lock held on it).
+  void Close();
+
+  int fd_ = -1;        // the lock file, open from the first Lock on
+  bool held_ = false;  // the lock is taken on fd_
+  std::string path_;   // the path fd_ was opened by
+  dev_t dev_ = 0;      // the identity of the file open on fd_
+  ino_t ino_ = 0;
 };
 
 }  // namespace plr

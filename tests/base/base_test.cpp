@@ -12,6 +12,7 @@
 
 #include "base/config-file.h"
 #include "base/fd-util.h"
+#include "base/file-lock.h"
 #include "base/fs-util.h"
 #include "base/line-reader.h"
 #include "base/random-util.h"
@@ -118,6 +119,42 @@ TEST(LineReader, SplitsAndCutsLines) {
   std::string_view line;
   EXPECT_EQ(LineReader(dir.get()).Next(&line), LineReader::Status::kError);
   EXPECT_EQ(errno, EISDIR);
+}
+
+// The lock file stays open between locks; one removed or replaced meanwhile
+// is not locked in vain: the owner that comes back locks the file now at the
+// path, so it still excludes an owner that opened that file.
+TEST(FileLock, RelockingFollowsALockFileRemovedOrReplaced) {
+  const char* kPath = "/tmp/locked";
+  FileLock first, second;
+  ASSERT_TRUE(first.Lock(kPath, 0));
+  EXPECT_FALSE(second.Lock(kPath, 0));
+  EXPECT_EQ(errno, 0) << "a timeout, not an error";
+  ASSERT_TRUE(first.Unlock());
+  ASSERT_TRUE(second.Lock(kPath, 0));
+  EXPECT_FALSE(first.Lock(kPath, 0));
+  ASSERT_TRUE(second.Unlock());
+  for (const char* change : {"remove", "replace"}) {
+    SCOPED_TRACE(change);
+    ASSERT_TRUE(first.Lock(kPath, 0));
+    ASSERT_TRUE(first.Unlock());
+    if (std::string(change) == "remove") {
+      ASSERT_EQ(unlink("/tmp/locked.lck"), 0);
+    } else {
+      test::WriteFile("/tmp/new.lck", "");
+      ASSERT_EQ(rename("/tmp/new.lck", "/tmp/locked.lck"), 0);
+    }
+    FileLock third;  // opens the file now at the path
+    ASSERT_TRUE(third.Lock(kPath, 0));
+    EXPECT_FALSE(first.Lock(kPath, 0)) << "locked the old file, which excludes nobody";
+    ASSERT_TRUE(third.Unlock());
+    ASSERT_TRUE(first.Lock(kPath, 0));
+    EXPECT_FALSE(third.Lock(kPath, 0));
+    ASSERT_TRUE(first.Unlock());
+  }
+  ASSERT_TRUE(first.Lock("/tmp/other", 0));  // another path: another file
+  EXPECT_FALSE(second.Lock("/tmp/other", 0));
+  EXPECT_TRUE(second.Lock(kPath, 0));
 }
 
 // Random puts, replacements and erases against a std::map: every step's
