@@ -70,7 +70,7 @@ bool FileLock::Lock(const char* path, unsigned maxWaitMs) {
     errno = EBUSY;
     return false;
   }
-  std::string lockPath = std::string(path) + ".lck";
+  const std::string lockPath = std::string(path) + ".lck";
   if (fd_ >= 0 && lockPath != path_) Close();
   const uint64_t deadline = MonotonicNs() + uint64_t{maxWaitMs} * 1'000'000u;
   for (;;) {

@@ -108,7 +108,7 @@ struct NATVnetPortFwdConfig {
 // A MAC address in standard form ("xx:xx:xx:xx:xx:xx"), held in the node
 // itself with its hash. It hashes as its text does, so a table of these keys
 // keeps the order a table of text keys has; the hash is worked out once, not
-// again at every rehash (it fills what would be padding of the node).
+// again at every rehash (the node still fits the heap block it took before).
 class NetCfgMacKey {
  public:
   static constexpr size_t kSize = 17;

@@ -270,8 +270,7 @@ static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_vie
     return;
   }
   for (const Keyword& entry : kKeywords) {
-    if (keyword.size() != entry.text.size() || !EqualsIgnoringAsciiCase(keyword, entry.text))
-      continue;
+    if (!EqualsIgnoringAsciiCase(keyword, entry.text)) continue;
     if (!entry.parse(db, entry.type, fields)) {
       std::string_view rest =
           line.substr(std::min(line.size(), keyword.data() - line.data() + keyword.size() + 1));
