@@ -52,7 +52,8 @@ TEST_F(Loaded, DottedTextToIntegerAndBack) {
 }
 
 // The journal's address check: digits and dots by the fast rules, anything
-// else the way the scan reads it (leading blanks and signs accepted).
+// else the way the scan reads it (leading blanks and signs accepted); the
+// journal's MAC form; keywords compared with ASCII case folded.
 TEST(AddressText, JournalAddressesAndKeywordCase) {
   for (auto [text, valid] : {std::pair{"1.2.3.4", true},
                              {"255.255.255.255", true},
@@ -74,6 +75,21 @@ TEST(AddressText, JournalAddressesAndKeywordCase) {
     EXPECT_EQ(IsValidIPText(text), valid) << text;
   }
   EXPECT_FALSE(IsValidIPText(std::string_view("1.2.3.4\0", 8)));
+  // MACs as the journal holds them: the standard shape only changes case;
+  // other shapes take the long way; the rest is refused.
+  for (auto [text, standard] : {std::pair{"02:7a:3E:00:0f:ab", "02:7A:3E:00:0F:AB"},
+                                {"2:7a:3e:0:f:ab", "02:7A:3E:00:0F:AB"},
+                                {"02:7a:3e:00:0f:a", "02:7A:3E:00:0F:0A"}}) {
+    char out[18] = "";
+    EXPECT_TRUE(StandardizeMACText(text, out)) << text;
+    EXPECT_STREQ(out, standard);
+  }
+  for (std::string_view text :
+       {std::string_view("02:7a:3e:00:0f:ag"), std::string_view("02-7a-3e-00-0f-ab"),
+        std::string_view("02:7a:3e:00:0f:ab\0", 18), std::string_view("")}) {
+    char out[18] = "";
+    EXPECT_FALSE(StandardizeMACText(text, out)) << text;
+  }
   for (auto [a, b, equal] : {std::tuple{"ANSWER", "answer", true},
                              {"Add_Nat_PortFwd", "add_nat_portfwd", true},
                              {"tcp", "TCP", true},
