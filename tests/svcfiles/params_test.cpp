@@ -146,6 +146,7 @@ TEST_F(Params, UnsetValuesFallBackOnlyWhenAskedAndRemovalRestoresTheDefault) {
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_BEGIN_IP), "FAILED");
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_BEGIN_IP, kOrDefault), "192.168.8.128");
   EXPECT_FALSE(PLRDHCPRemoveParameter(8, PLR_DHCP_PARAM_UNSUPPORTED));
+  EXPECT_FALSE(PLRDHCPRemoveParameter(8, PLR_DHCP_PARAM_BASE));  // the base names none
   ASSERT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_ROUTERS, "192.168.8.3"));
   EXPECT_TRUE(PLRDHCPSetParameter(8, PLR_DHCP_PARAM_ROUTERS, nullptr));  // NULL removes
   EXPECT_EQ(PLRGetVnetCfg(8, "DHCP_PARAM_ROUTERS"), nullptr);
