@@ -94,8 +94,6 @@ constexpr size_t kAddrSize = 16;
 constexpr size_t kFlagSize = 10;
 constexpr size_t kPrefixSize = 46;
 constexpr size_t kDeviceSize = 256;
-// The enumeration wants one byte beyond the terminator of the longest description.
-constexpr size_t kDescriptionSize = PLR_DESCRIPTION_MAX_LEN + 2;
 
 // The values nat.conf is written from, all with their defaults applied.
 struct NatValues {
@@ -146,11 +144,9 @@ void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
   uint16_t hostPort = 0;
   uint16_t vmPort = 0;
   char ip[kAddrSize];
-  char description[kDescriptionSize];
   for (;;) {
-    uint32_t descLength = kDescriptionSize;
     if (!PLRNetCfgEnumNATPortFwd(nullptr, vnet, isTCP, &cursor, &hostPort, ip, sizeof ip, &vmPort,
-                                 description, &descLength)) {
+                                 nullptr, nullptr)) {
       return;
     }
     // "<host port> = <ip>:<vm port>", formatted by hand into one line buffer.
@@ -158,9 +154,7 @@ void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
     char* end = std::to_chars(line, line + 8, hostPort).ptr;
     memcpy(end, " = ", 3);
     end += 3;
-    const size_t ipLength = strnlen(ip, kAddrSize - 1);
-    memcpy(end, ip, ipLength);
-    end += ipLength;
+    for (const char* c = ip; *c != '\0'; ++c) *end++ = *c;  // at most 15 characters
     *end++ = ':';
     end = std::to_chars(end, end + 8, vmPort).ptr;
     *end++ = '\n';
