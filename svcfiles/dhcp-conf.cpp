@@ -147,7 +147,6 @@ bool ReadSubnetValues(const char* function, uint32_t vnet, SubnetValues* v) {
 }
 
 // The NAT gateway's lines, given to the subnet and to every static mapping.
-// Appended piece by piece: this runs once per mapping.
 void AppendNatOptions(std::string& out, const SubnetValues& v) {
   out.append("\toption netbios-name-servers ").append(v.netbios);
   out.append(";\n\toption routers ").append(v.routers).append(";\n");
@@ -167,14 +166,22 @@ void AppendSubnet(const char* function, std::string& out, const SubnetValues& v)
   PLOG_AS(function, LOG_INFO2, "Finished writing DHCP subnet values");
 }
 
-// The opening lines of a host entry, appended piece by piece: this runs
-// once per mapping.
-void AppendHostLines(std::string& out, const char* name, const char* mac, const char* ip,
-                     const char* dns, const char* domain) {
+// What follows a host entry's address: its name service and domain lines,
+// the `options` lines, and the closing brace.
+std::string HostEntryTail(const char* dns, const char* domain, std::string_view options) {
+  std::string tail;
+  tail.append(";\n\toption domain-name-servers ").append(dns);
+  tail.append(";\n\toption domain-name ").append(domain).append(";\n");
+  tail.append(options).append("}\n");
+  return tail;
+}
+
+// One host entry: its head from name, MAC and address, then `tail`
+// (HostEntryTail). This runs once per mapping.
+void AppendHostEntry(std::string& out, std::string_view name, std::string_view mac,
+                     std::string_view ip, std::string_view tail) {
   out.append("host ").append(name).append(" {\n\thardware ethernet ").append(mac);
-  out.append(";\n\tfixed-address ").append(ip);
-  out.append(";\n\toption domain-name-servers ").append(dns);
-  out.append(";\n\toption domain-name ").append(domain).append(";\n");
+  out.append(";\n\tfixed-address ").append(ip).append(tail);
 }
 
 // The host's own virtual adapter: a fixed address and a MAC derived from the
@@ -192,21 +199,23 @@ bool AppendHostAdapterEntry(const char* function, std::string& out, uint32_t vne
   }
   std::string mac = StrPrintf("%02X:%02X:%02X:%02X:%02X:%02X", 0x02, 0x7A, 0x3E,
                               0xC0 | ((vnet >> 16) & 0xFF), (vnet >> 8) & 0xFF, vnet & 0xFF);
-  AppendHostLines(out, name, mac.c_str(), address, "0.0.0.0", "\"\"");
-  if (nat) out += "\toption routers 0.0.0.0;\n";
-  out += "}\n";
+  AppendHostEntry(out, name, mac, address,
+                  HostEntryTail("0.0.0.0", "\"\"", nat ? "\toption routers 0.0.0.0;\n" : ""));
   return true;
 }
 
-// One host entry per static MAC-to-IP mapping, in the database's order.
+// One host entry per static MAC-to-IP mapping, in the database's order. The
+// entries differ only in their heads; their common tail is formatted once.
 void AppendStaticMappings(std::string& out, uint32_t vnet, const SubnetValues& v) {
+  std::string natOptions;
+  if (v.nat) AppendNatOptions(natOptions, v);
+  const std::string tail = HostEntryTail(v.dns, v.domain, natOptions);
   uint32_t cursor = 0;
   char mac[kMacSize];
   char ip[kAddrSize];
   while (PLRNetCfgEnumDHCPMACToIP(nullptr, vnet, &cursor, mac, sizeof mac, ip, sizeof ip)) {
-    AppendHostLines(out, ip, mac, ip, v.dns, v.domain);
-    if (v.nat) AppendNatOptions(out, v);
-    out += "}\n";
+    const std::string_view address(ip);
+    AppendHostEntry(out, address, mac, address, tail);
   }
 }
 
