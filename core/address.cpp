@@ -39,16 +39,16 @@ bool IsHexDigit(char c) {
   return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
 }
 
-}  // namespace
-
 // Text with anything besides digits and dots, checked by the scan itself
 // (which allows leading blanks and signs, and nothing after the fourth number).
-static bool IsValidIPTextByScan(std::string_view text) {
+bool IsValidIPTextByScan(std::string_view text) {
   if (text.find('\0') != std::string_view::npos) return false;
   const std::string copy(text);
   unsigned v[4] = {};
   return ScanIPv4(copy.c_str(), v) == 4 && v[0] <= 255 && v[1] <= 255 && v[2] <= 255 && v[3] <= 255;
 }
+
+}  // namespace
 
 // Digits and dots need no scanner: four groups of one to three digits, each
 // at most 255, nothing after the fourth, which is what the scan accepts on

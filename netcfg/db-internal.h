@@ -60,8 +60,6 @@ struct NetCfgStringHash {
   using is_transparent = void;
   size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
 };
-template <class V>
-using NetCfgStringMap = std::unordered_map<std::string, V, NetCfgStringHash, std::equal_to<>>;
 using NetCfgStringSet = std::unordered_set<std::string, NetCfgStringHash, std::equal_to<>>;
 
 // What an answer's key says: for keys of the form VNET_<n>_<FIELD>, n and the

@@ -138,7 +138,7 @@ void AppendTemplate(std::string& out, std::string_view format, const char* value
 }
 
 // The forwards of one protocol, one line each. Descriptions stay in the
-// database: the line's two trailing fields are always empty.
+// database: a line carries none.
 void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
   uint32_t cursor = 0;
   uint16_t hostPort = 0;
