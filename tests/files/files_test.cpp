@@ -95,10 +95,10 @@ TEST_F(Files, EveryCodeIsNamedCreatedCheckedAndRemoved) {
   EXPECT_EQ(ReadFile("/tmp/old"), "keep me");
   EXPECT_EQ(ModeOf("/tmp/old"), S_IFREG | 0600u);
   EXPECT_FALSE(PLRCreateFile(kNone, PLR_FILE_CUSTOM, nullptr) ||
-               PLRCreateFile(1, PLR_FILE_VNET_DIR, "/tmp/x") ||
+               PLRCreateFile(1, PLR_FILE_VNET_DIR, "/tmp/not-created") ||
                PLRRemoveFile(kNone, PLR_FILE_CUSTOM, nullptr) ||
                PLRFileExists(kNone, PLR_FILE_CUSTOM, nullptr));
-  EXPECT_FALSE(FileExists("/tmp/x") || FileExists("/etc/tarsis/kavix1"));
+  EXPECT_FALSE(FileExists("/tmp/not-created") || FileExists("/etc/tarsis/kavix1"));
   const std::string longest = "/tmp/" + std::string(250, 'n'), tooLong = longest + "n";
   EXPECT_TRUE(PLRCreateFile(kNone, PLR_FILE_CUSTOM, longest.c_str()) &&
               PLRFileExists(kNone, PLR_FILE_CUSTOM, longest.c_str()) &&
