@@ -6,6 +6,7 @@
 
 #include "base/fd-util.h"
 #include "base/random-util.h"
+#include "base/sha1.h"
 #include "base/sys-util.h"
 
 namespace plr {
@@ -76,6 +77,28 @@ bool ReplaceFileAtomically(const char* path, std::string_view data, mode_t mode)
   PendingFile file;
   return file.Create(path, mode) && sys::WriteAll(file.fd(), data.data(), data.size()) &&
          file.Sync() && file.Commit();
+}
+
+SpillBuffer::SpillBuffer(int fd) : fd_(fd) {
+  text_.reserve(kSpillMark + 4096);  // a spill plus the item that crossed the mark
+}
+
+void SpillBuffer::Spill() {
+  if (sha_ != nullptr) sha_->Update(text_.data(), text_.size());
+  if (error_ == 0 && !sys::WriteAll(fd_, text_.data(), text_.size())) error_ = errno;
+  text_.clear();
+}
+
+void SpillBuffer::HashFromHere(Sha1* sha) {
+  Spill();
+  sha_ = sha;
+}
+
+bool SpillBuffer::Flush() {
+  Spill();
+  if (error_ == 0) return true;
+  errno = error_;
+  return false;
 }
 
 bool ReadWholeFile(const char* path, std::string* out) {

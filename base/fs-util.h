@@ -10,6 +10,8 @@
 
 namespace plr {
 
+class Sha1;
+
 // A new version of a file, written beside it under a temporary name and put
 // in its place by one rename: the one way the library replaces a file. Every
 // step goes through the system-call table and fails with errno set; the
@@ -55,6 +57,36 @@ class PendingFile {
 // `path` is untouched, errno is set. When only the final directory fsync
 // fails, the new content is in place but not yet durable: false, errno set.
 bool ReplaceFileAtomically(const char* path, std::string_view data, mode_t mode);
+
+// Generated text on its way to a descriptor: a generator appends to text()
+// and calls MaybeSpill() between items, so that a file of any size takes no
+// more memory than one spill's worth and is written from bytes still in the
+// cache. While a hash is attached every byte goes through it, in order, just
+// before it is written. The first failed write sticks: later spills write
+// nothing, and Flush() reports it with its errno.
+class SpillBuffer {
+ public:
+  // Past this many buffered bytes MaybeSpill() writes them out.
+  static constexpr size_t kSpillMark = 64 * 1024;
+
+  explicit SpillBuffer(int fd);
+  std::string& text() { return text_; }
+  void MaybeSpill() {
+    if (text_.size() >= kSpillMark) Spill();
+  }
+  // Writes everything buffered so far, then hashes the bytes that follow
+  // into `sha` (none when null).
+  void HashFromHere(Sha1* sha);
+  // Writes everything buffered; false, errno set, once any write failed.
+  bool Flush();
+
+ private:
+  void Spill();
+  int fd_;
+  std::string text_;
+  Sha1* sha_ = nullptr;
+  int error_ = 0;  // errno of the first failed write
+};
 
 // Reads the whole file; false with errno set.
 bool ReadWholeFile(const char* path, std::string* out);

@@ -202,8 +202,8 @@ Sha1::Digest Sha1::Final() {
   return digest;
 }
 
-std::string DigestHex(const Sha1::Digest& digest) {
-  static constexpr char kHex[] = "0123456789abcdef";
+std::string DigestHex(const Sha1::Digest& digest, HexCase letters) {
+  const char* kHex = letters == HexCase::kUpper ? "0123456789ABCDEF" : "0123456789abcdef";
   std::string out;
   out.reserve(2 * digest.size());
   for (uint8_t byte : digest) {

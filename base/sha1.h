@@ -31,8 +31,11 @@ class Sha1 {
 // default); tests switch them off to check the portable rounds too.
 void Sha1UseCpuInstructions(bool use);
 
+enum class HexCase { kLower, kUpper };
+
 // The digest of `data` as 40 lower-case hexadecimal characters.
 std::string Sha1Hex(std::string_view data);
-std::string DigestHex(const Sha1::Digest& digest);
+// A digest as 40 hexadecimal characters of the given case.
+std::string DigestHex(const Sha1::Digest& digest, HexCase letters = HexCase::kLower);
 
 }  // namespace plr

@@ -46,9 +46,12 @@ pid_t Fork() { return Injected(Op::kFork) ? -1 : ::fork(); }
 int Ioctl(int fd, unsigned long r, void* a) { return Injected(Op::kIoctl) ? -1 : ::ioctl(fd, r, a); }
 int Socket(int d, int t, int p) { return Injected(Op::kSocket) ? -1 : ::socket(d, t, p); }
 FILE* Fopen(const char* p, const char* m) { return Injected(Op::kFopen) ? nullptr : ::fopen(p, m); }
+ssize_t CopyFileRange(int in, off_t* io, int out, off_t* oo, size_t n, unsigned fl) {
+  return Injected(Op::kCopyFileRange) ? -1 : ::copy_file_range(in, io, out, oo, n, fl);
+}
 
-constexpr Calls kRealCalls = {Open,  Read, Write, Fsync,  Rename, Unlink, Mkdir,
-                              Rmdir, Mknod, Fork, Ioctl, Socket, Fopen};
+constexpr Calls kRealCalls = {Open,  Read,  Write, Fsync,  Rename, Unlink, Mkdir,
+                              Rmdir, Mknod, Fork,  Ioctl,  Socket, Fopen,  CopyFileRange};
 Calls gCalls = kRealCalls;
 
 }  // namespace

@@ -25,6 +25,8 @@ struct Calls {
   int (*ioctl)(int fd, unsigned long request, void* arg);
   int (*socket)(int domain, int type, int protocol);
   FILE* (*fopen)(const char* path, const char* mode);
+  ssize_t (*copy_file_range)(int in, off_t* inOffset, int out, off_t* outOffset, size_t count,
+                             unsigned flags);
 };
 
 Calls& calls();
@@ -32,7 +34,7 @@ void ResetCalls();
 
 // Identifies one entry of the table for fault injection.
 enum class Op { kOpen, kRead, kWrite, kFsync, kRename, kUnlink, kMkdir, kRmdir, kMknod,
-                kFork, kIoctl, kSocket, kFopen, kCount };
+                kFork, kIoctl, kSocket, kFopen, kCopyFileRange, kCount };
 
 // Makes the nth call (1 = the next one) of `op` fail with `err`; 0 clears it.
 void FailNth(Op op, unsigned n, int err);
@@ -55,6 +57,10 @@ inline pid_t fork() { return calls().fork(); }
 inline int ioctl(int fd, unsigned long request, void* arg) { return calls().ioctl(fd, request, arg); }
 inline int socket(int domain, int type, int protocol) { return calls().socket(domain, type, protocol); }
 inline FILE* fopen(const char* path, const char* mode) { return calls().fopen(path, mode); }
+inline ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffset, size_t count,
+                               unsigned flags) {
+  return calls().copy_file_range(in, inOffset, out, outOffset, count, flags);
+}
 
 // Writes all of `buf`, retrying short writes and EINTR; false with errno set.
 bool WriteAll(int fd, const void* buf, size_t count);

@@ -20,10 +20,10 @@ namespace {
 // Large enough that a copy of a few MB takes a few dozen system calls.
 constexpr size_t kCopyChunk = 64 * 1024;
 
-// Copies everything readable from `source` to `destination` in chunks;
-// logs under `function`.
-bool CopyContents(const char* function, int source, int destination, const char* sourcePath,
-                  const char* destinationPath) {
+// Copies everything readable from `source` to `destination` through a
+// buffer in chunks; logs under `function`.
+bool CopyThroughBuffer(const char* function, int source, int destination, const char* sourcePath,
+                       const char* destinationPath) {
   std::unique_ptr<char[]> chunk(new char[kCopyChunk]);
   for (;;) {
     ssize_t got = sys::read(source, chunk.get(), kCopyChunk);
@@ -32,10 +32,7 @@ bool CopyContents(const char* function, int source, int destination, const char*
               strerror(errno));
       return false;
     }
-    if (got == 0) {
-      PLOG_AS(function, LOG_INFO2, "Finished reading from source file: %s", sourcePath);
-      return true;
-    }
+    if (got == 0) return true;
     ssize_t put = sys::write(destination, chunk.get(), static_cast<size_t>(got));
     if (put != got) {
       PLOG_AS(function, LOG_ERR, "Writing to destination file: %s failed, error: %s",
@@ -43,6 +40,36 @@ bool CopyContents(const char* function, int source, int destination, const char*
       return false;
     }
   }
+}
+
+// Copies everything readable from `source` to `destination`, inside the
+// kernel where the file systems allow it and through a buffer where they
+// do not; logs under `function`.
+bool CopyContents(const char* function, int source, int destination, const char* sourcePath,
+                  const char* destinationPath) {
+  for (bool copiedAny = false;;) {
+    ssize_t got = sys::copy_file_range(source, nullptr, destination, nullptr, kCopyChunk * 16, 0);
+    if (got > 0) {
+      copiedAny = true;
+      continue;
+    }
+    if (got < 0 && errno == EINTR) continue;
+    if (got == 0 && copiedAny) break;
+    bool refused =
+        got < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP);
+    if (got < 0 && (copiedAny || !refused)) {
+      PLOG_AS(function, LOG_ERR, "Writing to destination file: %s failed, error: %s",
+              destinationPath, strerror(errno));
+      return false;
+    }
+    // Nothing copied yet: an empty file, or a file system that will not copy
+    // in the kernel (some copy nothing and say so with 0).
+    if (!CopyThroughBuffer(function, source, destination, sourcePath, destinationPath))
+      return false;
+    break;
+  }
+  PLOG_AS(function, LOG_INFO2, "Finished reading from source file: %s", sourcePath);
+  return true;
 }
 
 }  // namespace

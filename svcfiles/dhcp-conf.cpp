@@ -4,10 +4,10 @@
 // byte for byte) from one a user edited (the whole file goes to the ".bak"
 // sibling and a fresh file is written).
 //
-// The new file is built in memory; the leases file, the new text and its
-// hash follow in that order, each undone when a later step fails, so a
-// failed rewrite leaves the previous file and hash in place (and the file in
-// the backup).
+// The new text is written to a temporary file as it is generated; the
+// leases file, the rename of the new text and its hash follow in that order,
+// each undone when a later step fails, so a failed rewrite leaves the
+// previous file and hash in place (and the file in the backup).
 #include <errno.h>
 #include <string.h>
 #include <strings.h>
@@ -206,7 +206,7 @@ bool AppendHostAdapterEntry(const char* function, std::string& out, uint32_t vne
 
 // One host entry per static MAC-to-IP mapping, in the database's order. The
 // entries differ only in their heads; their common tail is formatted once.
-void AppendStaticMappings(std::string& out, uint32_t vnet, const SubnetValues& v) {
+void AppendStaticMappings(SpillBuffer& out, uint32_t vnet, const SubnetValues& v) {
   std::string natOptions;
   if (v.nat) AppendNatOptions(natOptions, v);
   const std::string tail = HostEntryTail(v.dns, v.domain, natOptions);
@@ -215,21 +215,31 @@ void AppendStaticMappings(std::string& out, uint32_t vnet, const SubnetValues& v
   char ip[kAddrSize];
   while (PLRNetCfgEnumDHCPMACToIP(nullptr, vnet, &cursor, mac, sizeof mac, ip, sizeof ip)) {
     const std::string_view address(ip);
-    AppendHostEntry(out, address, mac, address, tail);
+    AppendHostEntry(out.text(), address, mac, address, tail);
+    out.MaybeSpill();
   }
 }
 
 // The protected block from its start marker to its end marker.
-bool AppendBlock(const char* function, std::string& out, uint32_t vnet) {
-  AppendBlockStart(out);
-  if (!AppendGlobal(function, out, vnet)) return false;
+bool AppendBlock(const char* function, SpillBuffer& out, uint32_t vnet) {
+  std::string& text = out.text();
+  AppendBlockStart(text);
+  if (!AppendGlobal(function, text, vnet)) return false;
   SubnetValues values;
   if (!ReadSubnetValues(function, vnet, &values)) return false;
-  AppendSubnet(function, out, values);
-  if (!AppendHostAdapterEntry(function, out, vnet, values.nat)) return false;
+  AppendSubnet(function, text, values);
+  if (!AppendHostAdapterEntry(function, text, vnet, values.nat)) return false;
   AppendStaticMappings(out, vnet, values);
-  out += kDhcpBlockEndMarker;
+  text += kDhcpBlockEndMarker;
   return true;
+}
+
+// The digest as DHCP_CFG_HASH keeps it, 40 upper-case hexadecimal digits,
+// logged under the name of the function that hashed.
+std::string BlockHashText(const char* function, Sha1& sha) {
+  std::string text = DigestHex(sha.Final(), HexCase::kUpper);
+  PLOG_AS(function, LOG_INFO2, "Hash String value: %s", text.c_str());
+  return text;
 }
 
 // Where the old file's block lies if it may be replaced in place; {0, 0}
@@ -348,10 +358,7 @@ std::string PLRCalculateHashStrForBlock(std::string_view content, long start, lo
   }
   Sha1 sha;
   sha.Update(content.data() + start, static_cast<size_t>(end - start));
-  std::string text;
-  for (uint8_t byte : sha.Final()) text += StrPrintf("%02X", byte);
-  PLOG(LOG_INFO2, "Hash String value: %s", text.c_str());
-  return text;
+  return BlockHashText(__func__, sha);
 }
 
 }  // namespace plr
@@ -396,32 +403,41 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   });
 
   PLOG(LOG_INFO, "Writing configuration information into: %s", path);
-  // Only the generated part is built in memory; the user's text around an
-  // untouched block goes from the old file's bytes straight to the new file.
-  std::string_view before, after;
-  std::string block;
-  block.reserve(old.size() + 4096);  // the new block is about the old one's size
-  if (keep.start != 0) {
-    PLOG(LOG_INFO2, "Copying from backup file, pos:%d-%li", 0, keep.start);
-    before = std::string_view(old).substr(0, static_cast<size_t>(keep.start));
-  } else {
-    plr::AppendHeader(block, vnet);
-  }
-  size_t blockStart = block.size();
-  if (!plr::AppendBlock(__func__, block, vnet)) return trace.Exit(false);
-  std::string hash = plr::PLRCalculateHashStrForBlock(block, static_cast<long>(blockStart),
-                                                      static_cast<long>(block.size()));
-  if (hash.empty()) {
-    PLOG(LOG_ERR, "Hash for DHCP config block could not be calculated");
+  // The new text goes straight to a temporary file beside the old one: the
+  // user's text around an untouched block from the old file's bytes, the
+  // generated part through one spill buffer that hashes the block on its way.
+  plr::PendingFile file;
+  if (!file.Create(path, 0644)) {
+    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
+         strerror(errno));
     return trace.Exit(false);
   }
+  plr::SpillBuffer out(file.fd());
+  if (keep.start != 0) {
+    PLOG(LOG_INFO2, "Copying from backup file, pos:%d-%li", 0, keep.start);
+    out.text().append(old, 0, static_cast<size_t>(keep.start));
+  } else {
+    plr::AppendHeader(out.text(), vnet);
+  }
+  plr::Sha1 sha;
+  out.HashFromHere(&sha);
+  if (!plr::AppendBlock(__func__, out, vnet)) return trace.Exit(false);
+  out.HashFromHere(nullptr);
+  std::string hash = plr::BlockHashText("PLRCalculateHashStrForBlock", sha);
+  std::string_view after;
   if (keep.end != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%li-%d", keep.end, static_cast<int>(old.size()));
     after = std::string_view(old).substr(static_cast<size_t>(keep.end));
   }
+  if (!out.Flush() || !plr::sys::WriteAll(file.fd(), after.data(), after.size())) {
+    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
+         strerror(errno));
+    return trace.Exit(false);
+  }
 
-  // The leases file comes first, so that a failure leaves the previous text
-  // and hash; one that exists is left alone (a failed creation would remove it).
+  // The leases file comes before the rename, so that a failure leaves the
+  // previous text and hash; one that exists is left alone (a failed creation
+  // would remove it).
   bool leasesCreated = false;
   if (!plr::LeasesFileExists(vnet)) {
     if (!PLRCreateFile(vnet, PLR_FILE_DHCP_LEASES, nullptr)) {
@@ -433,18 +449,13 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   plr::ScopeExit removeLeases([&] {
     if (leasesCreated) PLRRemoveFile(vnet, PLR_FILE_DHCP_LEASES, nullptr);
   });
-  plr::PendingFile file;
   // Undo: once the new file is in place, the old text goes back.
   plr::ScopeExit restoreOld([&] {
     if (created || !file.committed()) return;
     if (!plr::ReplaceFileAtomically(path, old, 0644))
       PLOG(LOG_ERR, "Cannot restore DHCP Config File, %s, error: %s", path, strerror(errno));
   });
-  auto put = [&](std::string_view piece) {
-    return plr::sys::WriteAll(file.fd(), piece.data(), piece.size());
-  };
-  if (!file.Create(path, 0644) || !put(before) || !put(block) || !put(after) || !file.Sync() ||
-      !file.Commit()) {
+  if (!file.Sync() || !file.Commit()) {
     PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
          strerror(errno));
     return trace.Exit(false);

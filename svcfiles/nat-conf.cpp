@@ -1,7 +1,7 @@
 // The nat.conf generator and its template texts. Unlike dhcpd.conf the file
 // keeps no user text: it is regenerated whole on every update, after the old
-// file was copied to nat.conf.bak. The text is built in memory and replaces
-// the file atomically.
+// file was copied to nat.conf.bak. The text goes to a temporary file through
+// one spill buffer as it is generated and replaces the file atomically.
 #include <errno.h>
 #include <string.h>
 
@@ -139,7 +139,7 @@ void AppendTemplate(std::string& out, std::string_view format, const char* value
 
 // The forwards of one protocol, one line each. Descriptions stay in the
 // database: a line carries none.
-void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
+void AppendPortForwards(SpillBuffer& out, uint32_t vnet, bool isTCP) {
   uint32_t cursor = 0;
   uint16_t hostPort = 0;
   uint16_t vmPort = 0;
@@ -158,12 +158,14 @@ void AppendPortForwards(std::string& out, uint32_t vnet, bool isTCP) {
     *end++ = ':';
     end = std::to_chars(end, end + 8, vmPort).ptr;
     *end++ = '\n';
-    out.append(line, static_cast<size_t>(end - line));
+    out.text().append(line, static_cast<size_t>(end - line));
+    out.MaybeSpill();
   }
 }
 
-std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
-  std::string out;
+// The whole file, written through `spill`.
+void AppendNatConf(SpillBuffer& spill, uint32_t vnet, const NatValues& v) {
+  std::string& out = spill.text();
   out += PLRNATConfigFileHeader;
   out += PLRNATConfigFileHostSectionHeader;
   out += PLRNATConfigFileIPDesc;
@@ -190,12 +192,11 @@ std::string BuildNatConf(uint32_t vnet, const NatValues& v) {
   // The two port-forward sections, TCP first.
   out += PLRNATConfigFileIncomingTCPSectionHeader;
   out += PLRNATConfigFileIncomingTCPDesc;
-  AppendPortForwards(out, vnet, true);
+  AppendPortForwards(spill, vnet, true);
   out += PLRNATConfigFileIncomingUDPSectionHeader;
   out += PLRNATConfigFileIncomingUDPDesc;
-  AppendPortForwards(out, vnet, false);
+  AppendPortForwards(spill, vnet, false);
   out += "\n";
-  return out;
 }
 
 // Copies the existing nat.conf to nat.conf.bak.
@@ -258,8 +259,14 @@ PLR_EXPORT bool PLRNATUpdateFromConfig(uint32_t vnet) {
     }
   }
 
-  std::string text = plr::BuildNatConf(vnet, values);
-  if (!plr::ReplaceFileAtomically(path, text, 0644)) {
+  plr::PendingFile file;
+  bool written = file.Create(path, 0644);
+  if (written) {
+    plr::SpillBuffer out(file.fd());
+    plr::AppendNatConf(out, vnet, values);
+    written = out.Flush() && file.Sync() && file.Commit();
+  }
+  if (!written) {
     PLOG(LOG_ERR, "fopen: failed to open NAT config file, error: %s", strerror(errno));
     if (created) {
       // Undo: what this call created goes again, file before directory.

@@ -299,6 +299,46 @@ TEST(ReplaceFile, ReplacesWithExactModeOrKeepsTheOldFileOnAnyFault) {
   EXPECT_EQ(Entries("/tmp/r"), std::set<std::string>{"networking"});
 }
 
+TEST(SpillBuffer, WritesInOrderAndHashesExactlyTheMarkedPart) {
+  // Items of several sizes, so that spills fall before, on and after the
+  // mark; the middle part alone goes through the hash.
+  for (size_t item : {1u, 7u, 4096u, 70000u}) {
+    test::WriteFile("/tmp/spill", "");
+    UniqueFd fd(::open("/tmp/spill", O_WRONLY | O_TRUNC | O_CLOEXEC));
+    ASSERT_TRUE(fd);
+    SpillBuffer out(fd.get());
+    std::string head(100, 'h'), middle, tail(5000, 't');
+    out.text() += head;
+    Sha1 sha;
+    out.HashFromHere(&sha);
+    for (int i = 0; middle.size() < 3 * SpillBuffer::kSpillMark; ++i) {
+      std::string piece(item, static_cast<char>('a' + i % 26));
+      middle += piece;
+      out.text() += piece;
+      out.MaybeSpill();
+      EXPECT_LT(out.text().size(), SpillBuffer::kSpillMark + item) << item;
+    }
+    out.HashFromHere(nullptr);
+    out.text() += tail;
+    ASSERT_TRUE(out.Flush()) << item;
+    EXPECT_EQ(DigestHex(sha.Final()), Sha1Hex(middle)) << item;
+    EXPECT_TRUE(test::ReadFile("/tmp/spill") == head + middle + tail) << item;
+  }
+  // A failed write sticks: nothing later is written and Flush reports it.
+  UniqueFd fd(::open("/tmp/spill", O_WRONLY | O_TRUNC | O_CLOEXEC));
+  SpillBuffer out(fd.get());
+  sys::FailNth(sys::Op::kWrite, 1, ENOSPC);
+  out.text().assign(SpillBuffer::kSpillMark, 'x');
+  out.MaybeSpill();
+  sys::ClearFaults();
+  out.text() += "more";
+  errno = 0;
+  EXPECT_FALSE(out.Flush());
+  EXPECT_EQ(errno, ENOSPC);
+  EXPECT_EQ(test::ReadFile("/tmp/spill"), "");
+  EXPECT_EQ(DigestHex(Sha1().Final(), HexCase::kUpper), "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709");
+}
+
 TEST(CryptoRandom, FillsLargeBuffersCompletely) {
   // Above the kernel's per-call limit; zeros in the last kilobyte are a 2^-8192 event.
   std::string a(40 << 20, '\0');

@@ -174,9 +174,33 @@ TEST_F(Loaded, CopyFileAcrossChunkBoundaries) {
   EXPECT_EQ(umask(077), 077u) << "the caller's umask is back";
   EXPECT_FALSE(PLRCopyFile("/tmp/nothing", "/tmp/dst"));
   EXPECT_FALSE(PLRCopyFile("/tmp/src", "/tmp/no-dir/dst"));
-  for (sys::Op op : {sys::Op::kWrite, sys::Op::kRead}) {
+  // The copy runs in the kernel; a file system that refuses that is copied
+  // through the buffer instead, and any other failure fails the copy and
+  // leaves the destination as it was.
+  const struct {
+    sys::Op op;
+    unsigned nth;
+    int err;
+    bool copies;
+  } kFaults[] = {{sys::Op::kCopyFileRange, 1, EXDEV, true},
+                 {sys::Op::kCopyFileRange, 1, EOPNOTSUPP, true},
+                 {sys::Op::kCopyFileRange, 1, EIO, false},
+                 {sys::Op::kCopyFileRange, 2, EXDEV, false},  // after part of the file
+                 {sys::Op::kOpen, 1, EACCES, false},
+                 {sys::Op::kFsync, 1, EIO, false},
+                 {sys::Op::kRename, 1, EIO, false}};
+  for (const auto& f : kFaults) {
+    WriteFile("/tmp/dst", "old");
+    sys::FailNth(f.op, f.nth, f.err);
+    EXPECT_EQ(PLRCopyFile("/tmp/src", "/tmp/dst"), f.copies) << f.err << " " << f.nth;
+    sys::ClearFaults();
+    EXPECT_EQ(ReadFile("/tmp/dst") == source, f.copies) << f.err << " " << f.nth;
+  }
+  for (sys::Op op : {sys::Op::kWrite, sys::Op::kRead}) {  // the buffer's own faults
+    sys::FailNth(sys::Op::kCopyFileRange, 1, ENOSYS);
     sys::FailNth(op, 2, EIO);
     EXPECT_FALSE(PLRCopyFile("/tmp/src", "/tmp/dst"));
+    EXPECT_EQ(sys::CallCount(op), 2u);
     sys::ClearFaults();
   }
 }

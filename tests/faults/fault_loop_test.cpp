@@ -91,11 +91,12 @@ constexpr struct {
   sys::Op op;
   const char* name;
   int err;
-} kCalls[] = {{sys::Op::kOpen, "open", EACCES},   {sys::Op::kRead, "read", EIO},
-              {sys::Op::kWrite, "write", ENOSPC}, {sys::Op::kFsync, "fsync", EIO},
-              {sys::Op::kRename, "rename", EIO},  {sys::Op::kUnlink, "unlink", EIO},
-              {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
-              {sys::Op::kMknod, "mknod", EPERM}};
+} kCalls[] = {
+    {sys::Op::kOpen, "open", EACCES},   {sys::Op::kRead, "read", EIO},
+    {sys::Op::kWrite, "write", ENOSPC}, {sys::Op::kFsync, "fsync", EIO},
+    {sys::Op::kRename, "rename", EIO},  {sys::Op::kUnlink, "unlink", EIO},
+    {sys::Op::kMkdir, "mkdir", ENOSPC}, {sys::Op::kFopen, "fopen", EMFILE},
+    {sys::Op::kMknod, "mknod", EPERM},  {sys::Op::kCopyFileRange, "copy_file_range", EIO}};
 
 // The files below /etc/tarsis but the database; temporary names end in "XXXXXX", times masked.
 std::map<std::string, std::string> Files() {
