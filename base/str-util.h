@@ -26,6 +26,33 @@ inline bool EqualsIgnoringAsciiCase(std::string_view a, std::string_view b) {
   return true;
 }
 
+// Writes `value` in decimal at `out`, which has room for 10 characters, and
+// returns the end: the integer formatter of the journal and the generated
+// files, inline because they call it once or twice per line.
+inline char* FormatDecimal(char* out, uint32_t value) {
+  static constexpr char kPairs[] =
+      "00010203040506070809101112131415161718192021222324252627282930313233343536373839"
+      "40414243444546474849505152535455565758596061626364656667686970717273747576777879"
+      "8081828384858687888990919293949596979899";
+  unsigned digits = 1;
+  for (uint32_t bound = 10; digits < 10 && value >= bound; bound *= 10) ++digits;
+  char* end = out + digits;
+  char* p = end;
+  while (value >= 100) {
+    const unsigned pair = (value % 100) * 2;
+    value /= 100;
+    *--p = kPairs[pair + 1];
+    *--p = kPairs[pair];
+  }
+  if (value >= 10) {
+    *--p = kPairs[value * 2 + 1];
+    *--p = kPairs[value * 2];
+  } else {
+    *--p = static_cast<char>('0' + value);
+  }
+  return end;
+}
+
 // printf into a std::string.
 std::string StrPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

@@ -155,10 +155,14 @@ const char* NetCfgProtoName(bool isTCP);
 // A cursor walk reads its entries in the order of an array of pointers to
 // nodes scattered over the heap: at each step, the node a few steps on is
 // asked for early, so that it is in the cache by the time the walk gets there.
+// An entry may straddle two cache lines; both are asked for.
 template <class T>
 inline void NetCfgPrefetchAhead(const std::vector<T*>& array, size_t cursor) {
-  constexpr size_t kAhead = 8;
-  if (cursor + kAhead < array.size()) __builtin_prefetch(array[cursor + kAhead]);
+  constexpr size_t kAhead = 16;
+  if (cursor + kAhead >= array.size()) return;
+  const char* entry = reinterpret_cast<const char*>(array[cursor + kAhead]);
+  __builtin_prefetch(entry);
+  __builtin_prefetch(entry + sizeof(T) - 1);
 }
 
 // Copies `text` with its terminator into the caller's `buf` of `size` bytes

@@ -6,9 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
+#include <type_traits>
 
 #include "base/fs-util.h"
+#include "base/str-util.h"
 #include "base/sys-util.h"
 #include "netcfg/tables.h"
 
@@ -22,8 +23,15 @@ constexpr size_t kWriteChunk = 64 * 1024;
 template <class T>
 void AppendNumber(std::string* out, T value) {
   char buf[16];
-  auto result = std::to_chars(buf, buf + sizeof buf, value);
-  out->append(buf, static_cast<size_t>(result.ptr - buf));
+  char* digits = buf;
+  uint32_t magnitude = static_cast<uint32_t>(value);
+  if constexpr (std::is_signed_v<T>) {
+    if (value < 0) {
+      *digits++ = '-';
+      magnitude = 0u - magnitude;
+    }
+  }
+  out->append(buf, static_cast<size_t>(FormatDecimal(digits, magnitude) - buf));
 }
 
 void AppendSep(std::string* out, std::string_view text) {

@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <charconv>
 #include <string>
 #include <string_view>
 
@@ -151,12 +150,12 @@ void AppendPortForwards(SpillBuffer& out, uint32_t vnet, bool isTCP) {
     }
     // "<host port> = <ip>:<vm port>", formatted by hand into one line buffer.
     char line[8 + 3 + kAddrSize + 8];
-    char* end = std::to_chars(line, line + 8, hostPort).ptr;
+    char* end = FormatDecimal(line, hostPort);
     memcpy(end, " = ", 3);
     end += 3;
     for (const char* c = ip; *c != '\0'; ++c) *end++ = *c;  // at most 15 characters
     *end++ = ':';
-    end = std::to_chars(end, end + 8, vmPort).ptr;
+    end = FormatDecimal(end, vmPort);
     *end++ = '\n';
     out.text().append(line, static_cast<size_t>(end - line));
     out.MaybeSpill();

@@ -2,6 +2,7 @@
 // SHA-1, atomic file replacement and the random source.
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -53,6 +54,21 @@ TEST(StrTo, AcceptsDecimalHexAndSignStrictly) {
   EXPECT_FALSE(StrToInt32(nullptr, &i));
   const std::string x(5000, 'x');
   EXPECT_EQ(StrPrintf("<%s>%d", x.c_str(), 8), "<" + x + ">8");
+}
+
+TEST(FormatDecimal, AgreesWithToStringAtEveryLength) {
+  std::vector<uint32_t> values = {0u, 4294967295u, 4294967294u};
+  for (uint32_t power = 1; power <= 1000000000u; power *= 10) {
+    for (uint32_t v : {power - 1, power, power + 1, power * 5 + 7}) values.push_back(v);
+    if (power == 1000000000u) break;
+  }
+  for (uint32_t v : values) {
+    char buf[12];
+    memset(buf, '#', sizeof buf);
+    char* end = FormatDecimal(buf, v);
+    EXPECT_EQ(std::string(buf, end), std::to_string(v));
+    EXPECT_EQ(*end, '#') << v << ": nothing written past the end";
+  }
 }
 
 TEST(ConfigFile, ReadsValuesAndNamesTheBadLine) {
