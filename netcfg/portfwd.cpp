@@ -116,6 +116,25 @@ bool EnsureArray(NATPortFwdGroup& group, const char* function) {
 }
 
 }  // namespace
+
+const std::vector<const NATPortFwdEntry*>* NetCfgPortFwdsInOrder(PLRNetworkConfigurationDB* db,
+                                                                 uint32_t vnet, bool isTCP) {
+  const char* function = kPortFwdEnumName;
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, function);
+  if (cache == nullptr) return nullptr;
+  if (vnet >= PLR_MAX_VNETS || !cache->portFwds[vnet] ||
+      !cache->portFwds[vnet]->group(isTCP).table) {
+    PLOG_AS(function, LOG_ERR, "List of forwarded ports is empty");
+    return nullptr;
+  }
+  NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
+  if (!NetCfgGuarded(function, [&] { return EnsureArray(group, function); })) {
+    PLOG_AS(function, LOG_ERR, "Failed to create array of forwarded ports");
+    return nullptr;
+  }
+  return &group.array;
+}
+
 }  // namespace plr
 
 using namespace plr;
@@ -194,24 +213,18 @@ bool PLRNetCfgEnumNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
                              uint32_t* cursor, uint16_t* hostPort, char* ipBuffer,
                              size_t ipBufferSize, uint16_t* vmPort, char* descBuffer,
                              uint32_t* descLength) {
-  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
-  if (cache == nullptr || cursor == nullptr) return false;
-  if (vnet >= PLR_MAX_VNETS || !cache->portFwds[vnet] ||
-      !cache->portFwds[vnet]->group(isTCP).table) {
-    PLOG(LOG_ERR, "List of forwarded ports is empty");
+  if (cursor == nullptr) {
+    NetCfgCacheFor(db, __func__);  // says so when nothing is loaded
     return false;
   }
-  NATPortFwdGroup& group = cache->portFwds[vnet]->group(isTCP);
-  if (!NetCfgGuarded(__func__, [&, fnName = __func__] { return EnsureArray(group, fnName); })) {
-    PLOG(LOG_ERR, "Failed to create array of forwarded ports");
-    return false;
-  }
-  if (*cursor >= group.array.size()) {
+  const std::vector<const NATPortFwdEntry*>* array = NetCfgPortFwdsInOrder(db, vnet, isTCP);
+  if (array == nullptr) return false;
+  if (*cursor >= array->size()) {
     PLOG(LOG_INFO2, "No ports to enumerate");
     return false;
   }
-  const NATPortFwdEntry* entry = group.array[*cursor];
-  NetCfgPrefetchAhead(group.array, *cursor);
+  const NATPortFwdEntry* entry = (*array)[*cursor];
+  NetCfgPrefetchAhead(*array, *cursor);
   if (hostPort != nullptr) *hostPort = entry->hostPort;
   if (!NetCfgCopyOut(entry->vmIP, ipBuffer, ipBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer length: %zu for IP address: %s", ipBufferSize,

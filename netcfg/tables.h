@@ -169,6 +169,29 @@ inline void NetCfgPrefetchAhead(const std::vector<T*>& array, size_t cursor) {
 // when it fits; false (and nothing copied) when it does not or `buf` is null.
 bool NetCfgCopyOut(std::string_view text, char* buf, size_t size);
 
+// The forwards of one protocol of a vnet in the order the cursor of
+// PLRNetCfgEnumNATPortFwd hands them out, the array built on demand; null
+// when there are none. It logs as that enumeration does, under its name.
+inline constexpr char kPortFwdEnumName[] = "PLRNetCfgEnumNATPortFwd";
+const std::vector<const NATPortFwdEntry*>* NetCfgPortFwdsInOrder(PLRNetworkConfigurationDB* db,
+                                                                 uint32_t vnet, bool isTCP);
+
+// The same walk for a caller that needs no cursor: `visit(entry)` for each
+// forward, in order, until it returns false; a walk that reaches the end
+// ends with the enumeration's last log line. False when there are none or
+// `visit` stopped the walk. `visit` must not change the forwards.
+template <class Visit>
+bool NetCfgForEachPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP, Visit visit) {
+  const std::vector<const NATPortFwdEntry*>* array = NetCfgPortFwdsInOrder(db, vnet, isTCP);
+  if (array == nullptr) return false;
+  for (size_t i = 0; i < array->size(); ++i) {
+    NetCfgPrefetchAhead(*array, i);
+    if (!visit(*(*array)[i])) return false;
+  }
+  PLOG_AS(kPortFwdEnumName, LOG_INFO2, "No ports to enumerate");
+  return true;
+}
+
 // Port forwards. Insert replaces an entry with the same key (logging that it
 // does) and discards the group's enumeration array.
 const NATPortFwdEntry* NetCfgFindPortFwd(const PLRNetworkConfigurationDB* db, uint32_t vnet,

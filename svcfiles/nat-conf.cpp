@@ -5,6 +5,7 @@
 #include <errno.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,7 @@
 #include "base/fs-util.h"
 #include "base/str-util.h"
 #include "core/log.h"
+#include "netcfg/tables.h"
 #include "pelorus/api.h"
 #include "pelorus/core.h"
 #include "pelorus/files.h"
@@ -137,29 +139,29 @@ void AppendTemplate(std::string& out, std::string_view format, const char* value
 }
 
 // The forwards of one protocol, one line each. Descriptions stay in the
-// database: a line carries none.
+// database: a line carries none. An address too long for the generator's
+// buffer ends the section, as it always has.
 void AppendPortForwards(SpillBuffer& out, uint32_t vnet, bool isTCP) {
-  uint32_t cursor = 0;
-  uint16_t hostPort = 0;
-  uint16_t vmPort = 0;
-  char ip[kAddrSize];
-  for (;;) {
-    if (!PLRNetCfgEnumNATPortFwd(nullptr, vnet, isTCP, &cursor, &hostPort, ip, sizeof ip, &vmPort,
-                                 nullptr, nullptr)) {
-      return;
+  NetCfgForEachPortFwd(nullptr, vnet, isTCP, [&](const NATPortFwdEntry& forward) {
+    const std::string& ip = forward.vmIP;
+    if (ip.size() >= kAddrSize) {
+      PLOG_AS(kPortFwdEnumName, LOG_ERR, "Insufficient buffer length: %zu for IP address: %s",
+              kAddrSize, ip.c_str());
+      return false;
     }
     // "<host port> = <ip>:<vm port>", formatted by hand into one line buffer.
     char line[8 + 3 + kAddrSize + 8];
-    char* end = FormatDecimal(line, hostPort);
+    char* end = FormatDecimal(line, forward.hostPort);
     memcpy(end, " = ", 3);
     end += 3;
-    for (const char* c = ip; *c != '\0'; ++c) *end++ = *c;  // at most 15 characters
+    end = std::copy(ip.begin(), ip.end(), end);
     *end++ = ':';
-    end = FormatDecimal(end, vmPort);
+    end = FormatDecimal(end, forward.vmPort);
     *end++ = '\n';
     out.text().append(line, static_cast<size_t>(end - line));
     out.MaybeSpill();
-  }
+    return true;
+  });
 }
 
 // The whole file, written through `spill`.

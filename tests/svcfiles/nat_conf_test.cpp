@@ -73,6 +73,44 @@ TEST_F(NatConf, GeneratedFileHasTheExactTextAndReadsBackAsWritten) {
   EXPECT_EQ(List("incomingudp"), "");
 }
 
+TEST_F(NatConf, ForwardLinesFollowTheEnumerationAcrossSpills) {
+  // Enough forwards that the file is written in several spills, added and
+  // partly removed in a scattered order.
+  std::string records = VnetRecords(8, "192.168.8.0", "255.255.255.0", true);
+  for (unsigned i = 0; i < 6000; ++i) {
+    const unsigned port = 1 + (i * 7919) % 60000;
+    records += "add_nat_portfwd 8 tcp " + std::to_string(port) + " 192.168.8." +
+               std::to_string(1 + i % 254) + " " + std::to_string(65535 - i) + " d\n";
+    if (i % 5 == 0) records += "remove_nat_portfwd 8 tcp " + std::to_string(port) + "\n";
+  }
+  Load(records);
+  ASSERT_TRUE(PLRNATUpdateFromConfig(8));
+  std::string expected;
+  uint32_t cursor = 0;
+  uint16_t hostPort = 0, vmPort = 0;
+  char ip[16];
+  while (PLRNetCfgEnumNATPortFwd(nullptr, 8, true, &cursor, &hostPort, ip, sizeof ip, &vmPort,
+                                 nullptr, nullptr))
+    expected += std::to_string(hostPort) + " = " + ip + ":" + std::to_string(vmPort) + "\n";
+  EXPECT_EQ(cursor, 4800u);
+  const std::string text = ReadFile(NatConfPath(8));
+  const size_t tcp = text.find("[incomingtcp]");
+  const size_t udp = text.find("[incomingudp]");
+  ASSERT_NE(tcp, std::string::npos);
+  ASSERT_NE(udp, std::string::npos);
+  EXPECT_GT(text.size(), 2 * 64 * 1024u);
+  EXPECT_NE(text.find(expected), std::string::npos) << "the TCP lines, in enumeration order";
+  EXPECT_TRUE(text.find(expected) > tcp && text.find(expected) < udp);
+  // No UDP forwards: the walk says so as the enumeration does.
+  const std::string log = LogText();
+  const size_t empty = log.find("List of forwarded ports is empty");
+  ASSERT_NE(empty, std::string::npos);
+  const size_t lineStart = log.rfind('\n', empty) + 1;
+  EXPECT_NE(log.substr(lineStart, empty - lineStart).find("PLRNetCfgEnumNATPortFwd"),
+            std::string::npos)
+      << log.substr(lineStart, empty - lineStart);
+}
+
 TEST_F(NatConf, MissingValuesTouchNothingAndNatOffRemovesTheFiles) {
   Load("answer VNET_8_NAT yes\n");
   EXPECT_FALSE(PLRNATUpdateFromConfig(8));  // no gateway address
