@@ -315,31 +315,45 @@ bool LeasesFileExists(uint32_t vnet) {
          stat(leases, &st) == 0;
 }
 
+// The markers are recognised as a 256-byte line buffer delivers the file:
+// a longer line arrives in pieces of 255 bytes, and only a whole piece can
+// equal a marker. A marker ends with its only line break, so the text of a
+// marker found where a piece starts is that piece.
+bool StartsPiece(std::string_view content, size_t at) {
+  constexpr size_t kPiece = 255;
+  const size_t lineStart = at == 0 ? 0 : content.rfind('\n', at - 1) + 1;  // npos + 1 is 0
+  return (at - lineStart) % kPiece == 0;
+}
+
+// Where the first piece equal to `marker` starts in [from, to); npos when
+// there is none.
+size_t FindMarkerPiece(std::string_view content, std::string_view marker, size_t from, size_t to) {
+  for (size_t at = content.find(marker, from); at < to; at = content.find(marker, at + 1)) {
+    if (StartsPiece(content, at)) return at;
+  }
+  return std::string_view::npos;
+}
+
 }  // namespace
 
 DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content) {
-  // The scan sees lines as a 256-byte line buffer delivers them: a longer
-  // line arrives in pieces, and only a whole piece can equal a marker.
-  constexpr size_t kLineBuffer = 256;
   PLOG(LOG_ERR, "Trying to locate the kavix dhcp config block");
+  // The first end marker, and the last start marker before it.
+  const size_t endAt = FindMarkerPiece(content, kDhcpBlockEndMarker, 0, content.size());
+  const size_t limit = endAt == std::string_view::npos ? content.size() : endAt;
   bool startSeen = false;
   long start = 0;
-  size_t pos = 0;
-  while (pos < content.size()) {
-    size_t limit = std::min(content.size() - pos, kLineBuffer - 1);
-    size_t newline = content.substr(pos, limit).find('\n');
-    size_t length = newline == std::string_view::npos ? limit : newline + 1;
-    std::string_view piece = content.substr(pos, length);
-    pos += length;
-    if (piece == kDhcpBlockStartMarker) {
-      start = static_cast<long>(pos - kDhcpBlockStartMarker.size());
-      startSeen = true;
-      PLOG(LOG_INFO2, "Block Start identified: %li", start);
-    } else if (piece == kDhcpBlockEndMarker) {
-      if (!startSeen) break;
-      PLOG(LOG_INFO2, "Block End identified: %li", static_cast<long>(pos));
-      return {start, static_cast<long>(pos)};
-    }
+  for (size_t at = FindMarkerPiece(content, kDhcpBlockStartMarker, 0, limit);
+       at != std::string_view::npos;
+       at = FindMarkerPiece(content, kDhcpBlockStartMarker, at + 1, limit)) {
+    start = static_cast<long>(at);
+    startSeen = true;
+    PLOG(LOG_INFO2, "Block Start identified: %li", start);
+  }
+  if (endAt != std::string_view::npos && startSeen) {
+    const long end = static_cast<long>(endAt + kDhcpBlockEndMarker.size());
+    PLOG(LOG_INFO2, "Block End identified: %li", end);
+    return {start, end};
   }
   PLOG(LOG_ERR,
        "Could not locate kavix DHCP config block, creating a new config file and backing up "

@@ -1,9 +1,11 @@
 // dhcpd.conf: exact text the real server accepts, the hash-guarded block, backup and removal.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "pelorus.h"
+#include "svcfiles/svcfiles-internal.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/services_util.h"
 #include "tests/support/svcfiles_util.h"
@@ -121,6 +123,59 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedInPlaceAndAnEditedOneGivesAFreshFile) {
     EXPECT_EQ(conf, e.kept ? (at == 0 ? header : e.file.substr(0, at)) + newBlock +
                                  e.file.substr(at + block.size())
                            : header + newBlock);
+  }
+}
+
+// The block as a reader with a 256-byte line buffer finds it, one piece
+// at a time (a longer line arrives in pieces of 255 bytes): the reference
+// for the marker search.
+std::pair<long, long> LocateByPieces(std::string_view content) {
+  long start = -1;
+  for (size_t pos = 0; pos < content.size();) {
+    const size_t limit = std::min<size_t>(content.size() - pos, 255);
+    const size_t newline = content.substr(pos, limit).find('\n');
+    const std::string_view piece =
+        content.substr(pos, newline == std::string_view::npos ? limit : newline + 1);
+    if (piece == kStart) start = static_cast<long>(pos);
+    pos += piece.size();
+    if (piece == kEnd) return start < 0 ? std::pair{0L, 0L} : std::pair{start, long(pos)};
+  }
+  return {0, 0};
+}
+
+TEST(DhcpBlock, MarkerSearchFindsWhatAPieceByPieceReaderFinds) {
+  // Markers at line starts, at piece starts inside long lines and just off
+  // them, cut short, repeated and out of order.
+  std::mt19937 rng(7);
+  for (int round = 0; round < 4000; ++round) {
+    std::string text;
+    for (unsigned part = rng() % 9; part > 0; --part) {
+      switch (rng() % 7) {
+        case 0:
+          text += kStart;
+          break;
+        case 1:
+          text += kEnd;
+          break;
+        case 2:
+          text += std::string(255 * (rng() % 3) + (rng() % 2 ? 0 : rng() % 3), 'x');
+          break;
+        case 3:
+          text += "\n";
+          break;
+        case 4:
+          text += "host a {\n";
+          break;
+        case 5:
+          text += kStart.substr(0, rng() % 72);
+          break;
+        default:
+          text += kEnd.substr(rng() % 72);
+          break;
+      }
+    }
+    const DhcpBlockPos found = PLRLocateKavixDHCPBlock(text);
+    EXPECT_EQ(std::pair(found.start, found.end), LocateByPieces(text)) << text;
   }
 }
 
