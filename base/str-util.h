@@ -17,6 +17,7 @@ bool StrToUint32(const char* text, uint32_t* out);
 // locale); the journal's keywords and protocol names compare this way.
 inline bool EqualsIgnoringAsciiCase(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;
+  if (a == b) return true;  // the usual case, one comparison of the bytes
   for (size_t i = 0; i < a.size(); ++i) {
     if (a[i] == b[i]) continue;
     // Otherwise only the case bit may differ, and only between letters.
