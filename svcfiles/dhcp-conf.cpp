@@ -437,6 +437,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   out.HashFromHere(&sha);
   if (!plr::AppendBlock(__func__, out, vnet)) return trace.Exit(false);
   out.HashFromHere(nullptr);
+  // Logged under the name every block hash has always been logged under.
   std::string hash = plr::BlockHashText("PLRCalculateHashStrForBlock", sha);
   std::string_view after;
   if (keep.end != 0) {

@@ -312,6 +312,16 @@ TEST(ReplaceFile, ReplacesWithExactModeOrKeepsTheOldFileOnAnyFault) {
   std::string out = "stale";
   EXPECT_TRUE(ReadWholeFile(kFile, &out) && out.empty());
   EXPECT_FALSE(ReadWholeFile("/tmp/absent", &out));
+  // An interrupted read is retried; a failed one fails the whole read.
+  test::WriteFile(kFile, data);
+  sys::FailNth(sys::Op::kRead, 1, EINTR);
+  EXPECT_TRUE(ReadWholeFile(kFile, &out) && out == data);
+  sys::FailNth(sys::Op::kRead, 2, EIO);
+  errno = 0;
+  EXPECT_FALSE(ReadWholeFile(kFile, &out));
+  EXPECT_EQ(errno, EIO);
+  EXPECT_TRUE(out.empty());
+  sys::ClearFaults();
   EXPECT_EQ(Entries("/tmp/r"), std::set<std::string>{"networking"});
 }
 

@@ -115,7 +115,7 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
             "answer VNET_3_HOSTONLY_HOSTADDR 192.168.3.1\nanswer VNET_3_INTERFACE eth3\n"
             "answer VNET_4_HOSTONLY_HOSTADDR 10.1.2.3\nanswer VNET_4_HOSTONLY_NETMASK 255.255.0.0\n"
             "answer FOO bar\nanswer VNET_300_DHCP yes\nanswer VNET_1_BOGUS x\n"
-            "answer VNET_2_DISPLAY_NAME " +
+            "answer VNET_6_DISPLAY_NAME office\nanswer VNET_2_DISPLAY_NAME " +
                 n128 + "\nanswer VNET_2_INTERFACE " + n128 +
                 "\nanswer\nanswer VNET_1_MTU\nfrobnicate VNET_1_MTU 9\n"
                 "add_nat_portfwd 8 tcp 80 10.0.0.2 0\nadd_nat_portfwd 8 sctp 80 10.0.0.2 80\n"
@@ -125,6 +125,7 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   EXPECT_EQ(Get("VNET_3_HOSTONLY_SUBNET") + " " + Get("VNET_3_HOSTONLY_NETMASK") + " " +
                 Get("VNET_3_VIRTUAL_ADAPTER_ADDR") + " " + Get("VNET_4_HOSTONLY_SUBNET"),
             "192.168.3.0 255.255.255.0 192.168.3.1 10.1.0.0");
+  EXPECT_EQ(Get("VNET_6_DISPLAY_NAME"), "office");
   EXPECT_EQ(Mapping("eth3"), 3);
   for (const char* gone : {"VNET_3_HOSTONLY_HOSTADDR", "VNET_3_INTERFACE", "FOO", "VNET_300_DHCP",
                            "VNET_1_BOGUS", "VNET_5_DHCP", "VNET_2_DISPLAY_NAME", "VNET_1_MTU"})

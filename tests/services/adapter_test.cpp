@@ -68,6 +68,7 @@ TEST_F(AdapterTest, StatusAndSystemCallFailures) {
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_ABSENT);
   ASSERT_EQ(test::Run("ip link add kavix1 type veth peer name p1"), 0);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_DOWN);
+  EXPECT_EQ(PLRAdapterStatus("p1"), PLR_ADAPTER_DOWN) << "a short name is listed after blanks";
   ASSERT_EQ(test::Run("ip link set kavix1 up"), 0);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_UP);
   for (const char* other : {"Kavix1", "kavix", "kavix12", "avix1", ""})

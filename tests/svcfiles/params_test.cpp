@@ -67,6 +67,8 @@ TEST_F(Params, AddressDefaultsFollowTheSubnet) {
   ASSERT_TRUE(PLRRemoveVnetSubnetMask(8));
   EXPECT_EQ(Get(PLR_DHCP_PARAM_LEASE_END_IP, kDefault), "FAILED");
   EXPECT_EQ(Get(PLR_NAT_PARAM_GATEWAY_NETMASK, kOrDefault), "FAILED");
+  ASSERT_TRUE(PLRSetVnetSubnetMask(8, "255.255.255.0") && PLRRemoveVnetSubnetAddr(8));
+  EXPECT_EQ(Get(PLR_DHCP_PARAM_BROADCAST_ADDR, kDefault), "FAILED") << "no subnet address";
   EXPECT_EQ(Get(PLR_DHCP_PARAM_DOMAIN_NAME, kDefault), "localdomain");  // needs no subnet
 }
 
