@@ -395,6 +395,12 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     return trace.Exit(false);
   }
 
+  // The one line for every way the new file cannot be had, errno its reason.
+  auto cannotCreate = [&path, function = __func__] {
+    PLOG_AS(function, LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
+            strerror(errno));
+    return false;
+  };
   std::string old;
   plr::DhcpBlockPos keep;
   bool created = false;
@@ -407,9 +413,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     created = true;
   } else {
     // An unreadable file is never overwritten: its text could not be saved.
-    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
-         strerror(errno));
-    return trace.Exit(false);
+    return trace.Exit(cannotCreate());
   }
   // Undo: a file this call created does not outlive its failure.
   plr::ScopeExit removeCreated([&] {
@@ -422,9 +426,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   // generated part through one spill buffer that hashes the block on its way.
   plr::PendingFile file;
   if (!file.Create(path, 0644)) {
-    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
-         strerror(errno));
-    return trace.Exit(false);
+    return trace.Exit(cannotCreate());
   }
   plr::SpillBuffer out(file.fd());
   if (keep.start != 0) {
@@ -445,9 +447,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     after = std::string_view(old).substr(static_cast<size_t>(keep.end));
   }
   if (!out.Flush() || !plr::sys::WriteAll(file.fd(), after.data(), after.size())) {
-    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
-         strerror(errno));
-    return trace.Exit(false);
+    return trace.Exit(cannotCreate());
   }
 
   // The leases file comes before the rename, so that a failure leaves the
@@ -471,9 +471,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
       PLOG(LOG_ERR, "Cannot restore DHCP Config File, %s, error: %s", path, strerror(errno));
   });
   if (!file.Sync() || !file.Commit()) {
-    PLOG(LOG_ERR, "Cannot create DHCP Config File, %s, because of  error: %s", path,
-         strerror(errno));
-    return trace.Exit(false);
+    return trace.Exit(cannotCreate());
   }
   if (!PLRSetVnetCfg(vnet, plr::kDhcpCfgHashKey, hash.c_str())) {
     PLOG(LOG_ERR, "Could not set DHCP config hash in vnet config");
