@@ -16,10 +16,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "base/chain-table.h"
 #include "base/fd-util.h"
 #include "base/file-lock.h"
 #include "base/fs-util.h"
@@ -86,11 +86,14 @@ struct NATPortFwdEntry {
 };
 static_assert(sizeof(NATPortFwdEntry) == 8 + 2 * sizeof(std::string));
 
+// The forwards of one protocol of one vnet, keyed by host port.
+using NATPortFwdTable = ChainTable<uint16_t, NATPortFwdEntry, std::hash<uint16_t>>;
+
 // One protocol of one vnet: the table keyed by host port, and the array that
 // enumeration walks. The array is built on demand and discarded by every add
 // or remove on this protocol, so the order stays stable between changes.
 struct NATPortFwdGroup {
-  std::unique_ptr<std::unordered_map<uint16_t, NATPortFwdEntry>> table;
+  std::unique_ptr<NATPortFwdTable> table;
   std::vector<const NATPortFwdEntry*> array;
   bool arrayValid = false;
 };
@@ -135,7 +138,7 @@ struct NetCfgMacHash {
 // DHCP mappings of one vnet, keyed by the standardised MAC; the value is the
 // IP address. The array caches the enumeration order like the port forwards.
 struct DhcpVnetTable {
-  using Table = std::unordered_map<NetCfgMacKey, std::string, NetCfgMacHash, std::equal_to<>>;
+  using Table = ChainTable<NetCfgMacKey, std::string, NetCfgMacHash>;
   Table table;
   std::vector<const Table::value_type*> array;
   bool arrayValid = false;

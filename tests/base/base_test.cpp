@@ -9,8 +9,11 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
+#include "base/chain-table.h"
 #include "base/config-file.h"
 #include "base/fd-util.h"
 #include "base/file-lock.h"
@@ -215,6 +218,67 @@ TEST(TextTable, AgreesWithAMapAndKeepsTextsInPlace) {
   for (const auto& [text, value] : handedOut) ASSERT_STREQ(text, value.c_str());
   EXPECT_EQ(table.Find("absent"), nullptr);
   EXPECT_FALSE(table.Erase("absent"));
+}
+
+// Random inserts and erases (by key and by position) applied to a chain
+// table and to the standard map with the same hash: after every step the
+// two hold the same entries in the same order, which is the order files are
+// generated in. Small integer keys and text keys with full 64-bit hashes go
+// through bucket counts up to a few thousand.
+template <class Key, class Hash, class MakeKey>
+void ExpectSameOrderAsTheStandardMap(MakeKey makeKey) {
+  ChainTable<Key, int, Hash> table;
+  std::unordered_map<Key, int, Hash, std::equal_to<>> model;
+  unsigned seed = 7;
+  auto next = [&] { return seed = seed * 1103515245u + 12345u, (seed >> 8) & 0xffffu; };
+  for (int step = 0; step < 12000; ++step) {
+    // Grow for most of the run, then shrink, so erases meet every shape.
+    const bool growing = step < 8000;
+    const Key key = makeKey(next() % 3000);
+    const unsigned action = next() % 10;
+    if (action < (growing ? 6u : 2u)) {
+      auto [it, inserted] = table.try_emplace(key, step);
+      auto [modelIt, modelInserted] = model.try_emplace(key, step);
+      ASSERT_EQ(inserted, modelInserted);
+      EXPECT_EQ(it->second, modelIt->second);
+    } else if (action < 8) {
+      ASSERT_EQ(table.erase(key), model.erase(key));
+    } else {
+      auto it = table.find(key);
+      auto modelIt = model.find(key);
+      ASSERT_EQ(it == table.end(), modelIt == model.end());
+      if (it != table.end()) {
+        EXPECT_EQ(table.at(key), modelIt->second);
+        table.erase(it);
+        model.erase(modelIt);
+      }
+    }
+    ASSERT_EQ(table.size(), model.size());
+    if (step % 97 != 0 && step < 11900) continue;  // the order, now and then and at the end
+    auto modelIt = model.begin();
+    for (const auto& [k, v] : table) {
+      ASSERT_TRUE(k == modelIt->first) << "step " << step;
+      ASSERT_EQ(v, modelIt->second);
+      ++modelIt;
+    }
+  }
+  EXPECT_EQ(table.find(makeKey(99999)), table.end());
+  EXPECT_THROW(table.at(makeKey(99999)), std::out_of_range);
+}
+
+struct TextKeyHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+
+TEST(ChainTable, IteratesInTheStandardMapsOrder) {
+  ExpectSameOrderAsTheStandardMap<uint16_t, std::hash<uint16_t>>(
+      [](unsigned n) { return static_cast<uint16_t>(n * 37); });
+  ExpectSameOrderAsTheStandardMap<std::string, TextKeyHash>(
+      [](unsigned n) { return "02:00:00:" + std::to_string(n); });
+  ChainTable<std::string, int, TextKeyHash> table;
+  table.try_emplace(std::string("key"), 1);
+  EXPECT_EQ(table.find(std::string_view("key"))->second, 1);  // looked up by a view
 }
 
 // Published vectors and sizes around the padding boundaries (a tail of 55
