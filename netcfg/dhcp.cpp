@@ -70,6 +70,31 @@ struct DhcpKind {
 };
 
 }  // namespace
+const NetCfgDhcpArray* NetCfgDhcpInOrder(PLRNetworkConfigurationDB* db, uint32_t vnet) {
+  const char* function = kDhcpEnumName;
+  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, function);
+  if (cache == nullptr) return nullptr;
+  if (vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) {
+    PLOG_AS(function, LOG_ERR, "List of mappings is empty");
+    return nullptr;
+  }
+  DhcpVnetTable& table = *cache->dhcp[vnet];
+  if (table.arrayValid) return &table.array;
+  const bool built = NetCfgGuarded(function, [&] {
+    table.array.clear();
+    table.array.reserve(table.table.size());
+    for (const auto& node : table.table) table.array.push_back(&node);
+    return true;
+  });
+  if (!built) {
+    PLOG_AS(function, LOG_ERR, "Failure in creating array of DHCP mappings");
+    return nullptr;
+  }
+  table.arrayValid = true;
+  PLOG_AS(function, LOG_INFO2, "Created array of DHCP mappings");
+  return &table.array;
+}
+
 }  // namespace plr
 
 using namespace plr;
@@ -143,35 +168,19 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
 bool PLRNetCfgEnumDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, uint32_t* cursor,
                               char* macBuffer, size_t macBufferSize, char* ipBuffer,
                               size_t ipBufferSize) {
-  PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
-  if (cache == nullptr || cursor == nullptr) return false;
-  if (vnet >= PLR_MAX_VNETS || !cache->dhcp[vnet]) {
-    PLOG(LOG_ERR, "List of mappings is empty");
+  if (cursor == nullptr) {
+    NetCfgCacheFor(db, __func__);  // says so when nothing is loaded
     return false;
   }
-  DhcpVnetTable& table = *cache->dhcp[vnet];
-  if (!table.arrayValid) {
-    bool built = NetCfgGuarded(__func__, [&] {
-      table.array.clear();
-      table.array.reserve(table.table.size());
-      for (const auto& node : table.table) table.array.push_back(&node);
-      return true;
-    });
-    if (!built) {
-      PLOG(LOG_ERR, "Failure in creating array of DHCP mappings");
-      return false;
-    }
-    table.arrayValid = true;
-    PLOG(LOG_INFO2, "Created array of DHCP mappings");
-  }
-  if (*cursor >= table.array.size()) {
+  const NetCfgDhcpArray* array = NetCfgDhcpInOrder(db, vnet);
+  if (array == nullptr) return false;
+  if (*cursor >= array->size()) {
     PLOG(LOG_INFO2, "No mappings to enumerate");
     return false;
   }
-  const auto& [key, ip] = *table.array[*cursor];
-  NetCfgPrefetchAhead(table.array, *cursor);
-  const std::string_view mac = key.view();
-  if (!NetCfgCopyOut(mac, macBuffer, macBufferSize)) {
+  const auto& [key, ip] = *(*array)[*cursor];
+  NetCfgPrefetchAhead(*array, *cursor);
+  if (!NetCfgCopyOut(key.view(), macBuffer, macBufferSize)) {
     PLOG(LOG_ERR, "Insufficient buffer size: %zu for MAC address: %s", macBufferSize, key.c_str());
     return false;
   }

@@ -192,6 +192,30 @@ bool NetCfgForEachPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isT
   return true;
 }
 
+// The DHCP mappings of a vnet in the order the cursor of
+// PLRNetCfgEnumDHCPMACToIP hands them out, the array built on demand; null
+// when there are none. It logs as that enumeration does, under its name.
+inline constexpr char kDhcpEnumName[] = "PLRNetCfgEnumDHCPMACToIP";
+using NetCfgDhcpArray = std::vector<const DhcpVnetTable::Table::value_type*>;
+const NetCfgDhcpArray* NetCfgDhcpInOrder(PLRNetworkConfigurationDB* db, uint32_t vnet);
+
+// The same walk for a caller that needs no cursor: `visit(mac, ip)` for
+// each mapping, in order, until it returns false; a walk that reaches the
+// end ends with the enumeration's last log line. False when there are none
+// or `visit` stopped the walk. `visit` must not change the mappings.
+template <class Visit>
+bool NetCfgForEachDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, Visit visit) {
+  const NetCfgDhcpArray* array = NetCfgDhcpInOrder(db, vnet);
+  if (array == nullptr) return false;
+  for (size_t i = 0; i < array->size(); ++i) {
+    NetCfgPrefetchAhead(*array, i);
+    const auto& [mac, ip] = *(*array)[i];
+    if (!visit(mac.view(), std::string_view(ip))) return false;
+  }
+  PLOG_AS(kDhcpEnumName, LOG_INFO2, "No mappings to enumerate");
+  return true;
+}
+
 // Port forwards. Insert replaces an entry with the same key (logging that it
 // does) and discards the group's enumeration array.
 const NATPortFwdEntry* NetCfgFindPortFwd(const PLRNetworkConfigurationDB* db, uint32_t vnet,

@@ -23,6 +23,7 @@
 #include "base/str-util.h"
 #include "base/sys-util.h"
 #include "core/log.h"
+#include "netcfg/tables.h"
 #include "pelorus/core.h"
 #include "pelorus/files.h"
 #include "pelorus/netcfg.h"
@@ -36,7 +37,6 @@ namespace {
 constexpr size_t kAddrSize = 16;
 constexpr size_t kTimeSize = 10;
 constexpr size_t kDomainSize = 64;
-constexpr size_t kMacSize = 18;
 // Bytes of the stored and computed hash texts that must agree.
 constexpr size_t kHashCompareLength = 20;
 
@@ -206,18 +206,22 @@ bool AppendHostAdapterEntry(const char* function, std::string& out, uint32_t vne
 
 // One host entry per static MAC-to-IP mapping, in the database's order. The
 // entries differ only in their heads; their common tail is formatted once.
+// An address too long for the generator's buffer ends the list, as it
+// always has.
 void AppendStaticMappings(SpillBuffer& out, uint32_t vnet, const SubnetValues& v) {
   std::string natOptions;
   if (v.nat) AppendNatOptions(natOptions, v);
   const std::string tail = HostEntryTail(v.dns, v.domain, natOptions);
-  uint32_t cursor = 0;
-  char mac[kMacSize];
-  char ip[kAddrSize];
-  while (PLRNetCfgEnumDHCPMACToIP(nullptr, vnet, &cursor, mac, sizeof mac, ip, sizeof ip)) {
-    const std::string_view address(ip);
-    AppendHostEntry(out.text(), address, mac, address, tail);
+  NetCfgForEachDhcp(nullptr, vnet, [&](std::string_view mac, std::string_view ip) {
+    if (ip.size() >= kAddrSize) {
+      PLOG_AS(kDhcpEnumName, LOG_ERR, "Insufficient buffer size: %zu for IP address: %s", kAddrSize,
+              std::string(ip).c_str());
+      return false;
+    }
+    AppendHostEntry(out.text(), ip, mac, ip, tail);
     out.MaybeSpill();
-  }
+    return true;
+  });
 }
 
 // The protected block from its start marker to its end marker.

@@ -3,6 +3,7 @@
 
 #include <random>
 #include <string>
+#include <vector>
 
 #include "pelorus.h"
 #include "svcfiles/svcfiles-internal.h"
@@ -124,6 +125,61 @@ TEST_F(DhcpConf, UntouchedBlockIsReplacedInPlaceAndAnEditedOneGivesAFreshFile) {
                                  e.file.substr(at + block.size())
                            : header + newBlock);
   }
+}
+
+// Host entries follow the cursor enumeration of the mappings, across several
+// spills of the writer, and stop where it stops: at an address the scan
+// accepts (blanks before it) that is too long for the generator's buffer,
+// with the enumeration's line under its name.
+TEST_F(DhcpConf, HostEntriesFollowTheEnumerationAndStopWhereItStops) {
+  std::string records = kNatVnet;
+  for (unsigned i = 0; i < 3000; ++i) {
+    char mac[18];
+    snprintf(mac, sizeof mac, "02:00:00:%02X:%02X:%02X", i % 7, (i * 37) % 256, i / 256);
+    records += std::string("add_dhcp_mac_to_ip 8 ") + mac + " 192.168.8." +
+               std::to_string(1 + i % 250) + "\n";
+    if (i % 4 == 0) records += std::string("remove_dhcp_mac_to_ip 8 ") + mac + "\n";
+  }
+  Load(records);
+  auto enumerate = [](size_t ipSize) {
+    std::vector<std::string> macs;
+    uint32_t cursor = 0;
+    char mac[18], ip[32];
+    while (PLRNetCfgEnumDHCPMACToIP(nullptr, 8, &cursor, mac, sizeof mac, ip, ipSize))
+      macs.push_back(mac);
+    return macs;
+  };
+  auto hostsInFile = [] {
+    std::vector<std::string> macs;
+    const std::string text = ReadFile(DhcpConfPath(8));
+    const std::string tag = "hardware ethernet ";
+    for (size_t at = text.find(tag); at != std::string::npos; at = text.find(tag, at + 1))
+      macs.push_back(text.substr(at + tag.size(), 17));
+    if (!macs.empty()) macs.erase(macs.begin());  // the host adapter's own entry
+    return macs;
+  };
+  ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
+  EXPECT_GT(ReadFile(DhcpConfPath(8)).size(), 3 * 64 * 1024u);
+  std::vector<std::string> listed = enumerate(16);
+  ASSERT_EQ(listed.size(), 2251u);  // 2,250 left of the 3,000, and the one of kNatVnet
+  EXPECT_EQ(hostsInFile(), listed);
+
+  const std::string middle = listed[listed.size() / 2];
+  const std::string tooLong = "    192.168.8.99";  // 16 characters with the blanks
+  ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(nullptr, 8, middle.c_str(), tooLong.c_str(), false));
+  listed = enumerate(16);
+  ASSERT_GT(listed.size(), 0u);
+  ASSERT_LT(listed.size(), 2251u);
+  EXPECT_EQ(enumerate(17).size(), 2251u) << "a larger buffer lists them all";
+  ASSERT_TRUE(PLRDHCPWriteDHCPCfg(8));
+  EXPECT_EQ(hostsInFile(), listed);
+  const std::string log = LogText();
+  const std::string line = "Insufficient buffer size: 16 for IP address: " + tooLong;
+  const size_t found = log.rfind(line);
+  ASSERT_NE(found, std::string::npos);
+  const size_t lineStart = log.rfind('\n', found) + 1;
+  EXPECT_NE(log.substr(lineStart, found - lineStart).find("PLRNetCfgEnumDHCPMACToIP"),
+            std::string::npos);
 }
 
 // The block as a reader with a 256-byte line buffer finds it, one piece
