@@ -10,6 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <array>
 #include <string>
 
 #include "core/log.h"
@@ -35,8 +36,22 @@ int ScanIPv4(const char* text, unsigned (&v)[4]) {
   return sscanf(text, "%3u.%3u.%3u.%3u%c", &v[0], &v[1], &v[2], &v[3], &trailing);
 }
 
-bool IsHexDigit(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+// 1 for the bytes that are hexadecimal digits.
+constexpr auto kHexDigit = [] {
+  std::array<uint8_t, 256> table{};
+  for (unsigned c = 0; c < 256; ++c)
+    table[c] = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
+  return table;
+}();
+
+// Six pairs of hexadecimal digits with a colon between pairs, 17 bytes.
+bool HasStandardMACShape(std::string_view text) {
+  if (text.size() != 17) return false;
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  unsigned shaped = 1;
+  for (size_t i = 0; i < 17; i += 3) shaped &= kHexDigit[p[i]] & kHexDigit[p[i + 1]];
+  for (size_t i = 2; i < 17; i += 3) shaped &= p[i] == ':';
+  return shaped != 0;
 }
 
 // Text with anything besides digits and dots, checked by the scan itself
@@ -74,13 +89,11 @@ bool IsValidIPText(std::string_view text) {
 // between colons) differs from its standard form at most in letter case;
 // every other form goes through PLRMACStandardizeFormat.
 bool StandardizeMACText(std::string_view text, char out[18]) {
-  bool shaped = text.size() == 17;
-  for (size_t i = 0; shaped && i < 17; ++i)
-    shaped = (i % 3 == 2) ? text[i] == ':' : IsHexDigit(text[i]);
-  if (shaped) {
+  if (HasStandardMACShape(text)) {
+    // Only digits, colons and letters a-f/A-F are here; the lower-case
+    // letters are the only bytes from 'a' up.
     for (size_t i = 0; i < 17; ++i)
-      out[i] =
-          (text[i] >= 'a' && text[i] <= 'f') ? static_cast<char>(text[i] - 'a' + 'A') : text[i];
+      out[i] = static_cast<char>(text[i] >= 'a' ? text[i] - ('a' - 'A') : text[i]);
     out[17] = '\0';
     return true;
   }

@@ -79,13 +79,15 @@ TEST(AddressText, JournalAddressesAndKeywordCase) {
   // other shapes take the long way; the rest is refused.
   for (auto [text, standard] : {std::pair{"02:7a:3E:00:0f:ab", "02:7A:3E:00:0F:AB"},
                                 {"2:7a:3e:0:f:ab", "02:7A:3E:00:0F:AB"},
-                                {"02:7a:3e:00:0f:a", "02:7A:3E:00:0F:0A"}}) {
+                                {"02:7a:3e:00:0f:a", "02:7A:3E:00:0F:0A"},
+                                {"AB:CD:EF:01:23:9f", "AB:CD:EF:01:23:9F"}}) {
     char out[18] = "";
     EXPECT_TRUE(StandardizeMACText(text, out)) << text;
     EXPECT_STREQ(out, standard);
   }
   for (std::string_view text :
-       {std::string_view("02:7a:3e:00:0f:ag"), std::string_view("02-7a-3e-00-0f-ab"),
+       {std::string_view("02:7a:3e:00:0f:ag"), std::string_view("g2:7a:3e:00:0f:ab"),
+        std::string_view("02:7a:3e:00;0f:ab"), std::string_view("02-7a-3e-00-0f-ab"),
         std::string_view("02:7a:3e:00:0f:ab\0", 18), std::string_view("")}) {
     char out[18] = "";
     EXPECT_FALSE(StandardizeMACText(text, out)) << text;
