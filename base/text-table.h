@@ -71,13 +71,17 @@ class TextTable {
   // Returns the entry and whether it is new. Throws std::bad_alloc.
   std::pair<Entry*, bool> Put(std::string_view key, std::string_view value) {
     const uint32_t hash = static_cast<uint32_t>(HashText(key));
-    const size_t found = FindSlot(key, hash);
+    size_t freeSlot = kNone;
+    const size_t found = FindSlot(key, hash, &freeSlot);
     if (found != kNone) {
       Entry& entry = entries_[slots_[found].index - 1];
       SetValue(entry, value);
       return {&entry, false};
     }
-    if ((entries_.size() + 1) * 4 > slots_.size() * 3) Grow();
+    if ((entries_.size() + 1) * 4 > slots_.size() * 3) {
+      Grow();
+      freeSlot = kNone;  // the slots moved
+    }
     Entry entry{};
     const std::string_view storedKey = arena_.Store(key);
     entry.keyText = storedKey.data();
@@ -85,7 +89,11 @@ class TextTable {
     entry.hash = hash;
     SetValue(entry, value);
     entries_.push_back(entry);
-    Place(hash, static_cast<uint32_t>(entries_.size()));
+    const auto index = static_cast<uint32_t>(entries_.size());
+    if (freeSlot != kNone)
+      slots_[freeSlot] = Slot{hash, index};
+    else
+      Place(hash, index);
     return {&entries_.back(), true};
   }
 
@@ -145,12 +153,17 @@ class TextTable {
     entry.valueSize = static_cast<uint32_t>(stored.size());
   }
 
-  size_t FindSlot(std::string_view key, uint32_t hash) const {
+  // The slot of `key`, or kNone; then `*freeSlot` (when given) is the free
+  // slot where the key would go, or kNone when there are no slots.
+  size_t FindSlot(std::string_view key, uint32_t hash, size_t* freeSlot = nullptr) const {
     if (slots_.empty()) return kNone;
     const size_t mask = slots_.size() - 1;
     for (size_t slot = hash & mask;; slot = (slot + 1) & mask) {
       const Slot& s = slots_[slot];
-      if (s.index == 0) return kNone;
+      if (s.index == 0) {
+        if (freeSlot != nullptr) *freeSlot = slot;
+        return kNone;
+      }
       if (s.hash != hash) continue;
       const Entry& entry = entries_[s.index - 1];
       if (entry.keySize == key.size() && memcmp(entry.keyText, key.data(), key.size()) == 0)
