@@ -120,9 +120,12 @@ class NetCfgMacKey {
   std::string_view view() const { return {text_, kSize}; }
   const char* c_str() const { return text_; }
   size_t hash() const { return hash_; }
-  friend bool operator==(const NetCfgMacKey& a, std::string_view b) { return a.view() == b; }
+  friend bool operator==(const NetCfgMacKey& a, std::string_view b) {
+    return b.size() == kSize && memcmp(a.text_, b.data(), kSize) == 0;
+  }
+  // Two keys differ by their hashes, nearly always.
   friend bool operator==(const NetCfgMacKey& a, const NetCfgMacKey& b) {
-    return a.view() == b.view();
+    return a.hash_ == b.hash_ && memcmp(a.text_, b.text_, kSize) == 0;
   }
 
  private:

@@ -270,7 +270,10 @@ static void NetCfgParseRecordLine(PLRNetworkConfigurationDB* db, std::string_vie
     return;
   }
   for (const Keyword& entry : kKeywords) {
-    if (!EqualsIgnoringAsciiCase(keyword, entry.text)) continue;
+    // Length and last letter tell the keywords apart; the comparison confirms.
+    if (keyword.size() != entry.text.size() || (keyword.back() | 0x20) != entry.text.back() ||
+        !EqualsIgnoringAsciiCase(keyword, entry.text))
+      continue;
     if (!entry.parse(db, entry.type, fields)) {
       std::string_view rest =
           line.substr(std::min(line.size(), keyword.data() - line.data() + keyword.size() + 1));

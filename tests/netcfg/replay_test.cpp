@@ -49,9 +49,10 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
       "add_dhcp_mac_to_ip 8 02:7a:3e:2a:10:01 192.168.120.130\n"
       "add_dhcp_mac_to_ip 8 02:7a:3e:2a:10:02 192.168.120.131\n"
       "remove_dhcp_mac_to_ip 8 02:7A:3E:2A:10:02 anything after the mac\n"
-      "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 -1\nadd_bridge_mapping eth2 5\n"
+      "ADD_BRIDGE_MAPPING eth0 0\nadd_bridge_mapping eth1 -1\nadd_bridge_mapping eth2 5\n"
       "remove_bridge_mapping eth2\nadd_nat_prefix 8 fd00:1::/64\nadd_nat_prefix 8 fd00:2::/64\n"
-      "remove_nat_prefix 8 fd00:2::/64\nadd_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
+      "Remove_Nat_PrefiX 8 fd00:2::/64\nxdd_bridge_mapping eth9 1\n"
+      "add_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
       a127 + "\nadd_nat_portfwd 1 tcp 2 10.0.0.2 2 " + a127 + "b\nanswer LONG " + x1019 +
       "\nanswer FITS " + y1011 + "\nunknown_keyword is ignored\n");  // a 1031 and a 1023 line
   PLRNetworkConfigurationDB* db = LoadCache();
