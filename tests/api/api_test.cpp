@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kSeed =
     "answer VNET_1_HOSTONLY_SUBNET 192.168.1.0\nanswer VNET_1_HOSTONLY_NETMASK 255.255.255.0\n"
     "answer VNET_1_DISPLAY_NAME Lab network\nanswer VNET_1_DHCP yes\nanswer VNET_1_NAT yes\n"
-    "answer VNET_1_MTU 1500\n";
+    "answer VNET_1_MTU 1500\nanswer VNET_4_VIRTUAL_ADAPTER yes\n";
 
 // Whether VNET_<vnet>_<key> reads `want` ("<absent>") after a fresh load of the file.
 bool Is(uint32_t vnet, const std::string& key, const std::string& want) {
@@ -73,6 +73,8 @@ const Call kWriters[] = {
     CALL(PLR_UpdateNATFromConfig, ("kavix1"), FileExists("/etc/tarsis/kavix1/nat/nat.conf")),
     // No adapter configured: the update retires nothing and succeeds.
     CALL(PLR_UpdateAdapterFromConfig, ("kavix2"), Is(2, "VIRTUAL_ADAPTER", "<absent>")),
+    // Configured but absent (no such device here): nothing to update, success.
+    CALL(PLR_UpdateAdapterFromConfig, ("kavix4"), Is(4, "VIRTUAL_ADAPTER", "yes")),
 };
 
 class ApiLayer : public LoadedLibraryTest {
@@ -117,7 +119,9 @@ TEST_F(ApiLayer, BadArgumentsAreRefused) {
           PLR_SetDHCPIPToMAC(v, "192.168.1.9", "00:50:56:01:02") ||
           (gLen = 15, PLR_GetDHCPIPToMAC(v, gBuf, &gLen, "00:50:56:01:02:03")) ||
           (gLen = 16, gOffset = 0, PLR_EnumDHCPIPToMAC(v, &gOffset, gBuf, &gLen, gBuf, nullptr)) ||
-          (gLen = 16, gLen2 = 17, PLR_EnumDHCPIPToMAC(v, &gOffset, gBuf, &gLen, gBuf, &gLen2)),
+          (gLen = 16, gLen2 = 17, PLR_EnumDHCPIPToMAC(v, &gOffset, gBuf, &gLen, gBuf, &gLen2)) ||
+          (gLen = 16, gLen2 = 18, gOffset = 0,
+           PLR_EnumDHCPIPToMAC("kavix256", &gOffset, gBuf, &gLen, gBuf + 32, &gLen2)),
       PLR_SetNATPortForward(v, true, 0, "192.168.1.9", 80, nullptr, 0) ||
           PLR_SetNATPortForward(v, true, 8080, "192.168.1", 80, nullptr, 0) ||
           PLR_SetNATPortForward(v, false, 8080, "192.168.1.9", 0, nullptr, 0) ||

@@ -45,6 +45,8 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
       "answer GONE x\nRemove_Answer GONE\n"
       "add_nat_portfwd 8 TCP 443 192.168.120.128 443 web server\n"
       "add_nat_portfwd 8 udp 53 192.168.120.128 53\nadd_nat_portfwd 8 udp 54 192.168.120.128 54\n"
+      "add_nat_portfwd 255 udp 7 10.0.0.9 7\nadd_dhcp_mac_to_ip 255 02:7a:3e:2a:10:09 10.0.0.9\n"
+      "add_nat_prefix 255 fd00:9::/64\n"
       "remove_nat_portfwd 8 udp 54\n"
       "add_dhcp_mac_to_ip 8 02:7a:3e:2a:10:01 192.168.120.130\n"
       "add_dhcp_mac_to_ip 8 02:7a:3e:2a:10:02 192.168.120.131\n"
@@ -59,12 +61,14 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
   ASSERT_NE(db, nullptr);
   EXPECT_EQ(StateOf(db),
             "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 -1\n"
+            "add_dhcp_mac_to_ip 255 02:7A:3E:2A:10:09 10.0.0.9\n"
             "add_dhcp_mac_to_ip 8 02:7A:3E:2A:10:01 192.168.120.130\n"
             "add_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
                 a127 +
-                "\nadd_nat_portfwd 1 tcp 2 10.0.0.2 2\n"
+                "\nadd_nat_portfwd 1 tcp 2 10.0.0.2 2\nadd_nat_portfwd 255 udp 7 10.0.0.9 7\n"
                 "add_nat_portfwd 8 tcp 443 192.168.120.128 443 web server\n"
-                "add_nat_portfwd 8 udp 53 192.168.120.128 53\nadd_nat_prefix 8 fd00:1::/64\n"
+                "add_nat_portfwd 8 udp 53 192.168.120.128 53\nadd_nat_prefix 255 fd00:9::/64\n"
+                "add_nat_prefix 8 fd00:1::/64\n"
                 "answer FITS " +
                 y1011 + "\nanswer VNET_1_DHCP yes\nanswer VNET_1_DISPLAY_NAME my net\n");
   PLRNetCfgUnload(&db, false);

@@ -161,6 +161,23 @@ TEST_F(Params, UnsetValuesFallBackOnlyWhenAskedAndRemovalRestoresTheDefault) {
 
 // Removing a whole configuration forgets parameters, hash and records; the gateway lines go
 // only where NAT makes them the vnet's own.
+// Static mappings set directly: an address that is not one is refused with its line and
+// leaves the mapping as it was; a NULL address removes the mapping.
+TEST_F(Params, StaticMappingSetterChecksTheAddressAndRemovesByNull) {
+  LoadVnet("255.255.255.0", false, "add_dhcp_mac_to_ip 8 00:50:56:3F:00:10 192.168.8.10\n");
+  auto mapped = [] {
+    char ip[16];
+    return PLRDHCPGetIPToMAC(8, ip, sizeof ip, "00:50:56:3f:00:10") ? std::string(ip) : "none";
+  };
+  EXPECT_FALSE(PLRDHCPSetIPToMAC(8, "192.168.8.999", "00:50:56:3F:00:10"));
+  EXPECT_TRUE(LogHas("IP address: 192.168.8.999 is not valid"));
+  EXPECT_EQ(mapped(), "192.168.8.10");
+  EXPECT_TRUE(PLRDHCPSetIPToMAC(8, "192.168.8.20", "00:50:56:3F:00:10"));
+  EXPECT_EQ(mapped(), "192.168.8.20");
+  EXPECT_TRUE(PLRDHCPSetIPToMAC(8, nullptr, "00:50:56:3F:00:10"));
+  EXPECT_EQ(mapped(), "none");
+}
+
 TEST_F(Params, RemoveConfigForgetsEverything) {
   LoadVnet(
       "255.255.255.0", false,
