@@ -7,10 +7,11 @@
 //
 // What it does differently is cost: the bucket of a hash code is found by
 // multiplying with the reciprocal of the bucket count instead of dividing
-// (a chain walk asks it for every node it passes), and a lookup may use any
-// type the hash and the equality accept (a view of the key text). A node is
-// the map's node, so memory stays what it was. Only unique keys; nodes stay
-// where they are until erased.
+// (a chain walk asks it for every node it passes), a table keeps its nodes
+// in chunks of its own (NodePool), and a lookup may use any type the hash
+// and the equality accept (a view of the key text). A node holds what the
+// map's node holds, the link and the entry, no more. Only unique keys;
+// nodes stay where they are until erased.
 #pragma once
 
 #include <stddef.h>
