@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -279,6 +280,32 @@ TEST(ChainTable, IteratesInTheStandardMapsOrder) {
   ChainTable<std::string, int, TextKeyHash> table;
   table.try_emplace(std::string("key"), 1);
   EXPECT_EQ(table.find(std::string_view("key"))->second, 1);  // looked up by a view
+}
+
+// A value whose construction throws leaves the table as it was, and the
+// room taken for it serves the next insert.
+TEST(ChainTable, AThrowingInsertLeavesTheTableAsItWas) {
+  struct Value {
+    explicit Value(int v) : v(v) {
+      if (v < 0) throw std::runtime_error("refused");
+    }
+    int v;
+  };
+  ChainTable<uint16_t, Value, std::hash<uint16_t>> table;
+  auto order = [&] {
+    std::string out;
+    for (const auto& [k, value] : table)
+      out += std::to_string(k) + "=" + std::to_string(value.v) + " ";
+    return out;
+  };
+  for (uint16_t k = 0; k < 40; ++k) table.try_emplace(k, k * 2);
+  const std::string before = order();
+  for (uint16_t k = 100; k < 140; ++k) EXPECT_THROW(table.try_emplace(k, -1), std::runtime_error);
+  EXPECT_EQ(table.size(), 40u);
+  EXPECT_EQ(order(), before);
+  EXPECT_EQ(table.find(uint16_t{100}), table.end());
+  for (uint16_t k = 100; k < 140; ++k) EXPECT_TRUE(table.try_emplace(k, 1).second);
+  EXPECT_EQ(table.size(), 80u);
 }
 
 // Published vectors and sizes around the padding boundaries (a tail of 55
