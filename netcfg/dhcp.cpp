@@ -70,6 +70,7 @@ struct DhcpKind {
 };
 
 }  // namespace
+
 const NetCfgDhcpArray* NetCfgDhcpInOrder(PLRNetworkConfigurationDB* db, uint32_t vnet) {
   const char* function = kDhcpEnumName;
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, function);

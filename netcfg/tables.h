@@ -165,6 +165,17 @@ inline void NetCfgPrefetchAhead(const std::vector<T*>& array, size_t cursor) {
   __builtin_prefetch(entry + sizeof(T) - 1);
 }
 
+// Visits the entries of a cursor's array in order, each asked for early as
+// above; false when `visit` stopped the walk.
+template <class T, class Visit>
+bool NetCfgWalkInOrder(const std::vector<T*>& array, Visit visit) {
+  for (size_t i = 0; i < array.size(); ++i) {
+    NetCfgPrefetchAhead(array, i);
+    if (!visit(*array[i])) return false;
+  }
+  return true;
+}
+
 // Copies `text` with its terminator into the caller's `buf` of `size` bytes
 // when it fits; false (and nothing copied) when it does not or `buf` is null.
 bool NetCfgCopyOut(std::string_view text, char* buf, size_t size);
@@ -183,11 +194,7 @@ const std::vector<const NATPortFwdEntry*>* NetCfgPortFwdsInOrder(PLRNetworkConfi
 template <class Visit>
 bool NetCfgForEachPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool isTCP, Visit visit) {
   const std::vector<const NATPortFwdEntry*>* array = NetCfgPortFwdsInOrder(db, vnet, isTCP);
-  if (array == nullptr) return false;
-  for (size_t i = 0; i < array->size(); ++i) {
-    NetCfgPrefetchAhead(*array, i);
-    if (!visit(*(*array)[i])) return false;
-  }
+  if (array == nullptr || !NetCfgWalkInOrder(*array, visit)) return false;
   PLOG_AS(kPortFwdEnumName, LOG_INFO2, "No ports to enumerate");
   return true;
 }
@@ -206,12 +213,10 @@ const NetCfgDhcpArray* NetCfgDhcpInOrder(PLRNetworkConfigurationDB* db, uint32_t
 template <class Visit>
 bool NetCfgForEachDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, Visit visit) {
   const NetCfgDhcpArray* array = NetCfgDhcpInOrder(db, vnet);
-  if (array == nullptr) return false;
-  for (size_t i = 0; i < array->size(); ++i) {
-    NetCfgPrefetchAhead(*array, i);
-    const auto& [mac, ip] = *(*array)[i];
-    if (!visit(mac.view(), std::string_view(ip))) return false;
-  }
+  if (array == nullptr || !NetCfgWalkInOrder(*array, [&](const auto& node) {
+        return visit(node.first.view(), std::string_view(node.second));
+      }))
+    return false;
   PLOG_AS(kDhcpEnumName, LOG_INFO2, "No mappings to enumerate");
   return true;
 }
