@@ -240,21 +240,22 @@ bool AppendBlock(const char* function, SpillBuffer& out, uint32_t vnet) {
 
 // The digest as DHCP_CFG_HASH keeps it, 40 upper-case hexadecimal digits,
 // logged under the name of the function that hashed.
-std::string BlockHashText(const char* function, Sha1& sha) {
-  std::string text = DigestHex(sha.Final(), HexCase::kUpper);
+std::string BlockHashText(const char* function, const Sha1::Digest& digest) {
+  std::string text = DigestHex(digest, HexCase::kUpper);
   PLOG_AS(function, LOG_INFO2, "Hash String value: %s", text.c_str());
   return text;
 }
 
-// Where the old file's block lies if it may be replaced in place; {0, 0}
-// when it is missing, unhashable or edited (then the old file survives only
-// in the backup).
-DhcpBlockPos CheckOldBlock(const char* function, uint32_t vnet, std::string_view old) {
+// Where the old file's block lies if it may be replaced in place, its
+// digest in `*digest`; {0, 0} when it is missing, unhashable or edited (then
+// the old file survives only in the backup).
+DhcpBlockPos CheckOldBlock(const char* function, uint32_t vnet, std::string_view old,
+                           Sha1::Digest* digest) {
   DhcpBlockPos pos = PLRLocateKavixDHCPBlock(old);
   if (pos.end == 0) return {};
   PLOG_AS(function, LOG_INFO2, "Located positions: Start: %li, End: %li, Size: %li", pos.start,
           pos.end, pos.end - pos.start);
-  std::string computed = PLRCalculateHashStrForBlock(old, pos.start, pos.end);
+  std::string computed = PLRCalculateHashStrForBlock(old, pos.start, pos.end, digest);
   if (computed.empty()) {
     PLOG_AS(function, LOG_ERR,
             "Hash for DHCP config could not be calculated, creating a new config file and "
@@ -365,7 +366,8 @@ DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content) {
   return {};
 }
 
-std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end) {
+std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end,
+                                        Sha1::Digest* digest) {
   if (start < 0 || end < 0 || static_cast<size_t>(end) > content.size()) {
     PLOG(LOG_ERR, "Invalid argument");
     return {};
@@ -376,7 +378,9 @@ std::string PLRCalculateHashStrForBlock(std::string_view content, long start, lo
   }
   Sha1 sha;
   sha.Update(content.data() + start, static_cast<size_t>(end - start));
-  return BlockHashText(__func__, sha);
+  const Sha1::Digest computed = sha.Final();
+  if (digest != nullptr) *digest = computed;
+  return BlockHashText(__func__, computed);
 }
 
 }  // namespace plr
@@ -407,9 +411,10 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   };
   std::string old;
   plr::DhcpBlockPos keep;
+  plr::Sha1::Digest keptDigest{};
   bool created = false;
   if (plr::ReadWholeFile(path, &old)) {
-    keep = plr::CheckOldBlock(__func__, vnet, old);
+    keep = plr::CheckOldBlock(__func__, vnet, old, &keptDigest);
     if (!plr::BackUpDhcpConfig(__func__, vnet, path)) return trace.Exit(false);
   } else if (errno == ENOENT) {
     PLOG(LOG_INFO, "DHCP Config %s does not exist yet, Creating new", path);
@@ -440,11 +445,18 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
     plr::AppendHeader(out.text(), vnet);
   }
   plr::Sha1 sha;
+  // A block regenerated unchanged is compared with the kept one, not hashed
+  // a second time.
+  if (keep.end != 0) {
+    sha.ExpectRepeatOf(std::string_view(old).substr(static_cast<size_t>(keep.start),
+                                                    static_cast<size_t>(keep.end - keep.start)),
+                       keptDigest);
+  }
   out.HashFromHere(&sha);
   if (!plr::AppendBlock(__func__, out, vnet)) return trace.Exit(false);
   out.HashFromHere(nullptr);
   // Logged under the name every block hash has always been logged under.
-  std::string hash = plr::BlockHashText("PLRCalculateHashStrForBlock", sha);
+  std::string hash = plr::BlockHashText("PLRCalculateHashStrForBlock", sha.Final());
   std::string_view after;
   if (keep.end != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%li-%d", keep.end, static_cast<int>(old.size()));

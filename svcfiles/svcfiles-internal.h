@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/sha1.h"
 #include "core/log.h"
 
 namespace plr {
@@ -87,7 +88,9 @@ struct DhcpBlockPos {
 DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content);
 
 // The SHA-1 of bytes [start, end) of `content` as 40 upper-case hex digits,
-// or an empty text (logged) when the range is not inside `content`.
-std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end);
+// or an empty text (logged) when the range is not inside `content`; the
+// digest itself also in `*digest` when that is given.
+std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end,
+                                        Sha1::Digest* digest = nullptr);
 
 }  // namespace plr

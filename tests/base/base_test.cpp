@@ -355,6 +355,50 @@ TEST(Sha1, CpuInstructionsAgreeWithPortableRounds) {
   }
 }
 
+// A hash told to expect a text gives the stream's own digest however the
+// stream departs from the text (at once, inside a piece, in a later piece,
+// by ending early or by going on), and the given digest only for a stream
+// that repeats the whole text: handing it a wrong digest shows that case is
+// the one that skips the hashing.
+TEST(Sha1, ExpectedRepeatIsComparedNotHashed) {
+  std::string text(5000, '\0');
+  for (size_t i = 0; i < text.size(); ++i) text[i] = static_cast<char>((i * 40503u) >> 7);
+  Sha1 whole;
+  whole.Update(text.data(), text.size());
+  const Sha1::Digest digest = whole.Final();
+  Sha1::Digest wrong = digest;
+  wrong[0] ^= 1;
+  auto changedAt = [&](size_t at) {
+    std::string s = text;
+    s[at] ^= 0x40;
+    return s;
+  };
+  const struct {
+    const char* what;
+    std::string stream;
+  } kRows[] = {{"the text", text},
+               {"differs in the first byte", changedAt(0)},
+               {"differs inside the second piece", changedAt(1500)},
+               {"differs in the last byte", changedAt(text.size() - 1)},
+               {"ends early", text.substr(0, 3000)},
+               {"goes on", text + "more"},
+               {"empty", ""}};
+  for (const auto& r : kRows) {
+    for (size_t piece : {size_t{1000}, size_t{64}, size_t{7}}) {
+      Sha1 sha;
+      sha.ExpectRepeatOf(text, wrong);
+      for (size_t at = 0; at < r.stream.size(); at += piece)
+        sha.Update(r.stream.data() + at, std::min(piece, r.stream.size() - at));
+      const Sha1::Digest got = sha.Final();
+      if (r.stream == text) {
+        EXPECT_EQ(got, wrong) << r.what << " in pieces of " << piece;
+      } else {
+        EXPECT_EQ(DigestHex(got), Sha1Hex(r.stream)) << r.what << " in pieces of " << piece;
+      }
+    }
+  }
+}
+
 // The names in a directory.
 std::set<std::string> Entries(const char* path) {
   std::set<std::string> names;
