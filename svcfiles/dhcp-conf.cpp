@@ -378,9 +378,8 @@ std::string PLRCalculateHashStrForBlock(std::string_view content, long start, lo
   }
   Sha1 sha;
   sha.Update(content.data() + start, static_cast<size_t>(end - start));
-  const Sha1::Digest computed = sha.Final();
-  if (digest != nullptr) *digest = computed;
-  return BlockHashText(__func__, computed);
+  *digest = sha.Final();
+  return BlockHashText(__func__, *digest);
 }
 
 }  // namespace plr

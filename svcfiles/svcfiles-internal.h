@@ -89,8 +89,8 @@ DhcpBlockPos PLRLocateKavixDHCPBlock(std::string_view content);
 
 // The SHA-1 of bytes [start, end) of `content` as 40 upper-case hex digits,
 // or an empty text (logged) when the range is not inside `content`; the
-// digest itself also in `*digest` when that is given.
+// digest itself in `*digest`.
 std::string PLRCalculateHashStrForBlock(std::string_view content, long start, long end,
-                                        Sha1::Digest* digest = nullptr);
+                                        Sha1::Digest* digest);
 
 }  // namespace plr
