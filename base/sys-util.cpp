@@ -49,9 +49,11 @@ FILE* Fopen(const char* p, const char* m) { return Injected(Op::kFopen) ? nullpt
 ssize_t CopyFileRange(int in, off_t* io, int out, off_t* oo, size_t n, unsigned fl) {
   return Injected(Op::kCopyFileRange) ? -1 : ::copy_file_range(in, io, out, oo, n, fl);
 }
+int Ftruncate(int fd, off_t n) { return Injected(Op::kFtruncate) ? -1 : ::ftruncate(fd, n); }
 
-constexpr Calls kRealCalls = {Open,  Read,  Write, Fsync,  Rename, Unlink, Mkdir,
-                              Rmdir, Mknod, Fork,  Ioctl,  Socket, Fopen,  CopyFileRange};
+constexpr Calls kRealCalls = {Open,  Read,  Write, Fsync,  Rename, Unlink,        Mkdir,
+                              Rmdir, Mknod, Fork,  Ioctl,  Socket, Fopen,  CopyFileRange,
+                              Ftruncate};
 Calls gCalls = kRealCalls;
 
 }  // namespace

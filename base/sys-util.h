@@ -27,6 +27,7 @@ struct Calls {
   FILE* (*fopen)(const char* path, const char* mode);
   ssize_t (*copy_file_range)(int in, off_t* inOffset, int out, off_t* outOffset, size_t count,
                              unsigned flags);
+  int (*ftruncate)(int fd, off_t length);
 };
 
 Calls& calls();
@@ -34,7 +35,7 @@ void ResetCalls();
 
 // Identifies one entry of the table for fault injection.
 enum class Op { kOpen, kRead, kWrite, kFsync, kRename, kUnlink, kMkdir, kRmdir, kMknod,
-                kFork, kIoctl, kSocket, kFopen, kCopyFileRange, kCount };
+                kFork, kIoctl, kSocket, kFopen, kCopyFileRange, kFtruncate, kCount };
 
 // Makes the nth call (1 = the next one) of `op` fail with `err`; 0 clears it.
 void FailNth(Op op, unsigned n, int err);
@@ -61,6 +62,7 @@ inline ssize_t copy_file_range(int in, off_t* inOffset, int out, off_t* outOffse
                                unsigned flags) {
   return calls().copy_file_range(in, inOffset, out, outOffset, count, flags);
 }
+inline int ftruncate(int fd, off_t length) { return calls().ftruncate(fd, length); }
 
 // Writes all of `buf`, retrying short writes and EINTR; false with errno set.
 bool WriteAll(int fd, const void* buf, size_t count);

@@ -81,7 +81,7 @@ bool AppendText(PLRNetworkConfigurationDB* db, const std::string& text, bool* ma
     return true;
   }
   int err = written < 0 ? errno : ENOSPC;  // a short write means the disk is full
-  if (written > 0 && (ftruncate(fd, end) != 0 || lseek(fd, end, SEEK_SET) != end)) {
+  if (written > 0 && (sys::ftruncate(fd, end) != 0 || lseek(fd, end, SEEK_SET) != end)) {
     *mayHaveLanded = true;
     db->journalEnd = -1;
   }

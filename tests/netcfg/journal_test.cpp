@@ -125,27 +125,52 @@ TEST_F(CacheTest, EachChangeAppendsExactlyItsRecords) {
                                answers);
 }
 
-// Failing any write of a change (the database holding the journal of the
-// steps before it) fails the change, leaves cache and file state as they
-// were, leaves no partial record, and the cache goes on working.
+// How the nth write of a change fails: refused outright, or cut one byte
+// short (the record lands without its newline) and then cut off the file
+// again, or cut short with the truncation failing too, which leaves the
+// partial record in the file for a compensating record to settle.
+enum class WriteFault { kRefused, kCut, kCutAndStuck };
+unsigned gWritesLeft = 0;  // writes to pass before the cut one
+ssize_t (*gRealWrite)(int, const void*, size_t);
+ssize_t CutWrite(int fd, const void* buf, size_t n) {
+  if (gWritesLeft-- != 1 || n < 2) return gRealWrite(fd, buf, n);
+  return gRealWrite(fd, buf, n - 1);
+}
+
+// Failing any write of a change, in any of those ways (the database holding
+// the journal of the steps before it), fails the change, leaves cache and
+// file state as they were, ends the file with a newline, and the cache goes
+// on working.
 TEST_F(CacheTest, FailedWriteAtEveryPositionUndoesTheChange) {
-  std::string journal;
-  for (size_t i = 0; i < std::size(kSteps); journal += kSteps[i++].appended) {
-    for (unsigned nth = 1; *kSteps[i].appended != '\0' && !kSteps[i].removeAll; ++nth) {
-      SCOPED_TRACE("step " + std::to_string(i) + ", write " + std::to_string(nth));
-      Open(journal);
-      const std::string before = StateOf(db_);
-      sys::FailNth(sys::Op::kWrite, nth, ENOSPC);
-      bool ok = kSteps[i].run(db_);
-      bool reached = sys::CallCount(sys::Op::kWrite) >= nth;
-      sys::ClearFaults();
-      if (!reached) break;
-      EXPECT_FALSE(ok);
-      EXPECT_EQ(StateOf(db_), before);
-      EXPECT_EQ(StateOfFile(), before);
-      EXPECT_EQ(ReadFile(kDatabasePath).back(), '\n');
-      ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "AFTER", "1"));
-      EXPECT_EQ(StateOfFile(), StateOf(db_));
+  for (WriteFault fault : {WriteFault::kRefused, WriteFault::kCut, WriteFault::kCutAndStuck}) {
+    std::string journal;
+    for (size_t i = 0; i < std::size(kSteps); journal += kSteps[i++].appended) {
+      for (unsigned nth = 1; *kSteps[i].appended != '\0' && !kSteps[i].removeAll; ++nth) {
+        SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)) + ", step " +
+                     std::to_string(i) + ", write " + std::to_string(nth));
+        Open(journal);
+        const std::string before = StateOf(db_);
+        sys::ClearFaults();  // counts the change's writes only
+        if (fault == WriteFault::kRefused) {
+          sys::FailNth(sys::Op::kWrite, nth, ENOSPC);
+        } else {
+          gRealWrite = sys::calls().write;
+          sys::calls().write = CutWrite;
+          gWritesLeft = nth;
+          if (fault == WriteFault::kCutAndStuck) sys::FailNth(sys::Op::kFtruncate, 1, EIO);
+        }
+        bool ok = kSteps[i].run(db_);
+        bool reached = sys::CallCount(sys::Op::kWrite) >= nth;
+        sys::ClearFaults();
+        sys::ResetCalls();
+        if (!reached) break;
+        EXPECT_FALSE(ok);
+        EXPECT_EQ(StateOf(db_), before);
+        EXPECT_EQ(StateOfFile(), before);
+        EXPECT_EQ(ReadFile(kDatabasePath).back(), '\n');
+        ASSERT_TRUE(PLRNetCfgAddAnswerString(db_, "AFTER", "1"));
+        EXPECT_EQ(StateOfFile(), StateOf(db_));
+      }
     }
   }
 }
