@@ -79,6 +79,10 @@ const struct Step {
     {DO(RemoveNATPrefix(d, 8, "fd00:1::/64")), false, ""},
     {DO(AddNATPrefix(d, 7, "fd00:7::/64")), true, "add_nat_prefix 7 fd00:7::/64\n"},
     {DO(RemoveAllNATPrefix(d, 8, true)), true, ""},  // never written
+    // Past the last vnet there is nothing to drop.
+    {DO(RemoveAllNATPrefix(d, 256, true)), true, ""},
+    {DO(RemoveAllNATPortFwd(d, 256, true, true, true)), true, ""},
+    {DO(RemoveAllDHCPMACToIPMapping(d, 256, true)), true, ""},
     // Refused before anything is written.
     {DO(AddAnswerString(d, "TWO WORDS", "v")), false, ""},
     {DO(AddAnswerString(d, "KEY", "line\nbreak")), false, ""},
