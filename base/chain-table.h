@@ -133,7 +133,7 @@ class ChainTable {
       throw;
     }
     const auto saved = policy_._M_state();
-    const auto [grow, count] = policy_._M_need_rehash(buckets_.size(), size_, 1);
+    const auto [grow, count] = policy_._M_need_rehash(bucketCount_, size_, 1);
     if (grow) {
       try {
         Rehash(count, saved);
@@ -282,9 +282,9 @@ class ChainTable {
   // putting each node first in its new bucket, as the standard map does.
   template <class State>
   void Rehash(size_t count, const State& saved) {
-    std::vector<Link*> fresh;
+    std::unique_ptr<Link*[]> fresh;
     try {
-      fresh.assign(count, nullptr);
+      fresh.reset(new Link*[count]());
     } catch (...) {
       policy_._M_reset(saved);
       throw;
@@ -309,12 +309,19 @@ class ChainTable {
         first->next = node;
       }
     }
-    buckets_.swap(fresh);
+    bucketArray_ = std::move(fresh);
+    buckets_ = bucketArray_.get();
+    bucketCount_ = count;
   }
 
   NodePool pool_;  // destroyed after the nodes in it
   Link head_;
-  std::vector<Link*> buckets_ = std::vector<Link*>(1);
+  // An empty table has one bucket of its own, as the standard map does, so
+  // that a table costs no allocation until its first insert.
+  Link* singleBucket_ = nullptr;
+  std::unique_ptr<Link*[]> bucketArray_;  // the buckets once there are more
+  Link** buckets_ = &singleBucket_;
+  size_t bucketCount_ = 1;
   Remainder bucketOf_{1};
   size_t size_ = 0;
   std::__detail::_Prime_rehash_policy policy_;

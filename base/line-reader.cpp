@@ -8,11 +8,13 @@
 namespace plr {
 
 // One fread of a whole block: glibc hands a request of at least its own
-// buffer size straight to read(2), so the bytes are copied once.
+// buffer size straight to read(2), so the bytes are copied once. A stream
+// that has seen its end is not asked again (that would cost a read(2) that
+// returns nothing).
 bool LineReader::Fill() {
   if (!block_) block_ = std::make_unique<char[]>(kBlock);
   pos_ = 0;
-  end_ = fread(block_.get(), 1, kBlock, stream_);
+  end_ = feof(stream_) ? 0 : fread(block_.get(), 1, kBlock, stream_);
   return end_ > 0;
 }
 
