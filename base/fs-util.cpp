@@ -84,13 +84,20 @@ SpillBuffer::SpillBuffer(int fd) : fd_(fd) {
 }
 
 void SpillBuffer::Spill() {
-  if (sha_ != nullptr) sha_->Update(text_.data(), text_.size());
+  HashPending();
   if (error_ == 0 && !sys::WriteAll(fd_, text_.data(), text_.size())) error_ = errno;
   text_.clear();
+  hashedUpTo_ = 0;
 }
 
+void SpillBuffer::HashPending() {
+  if (sha_ != nullptr) sha_->Update(text_.data() + hashedUpTo_, text_.size() - hashedUpTo_);
+  hashedUpTo_ = text_.size();
+}
+
+// The mark moves without a write: what is buffered goes out with the rest.
 void SpillBuffer::HashFromHere(Sha1* sha) {
-  Spill();
+  HashPending();
   sha_ = sha;
 }
 

@@ -74,18 +74,21 @@ class SpillBuffer {
   void MaybeSpill() {
     if (text_.size() >= kSpillMark) Spill();
   }
-  // Writes everything buffered so far, then hashes the bytes that follow
-  // into `sha` (none when null).
+  // Hashes the bytes that follow into `sha` (none when null); the bytes
+  // before go to the hash given before, if any, which is then complete.
   void HashFromHere(Sha1* sha);
   // Writes everything buffered; false, errno set, once any write failed.
   bool Flush();
 
  private:
   void Spill();
+  // Hands the buffered bytes not yet hashed to the current hash.
+  void HashPending();
   int fd_;
   std::string text_;
   Sha1* sha_ = nullptr;
-  int error_ = 0;  // errno of the first failed write
+  size_t hashedUpTo_ = 0;  // bytes of text_ already given to a hash (or to none)
+  int error_ = 0;          // errno of the first failed write
 };
 
 // Reads the whole file; false with errno set.
