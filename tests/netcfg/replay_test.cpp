@@ -57,8 +57,13 @@ TEST(Load, ReplaysEveryRecordTypeInOrder) {
       "add_nat_portfwd 1 tcp 1 10.0.0.2 1 " +
       a127 + "\nadd_nat_portfwd 1 tcp 2 10.0.0.2 2 " + a127 + "b\nanswer LONG " + x1019 +
       "\nanswer FITS " + y1011 + "\nunknown_keyword is ignored\n");  // a 1031 and a 1023 line
+  LogWhileUnloaded();
   PLRNetworkConfigurationDB* db = LoadCache();
   ASSERT_NE(db, nullptr);
+  // The overlong line is the one record refused; every add and remove
+  // that applies is replayed without a word.
+  EXPECT_EQ(LogCount("Failed to parse record at line #"), 1u);
+  EXPECT_TRUE(LogHas("Failed to parse record at line #: 26, data: answer LONG xxx"));
   EXPECT_EQ(StateOf(db),
             "add_bridge_mapping eth0 0\nadd_bridge_mapping eth1 -1\n"
             "add_dhcp_mac_to_ip 255 02:7A:3E:2A:10:09 10.0.0.9\n"
