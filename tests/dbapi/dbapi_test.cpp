@@ -114,7 +114,8 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   WriteFile(kBackup,
             "answer VNET_3_HOSTONLY_HOSTADDR 192.168.3.1\nanswer VNET_3_INTERFACE eth3\n"
             "answer VNET_4_HOSTONLY_HOSTADDR 10.1.2.3\nanswer VNET_4_HOSTONLY_NETMASK 255.255.0.0\n"
-            "answer FOO bar\nanswer VNET_300_DHCP yes\nanswer VNET_1_BOGUS x\n"
+            "answer FOO bar\nanswer PLR_DEFAULT_NAT_VNET 8\nanswer VNET_300_DHCP yes\n"
+            "answer VNET_1_BOGUS x\n"
             "answer VNET_6_DISPLAY_NAME office\nanswer VNET_2_DISPLAY_NAME " +
                 n128 + "\nanswer VNET_2_INTERFACE " + n128 +
                 "\nanswer\nanswer VNET_1_MTU\nfrobnicate VNET_1_MTU 9\n"
@@ -125,7 +126,7 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   EXPECT_EQ(Get("VNET_3_HOSTONLY_SUBNET") + " " + Get("VNET_3_HOSTONLY_NETMASK") + " " +
                 Get("VNET_3_VIRTUAL_ADAPTER_ADDR") + " " + Get("VNET_4_HOSTONLY_SUBNET"),
             "192.168.3.0 255.255.255.0 192.168.3.1 10.1.0.0");
-  EXPECT_EQ(Get("VNET_6_DISPLAY_NAME"), "office");
+  EXPECT_EQ(Get("VNET_6_DISPLAY_NAME") + " " + Get("PLR_DEFAULT_NAT_VNET"), "office 8");
   EXPECT_EQ(Mapping("eth3"), 3);
   for (const char* gone : {"VNET_3_HOSTONLY_HOSTADDR", "VNET_3_INTERFACE", "FOO", "VNET_300_DHCP",
                            "VNET_1_BOGUS", "VNET_5_DHCP", "VNET_2_DISPLAY_NAME", "VNET_1_MTU"})

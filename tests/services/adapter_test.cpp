@@ -71,8 +71,12 @@ TEST_F(AdapterTest, StatusAndSystemCallFailures) {
   EXPECT_EQ(PLRAdapterStatus("p1"), PLR_ADAPTER_DOWN) << "a short name is listed after blanks";
   ASSERT_EQ(test::Run("ip link set kavix1 up"), 0);
   EXPECT_EQ(PLRAdapterStatus("kavix1"), PLR_ADAPTER_UP);
-  for (const char* other : {"Kavix1", "kavix", "kavix12", "avix1", ""})
+  for (const char* other : {"Kavix1", "kavix", "kavix12", "avix1", ""}) {
     EXPECT_EQ(PLRAdapterStatus(other), PLR_ADAPTER_ABSENT) << other;
+    if (*other != '\0') {  // names that /proc/net/dev itself does not list
+      EXPECT_TRUE(LogHas("'" + std::string(other) + "' not in /proc/net/dev")) << other;
+    }
+  }
   EXPECT_EQ(PLRAdapterStatus(nullptr), PLR_ADAPTER_STATUS_ERROR);
   for (auto [op, error, status] : {std::tuple{sys::Op::kFopen, EACCES, PLR_ADAPTER_STATUS_ERROR},
                                    {sys::Op::kIoctl, EPERM, PLR_ADAPTER_STATUS_ERROR},
