@@ -16,11 +16,20 @@ bool Has(const std::string& path, const std::string& text) {
 }
 
 TEST(Lifecycle, LoadsCountUpAndOnlyTheLastUnloadReleases) {
+  // A call before any load is refused with its one line, and the trace that
+  // entered it is not closed as if it had run (the raw answer calls have a
+  // line of their own).
+  LogWhileUnloaded();
+  EXPECT_FALSE(PLR_SetDefaultLogLevel(0x19));
+  EXPECT_FALSE(PLR_VnetCfgRemoveAnswer("K"));
+  EXPECT_TRUE(LogHas("Entering API Function, PLR_SetDefaultLogLevel:"));
+  EXPECT_TRUE(LogHas("Pelorus Un-Initialized. Aborting API Function: PLR_SetDefaultLogLevel\n"));
+  EXPECT_FALSE(LogHas("Exiting API Function, PLR_SetDefaultLogLevel:"));
+  EXPECT_TRUE(LogHas("PLR_VnetCfgRemoveAnswer - Pelorus Un-Initialized, Aborting\n"));
   WriteFile(kDatabasePath, "VERSION=2,0\n");
   EXPECT_FALSE(PLR_Load(0));
   EXPECT_FALSE(PLR_Load(0));  // a failed load's log stream is replaced, not kept twice
   EXPECT_EQ(plrContext.loadCount, 0);
-  EXPECT_FALSE(PLR_SetDefaultLogLevel(0x19));  // refused while unloaded
   EXPECT_FALSE(PLR_VnetCfgAddAnswer("K", "v"));
   WriteDatabase("answer OLD one\n");
   ASSERT_TRUE(PLR_Load(0));
