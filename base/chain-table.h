@@ -24,7 +24,6 @@
 #include <tuple>
 #include <unordered_map>  // the growth policy
 #include <utility>
-#include <vector>
 
 namespace plr {
 
@@ -173,9 +172,21 @@ class ChainTable {
   // together in memory; the room of an erased node goes to the next insert.
   // A new chunk holds an eighth as many nodes as the table has (at least 4),
   // so at most a ninth of the room waits unused: a node costs less than on
-  // the heap, where each carries a header.
+  // the heap, where each carries a header. Each chunk begins with the link
+  // to the chunk before it, so a chunk costs one allocation.
   class NodePool {
    public:
+    NodePool() = default;
+    NodePool(const NodePool&) = delete;
+    NodePool& operator=(const NodePool&) = delete;
+    ~NodePool() {
+      while (newest_ != nullptr) {
+        Chunk* older = newest_->older;
+        ::operator delete(newest_);
+        newest_ = older;
+      }
+    }
+
     // Room for one node; throws std::bad_alloc.
     void* Take(size_t tableSize) {
       if (free_ != nullptr) {
@@ -185,8 +196,11 @@ class ChainTable {
       }
       if (left_ == 0) {
         const size_t count = std::max<size_t>(4, tableSize / 8);
-        chunks_.emplace_back(new Room[count]);  // not zeroed: each node is built in place
-        next_ = chunks_.back().get();
+        // Not zeroed: each node is built in place.
+        auto* chunk = static_cast<Chunk*>(::operator new(sizeof(Chunk) + count * sizeof(Room)));
+        chunk->older = newest_;
+        newest_ = chunk;
+        next_ = reinterpret_cast<Room*>(chunk + 1);
         left_ = count;
       }
       --left_;
@@ -204,7 +218,12 @@ class ChainTable {
     struct Room {
       alignas(Node) unsigned char bytes[sizeof(Node)];
     };
-    std::vector<std::unique_ptr<Room[]>> chunks_;
+    // The head of a chunk; its rooms follow it.
+    struct alignas(Room) Chunk {
+      Chunk* older;
+    };
+    static_assert(alignof(Room) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__);
+    Chunk* newest_ = nullptr;
     Room* next_ = nullptr;
     size_t left_ = 0;
     Link* free_ = nullptr;

@@ -14,6 +14,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -93,7 +94,7 @@ using NATPortFwdTable = ChainTable<uint16_t, NATPortFwdEntry, std::hash<uint16_t
 // enumeration walks. The array is built on demand and discarded by every add
 // or remove on this protocol, so the order stays stable between changes.
 struct NATPortFwdGroup {
-  std::unique_ptr<NATPortFwdTable> table;
+  std::optional<NATPortFwdTable> table;  // in place: a group costs no allocation of its own
   std::vector<const NATPortFwdEntry*> array;
   bool arrayValid = false;
 };

@@ -298,8 +298,12 @@ bool PLRNetCfgMergeConfigPortFwdCmpHash(PLRNetworkConfigurationDB* newCache, boo
   if (newCache == nullptr || vnet >= PLR_MAX_VNETS || netCfgDefaultCache == nullptr) return false;
   const NATVnetPortFwdConfig* newHolder = newCache->portFwds[vnet].get();
   const NATVnetPortFwdConfig* oldHolder = netCfgDefaultCache->portFwds[vnet].get();
-  const auto* newTable = newHolder != nullptr ? newHolder->group(isTCP).table.get() : nullptr;
-  const auto* oldTable = oldHolder != nullptr ? oldHolder->group(isTCP).table.get() : nullptr;
+  auto tableOf = [isTCP](const NATVnetPortFwdConfig* holder) -> const NATPortFwdTable* {
+    if (holder == nullptr || !holder->group(isTCP).table) return nullptr;
+    return &*holder->group(isTCP).table;
+  };
+  const NATPortFwdTable* newTable = tableOf(newHolder);
+  const NATPortFwdTable* oldTable = tableOf(oldHolder);
   if (newTable == nullptr) return oldTable != nullptr;
   if (oldTable == nullptr) return true;
   if (newTable->size() != oldTable->size()) return true;

@@ -131,7 +131,7 @@ bool NetCfgHashAddPortFwd(PLRNetworkConfigurationDB* db, NATPortFwdEntry entry) 
   auto& holder = db->portFwds[entry.vnet];
   if (!holder) holder = std::make_unique<NATVnetPortFwdConfig>();
   NATPortFwdGroup& group = holder->group(entry.isTCP != 0);
-  if (!group.table) group.table = std::make_unique<NATPortFwdTable>();
+  if (!group.table) group.table.emplace();
   DiscardArray(group);
   auto [it, inserted] = group.table->try_emplace(entry.hostPort, std::move(entry));
   if (!inserted) {
