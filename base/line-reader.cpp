@@ -15,6 +15,7 @@ bool LineReader::Fill() {
   if (!block_) block_ = std::make_unique<char[]>(kBlock);
   pos_ = 0;
   end_ = feof(stream_) ? 0 : fread(block_.get(), 1, kBlock, stream_);
+  taken_ += end_;
   return end_ > 0;
 }
 

@@ -30,6 +30,8 @@ class LineReader {
   // leaves errno set, and is reported even in the middle of a line: a
   // partial line from a failing device is not a line.
   Status Next(std::string_view* line);
+  // Bytes taken from the stream so far; at the end of the stream, all of it.
+  size_t taken() const { return taken_; }
 
  private:
   // Refills the block; false at the end of the stream or on an error.
@@ -41,6 +43,7 @@ class LineReader {
   std::unique_ptr<char[]> block_;
   size_t pos_ = 0;
   size_t end_ = 0;
+  size_t taken_ = 0;
   std::string carry_;  // a line that crosses a block boundary
 };
 

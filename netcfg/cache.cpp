@@ -78,8 +78,6 @@ bool Reload(PLRNetworkConfigurationDB* db, const char* function) {
     return false;
   }
   if (!NetCfgReadDatabase(&fresh, fresh.stream.get(), function)) return false;
-  struct stat st;
-  if (fstat(fileno(fresh.stream.get()), &st) != 0) return false;
   if (!LoadBinDir(&fresh, function)) return false;
   std::swap(db->stream, fresh.stream);
   std::swap(db->answers, fresh.answers);
@@ -90,7 +88,7 @@ bool Reload(PLRNetworkConfigurationDB* db, const char* function) {
   db->majorVersion = fresh.majorVersion;
   db->minorVersion = fresh.minorVersion;
   db->lineCount = fresh.lineCount;
-  db->journalEnd = st.st_size;
+  db->journalEnd = fresh.journalEnd;
   if (db == netCfgDefaultCache) plrDefaultBridgeVnet = PLR_VNET_ALL;  // mappings may differ
   PLOG_AS(function, LOG_INFO, "Database cache reloaded, file was replaced: %s",
           db->fileName.c_str());
@@ -156,8 +154,6 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   db->readOnly = readOnly;
   db->fileName = path;
   if (!NetCfgReadDatabase(db, db->stream.get(), function)) return false;
-  struct stat st;
-  db->journalEnd = fstat(fileno(db->stream.get()), &st) == 0 ? st.st_size : -1;
   if (db->lock.held()) RemoveStaleTemporaries(path, function);
   if (db->lock.held() && !db->lock.Unlock()) {
     PLOG_AS(function, LOG_ERR, "Failed to unlock database file: %s, error: %s", path,

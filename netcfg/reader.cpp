@@ -351,6 +351,9 @@ static bool NetCfgReadRecords(PLRNetworkConfigurationDB* db, LineReader& reader,
 }
 
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function) {
+  // The reader takes whole blocks itself, so the stream needs no buffer (nor
+  // the fstat that would size one).
+  setvbuf(stream, nullptr, _IONBF, 0);
   // One byte more than a line may hold, so an overlong line is recognisable.
   LineReader reader(stream, kNetCfgMaxLine + 1);
   std::string_view view;
@@ -367,6 +370,7 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char*
     }
     db->majorVersion = 0;
     db->minorVersion = 0;
+    db->journalEnd = 0;
     return true;
   }
   const std::string line(view);
@@ -374,7 +378,9 @@ bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char*
   if (!NetCfgReadVersionLine(db, line, &firstRecord, function)) return false;
   db->lineCount = 1;
   if (firstRecord) NetCfgParseRecordLine(db, line, db->lineCount, function);
-  return NetCfgReadRecords(db, reader, function);
+  if (!NetCfgReadRecords(db, reader, function)) return false;
+  db->journalEnd = static_cast<off_t>(reader.taken());
+  return true;
 }
 
 bool NetCfgReadTail(PLRNetworkConfigurationDB* db, FILE* stream, off_t from, const char* function) {

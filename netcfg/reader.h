@@ -7,10 +7,11 @@
 
 namespace plr {
 
-// Reads the version line and replays every record of `stream` into `db`,
-// whose backup flag says which version key is expected. False, with its log
-// line under `function`, for an empty database, a bad version line or a
-// read error.
+// Reads the version line and replays every record of `stream`, freshly
+// opened, into `db`, whose backup flag says which version key is expected;
+// the journal end is then where the replay ended. False, with its log line
+// under `function`, for an empty database, a bad version line or a read
+// error.
 bool NetCfgReadDatabase(PLRNetworkConfigurationDB* db, FILE* stream, const char* function);
 
 // Replays the records from offset `from` of `stream` to its end into `db`
