@@ -53,8 +53,7 @@ class BridgeDaemon : public LoadedLibraryTest {
                   "-pf /tmp/lan-dhcpd.pid lan0"),
         0);
     KillAtEnd(PidInFile("/tmp/lan-dhcpd.pid"));
-    ASSERT_EQ(test::Run("ip netns exec lan timeout 60 " + kServer + " >/dev/null 2>&1 &"), 0);
-    SleepMs(300);
+    ServeIn("lan", kServer, 8000);
   }
 };
 

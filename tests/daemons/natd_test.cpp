@@ -35,14 +35,6 @@ std::string In(const std::string& ns, const std::string& command) {
   return Capture("ip netns exec " + ns + " timeout 20 " + command + " 2>&1");
 }
 
-// Starts a one-shot server in `ns` in the background and gives it time to listen.
-void Serve(const std::string& ns, int port, const std::string& name) {
-  ASSERT_EQ(test::Run("ip netns exec " + ns + " timeout 20 " + kServer + " " +
-                      std::to_string(port) + " " + name + " >/dev/null 2>&1 &"),
-            0);
-  SleepMs(500);
-}
-
 // A name server that knows one name, outside.test = 10.99.0.77, answering
 // one query on UDP 53; and a client asking `server` for that name.
 const std::string kNameServer =
@@ -61,9 +53,10 @@ int Pelorus(const std::string& args) {
   return test::Run(kPelorus + " " + args + " >>/tmp/pelorus.out 2>&1");
 }
 
-class VnetPackets : public ::testing::Test {
+class VnetPackets : public LoadedLibraryTest {
  protected:
   void SetUp() override {
+    LoadedLibraryTest::SetUp();
     WriteProductConfig(PLR_DAEMONS_BINDIR);
     WriteFile("/etc/resolv.conf", "nameserver 10.99.0.2\n");  // the host's resolver is outside
     // The outside world: a namespace behind the host's ext0 (10.99.0.1).
@@ -77,6 +70,7 @@ class VnetPackets : public ::testing::Test {
   void TearDown() override {
     Pelorus("service kavix8 stop");
     KillStragglers();
+    LoadedLibraryTest::TearDown();
   }
   static std::string Tables() { return Capture("nft list tables 2>&1"); }
 };
@@ -112,14 +106,13 @@ TEST_F(VnetPackets, GuestGetsItsAddressReachesOutAndIsReachedThroughItsForward) 
       0);
 
   // Out through NAT: the outside sees the host's address.
-  Serve("outside", 8000, "outside");
+  ServeIn("outside", kServer + " 8000 outside", 8000);
   EXPECT_EQ(In("guest", kClient + " 10.99.0.2 8000"), "outside sees 10.99.0.1\n");
   // Names through the gateway: a name only the outside name server knows.
-  ASSERT_EQ(test::Run("ip netns exec outside timeout 20 " + kNameServer + " >/dev/null 2>&1 &"), 0);
-  SleepMs(500);
+  ServeIn("outside", kNameServer, 53);
   EXPECT_EQ(In("guest", kResolve + " 192.168.8.2"), "10.99.0.77\n");
   // In through the port forward: host 8080 reaches the guest's port 80.
-  Serve("guest", 80, "guest");
+  ServeIn("guest", kServer + " 80 guest", 80);
   EXPECT_EQ(In("outside", kClient + " 10.99.0.1 8080"), "guest sees 10.99.0.2\n");
 
   // Stopping takes everything away and leaves no daemon running.

@@ -21,7 +21,8 @@ void KillIfOurs(pid_t pid) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/comm");
   std::string comm;
   std::getline(in, comm);
-  if (comm.rfind("kavix-", 0) == 0 || comm == "dhcpd" || comm == "dhclient") kill(pid, SIGKILL);
+  if (comm.rfind("kavix-", 0) == 0 || comm == "dhcpd" || comm == "dhclient" || comm == "python3")
+    kill(pid, SIGKILL);
 }
 
 // Reaps every child that has ended, waiting up to 3 s for killed ones.
@@ -75,6 +76,19 @@ void LoadedLibraryTest::Load(const std::string& records, const std::string& binD
 void SetDaemonMode(const std::string& daemon, const std::string& text) {
   mkdir(kFixtureDir, 0755);
   WriteFile(std::string(kFixtureDir) + "/" + daemon + ".mode", text);
+}
+
+void LoadedLibraryTest::ServeIn(const std::string& ns, const std::string& command, int port) {
+  const std::string at = ns + "-" + std::to_string(port);
+  // `ip netns exec` becomes the command, so $! is the server itself.
+  ASSERT_EQ(test::Run("ip netns exec " + ns + " " + command + " >/tmp/serve-" + at +
+                      ".out 2>&1 & echo $! >/tmp/serve-" + at + ".pid"),
+            0);
+  KillAtEnd(PidInFile("/tmp/serve-" + at + ".pid"));
+  const std::string probe =
+      "ip netns exec " + ns + " ss -Hltun 'sport = :" + std::to_string(port) + "'";
+  ASSERT_TRUE(WaitFor([&] { return !Capture(probe).empty(); }, 10000))
+      << command << ": " << ReadFile("/tmp/serve-" + at + ".out");
 }
 
 pid_t PidInFile(const std::string& path) {

@@ -28,6 +28,9 @@ class LoadedLibraryTest : public ::testing::Test {
   std::string Database() const { return ReadFile(kDatabasePath); }
   // Kills `pid` with SIGKILL at TearDown unless it is gone already.
   void KillAtEnd(pid_t pid) { extraPids_.push_back(pid); }
+  // Starts `command` (a python3 server) in the background in network namespace `ns`, killed
+  // at TearDown, and waits at most 10 s until a socket in `ns` listens on TCP or UDP `port`.
+  void ServeIn(const std::string& ns, const std::string& command, int port);
 
  private:
   std::vector<pid_t> extraPids_;
