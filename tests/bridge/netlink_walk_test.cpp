@@ -75,6 +75,7 @@ TEST(NetlinkWalk, Replies) {
        false},
       {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 41) + Link("eth1"), "eth0+ eth1+ ", true},  // rounded up
       {Link("eth0").substr(0, 15), "", false},
+      {Msg("") + Link("eth5"), "eth5+ ", true},  // a bare header is passed over
       {Msg(eth0, RTM_NEWLINK, 1, 0, 2, 49), "", false}};
   for (const auto& r : rows) {
     for (size_t offset : {0, 1}) {  // aligned and not

@@ -145,6 +145,7 @@ TEST_F(Loaded, PrefixesAndPrefixMatch) {
     const uint8_t b[16] = {0xfd, 0x00, 0x12, 0x34, 0x56, 0x78, static_cast<uint8_t>(last)};
     EXPECT_EQ(PLRIsPrefixMatch(a, lengthA, b, lengthB), match) << last << " " << lengthA;
   }
+  EXPECT_EQ(LogCount("Prefix not match"), 3u);  // one line for each mismatch
 }
 
 TEST_F(Loaded, SubnetMembershipMasksTheAddress) {

@@ -102,6 +102,8 @@ const struct Step {
     {DO(AddHostAdapterMapping(d, "eth 0", 1, false)), false, ""},
     {DO(AddNATPrefix(d, 1, "fd00::/20")), false, ""},
     {DO(AddNATPrefix(d, 256, "fd00::/64")), false, ""},
+    {DO(AddNATPrefix(d, 1, "fd00::/64 x")), false, ""},
+    {DO(AddNATPrefix(d, 1, ("fd00::/64" + std::string(120, '0')).c_str())), false, ""},
     // An overlong description is dropped, the forward kept.
     {DO(AddNATPortFwd(d, 2, true, 22, "10.0.0.2", 22, kDesc128.c_str(), false)), true,
      "add_nat_portfwd 2 tcp 22 10.0.0.2 22\n"},
@@ -190,6 +192,19 @@ TEST_F(CacheTest, CompensatingRecordAndRemoveAllPastAFailure) {
   EXPECT_TRUE(PLRNetCfgRemoveAllNATPortFwd(db_, 8, true, false, true));
   sys::ClearFaults();
   EXPECT_EQ(Tail().substr(Tail().find("remove_answer")), "remove_answer K\nanswer K old\n");
+  EXPECT_EQ(StateOf(db_), "add_nat_portfwd 8 udp 80 10.0.0.2 80\nanswer K old\n");
+  // Removing all mappings goes on past a failed record too, and says so.
+  ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(db_, 9, "00:00:00:00:00:0a", "10.0.0.2", false));
+  ASSERT_TRUE(PLRNetCfgAddDHCPMACToIP(db_, 9, "00:00:00:00:00:0b", "10.0.0.3", false));
+  LogWhileUnloaded();
+  sys::FailNth(sys::Op::kWrite, 1, ENOSPC);
+  EXPECT_TRUE(PLRNetCfgRemoveAllDHCPMACToIPMapping(db_, 9, true));
+  sys::ClearFaults();
+  EXPECT_TRUE(LogHas("All the DHCP mappings could not be deleted"));
+  EXPECT_EQ(Tail().substr(Tail().rfind("answer K old\n") + 13),
+            "add_dhcp_mac_to_ip 9 00:00:00:00:00:0A 10.0.0.2\n"
+            "add_dhcp_mac_to_ip 9 00:00:00:00:00:0B 10.0.0.3\n"
+            "remove_dhcp_mac_to_ip 9 00:00:00:00:00:0B\n");
   EXPECT_EQ(StateOf(db_), "add_nat_portfwd 8 udp 80 10.0.0.2 80\nanswer K old\n");
 }
 

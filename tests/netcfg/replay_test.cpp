@@ -36,6 +36,15 @@ TEST(Load, FirstLineDecidesWhetherADatabaseOrBackupLoads) {
     PLRNetCfgUnload(&db, false);
   }
   EXPECT_EQ(LoadCache("/etc/tarsis/nothing-here"), nullptr);
+  // An empty file is no database, but it is an empty backup.
+  WriteFile(kDatabasePath, "");
+  EXPECT_EQ(LoadCache(), nullptr);
+  WriteFile("/tmp/networking.bak", "");
+  PLRNetworkConfigurationDB* db = LoadCache("/tmp/networking.bak", true, false);
+  ASSERT_NE(db, nullptr);
+  EXPECT_EQ(std::to_string(db->majorVersion) + "," + std::to_string(db->minorVersion), "0,0");
+  EXPECT_EQ(StateOf(db), "");
+  PLRNetCfgUnload(&db, false);
 }
 
 TEST(Load, ReplaysEveryRecordTypeInOrder) {
