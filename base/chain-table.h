@@ -132,7 +132,7 @@ class ChainTable {
       throw;
     }
     const auto saved = policy_._M_state();
-    const auto [grow, count] = policy_._M_need_rehash(bucketCount_, size_, 1);
+    const auto [grow, count] = policy_._M_need_rehash(bucketOf_.count(), size_, 1);
     if (grow) {
       try {
         Rehash(count, saved);
@@ -235,6 +235,7 @@ class ChainTable {
   class Remainder {
    public:
     explicit Remainder(size_t count) : count_(count), reciprocal_(~__uint128_t{0} / count + 1) {}
+    size_t count() const { return count_; }  // the table's bucket count
     size_t operator()(size_t code) const {
       if (count_ > UINT32_MAX) return code % count_;
       const __uint128_t fraction = reciprocal_ * code;
@@ -330,7 +331,6 @@ class ChainTable {
     }
     bucketArray_ = std::move(fresh);
     buckets_ = bucketArray_.get();
-    bucketCount_ = count;
   }
 
   NodePool pool_;  // destroyed after the nodes in it
@@ -340,7 +340,6 @@ class ChainTable {
   Link* singleBucket_ = nullptr;
   std::unique_ptr<Link*[]> bucketArray_;  // the buckets once there are more
   Link** buckets_ = &singleBucket_;
-  size_t bucketCount_ = 1;
   Remainder bucketOf_{1};
   size_t size_ = 0;
   std::__detail::_Prime_rehash_policy policy_;
