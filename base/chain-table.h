@@ -132,7 +132,11 @@ class ChainTable {
       throw;
     }
     const auto saved = policy_._M_state();
-    const auto [grow, count] = policy_._M_need_rehash(bucketOf_.count(), size_, 1);
+    // The policy's own first test, made here: below the size it last
+    // named, it answers no without changing its state.
+    const auto [grow, count] = size_ + 1 <= saved
+                                   ? std::pair<bool, size_t>(false, 0)
+                                   : policy_._M_need_rehash(bucketOf_.count(), size_, 1);
     if (grow) {
       try {
         Rehash(count, saved);

@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <memory>
 
 namespace plr {
 
@@ -12,7 +13,8 @@ namespace plr {
 // that has seen its end is not asked again (that would cost a read(2) that
 // returns nothing).
 bool LineReader::Fill() {
-  if (!block_) block_ = std::make_unique<char[]>(kBlock);
+  // Not zeroed: only the bytes read are ever looked at.
+  if (!block_) block_ = std::make_unique_for_overwrite<char[]>(kBlock);
   pos_ = 0;
   end_ = feof(stream_) ? 0 : fread(block_.get(), 1, kBlock, stream_);
   taken_ += end_;

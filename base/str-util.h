@@ -4,7 +4,9 @@
 #pragma once
 
 #include <stdint.h>
+#include <string.h>
 
+#include <bit>
 #include <string>
 #include <string_view>
 
@@ -52,6 +54,30 @@ inline char* FormatDecimal(char* out, uint32_t value) {
     *--p = static_cast<char>('0' + value);
   }
   return end;
+}
+
+// Eight bytes of text at a time in one register: `LoadWord` reads them in
+// text order (byte i of the text is byte i of the word, counted from the
+// low end), the tests mark each byte that passes with its 0x80 bit, exactly
+// (no false marks), and `ByteMask` turns the marks into bit i for byte i.
+inline constexpr uint64_t kWordOnes = 0x0101010101010101u;
+inline uint64_t LoadWord(const char* text) {
+  uint64_t word;
+  memcpy(&word, text, sizeof word);
+  if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
+  return word;
+}
+inline uint64_t WordBytesEqual(uint64_t word, unsigned char byte) {
+  const uint64_t x = word ^ (kWordOnes * byte);  // zero where the byte is
+  return ~(((x & (kWordOnes * 0x7f)) + kWordOnes * 0x7f) | x) & (kWordOnes * 0x80);
+}
+inline uint64_t WordDigits(uint64_t word) {
+  const uint64_t low = word & (kWordOnes * 0x7f);  // no carry leaves a byte below
+  return (low + kWordOnes * (0x80 - '0')) & ~(low + kWordOnes * (0x80 - '9' - 1)) & ~word &
+         (kWordOnes * 0x80);
+}
+inline uint32_t ByteMask(uint64_t marks) {
+  return static_cast<uint32_t>(((marks >> 7) * 0x0102040810204080u) >> 56);
 }
 
 // printf into a std::string.

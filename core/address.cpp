@@ -13,6 +13,7 @@
 #include <array>
 #include <string>
 
+#include "base/str-util.h"
 #include "core/log.h"
 #include "pelorus/core.h"
 #include "pelorus/vnet.h"
@@ -68,21 +69,45 @@ bool IsValidIPTextByScan(std::string_view text) {
 // Digits and dots need no scanner: four groups of one to three digits, each
 // at most 255, nothing after the fourth, which is what the scan accepts on
 // such text. Anything else (signs, blanks) goes through the scan itself.
+// Text of 7 to 15 bytes (the lengths four groups can have) is classified a
+// word at a time: masks of its dots and digits, then the groups between.
 bool IsValidIPText(std::string_view text) {
-  unsigned groups = 0, digits = 0, value = 0;
-  bool valid = true;  // so far, as digits and dots alone
-  for (char c : text) {
-    if (c == '.') {
-      valid = valid && digits > 0 && ++groups <= 3;
-      digits = value = 0;
-    } else if (c >= '0' && c <= '9') {
-      value = value * 10 + static_cast<unsigned>(c - '0');
-      valid = valid && ++digits <= 3 && value <= 255;
-    } else {
-      return IsValidIPTextByScan(text);
-    }
+  const size_t size = text.size();
+  if (size < 7 || size > 15)  // no four groups; only the scan may still accept it
+    return text.find_first_not_of("0123456789.") != std::string_view::npos &&
+           IsValidIPTextByScan(text);
+  uint32_t dots, digits;
+  if (size >= 8) {  // two words, the second ending with the text
+    const uint64_t head = LoadWord(text.data()), tail = LoadWord(text.data() + size - 8);
+    dots = ByteMask(WordBytesEqual(head, '.')) | ByteMask(WordBytesEqual(tail, '.')) << (size - 8);
+    digits = ByteMask(WordDigits(head)) | ByteMask(WordDigits(tail)) << (size - 8);
+  } else {
+    char word[8] = {};
+    memcpy(word, text.data(), 7);
+    const uint64_t head = LoadWord(word);
+    dots = ByteMask(WordBytesEqual(head, '.'));
+    digits = ByteMask(WordDigits(head));
   }
-  return valid && groups == 3 && digits > 0;
+  const uint32_t all = (1u << size) - 1;
+  if ((dots | digits) != all) return IsValidIPTextByScan(text);
+  // Exactly three dots: two taken away leave one.
+  const uint32_t second = dots & (dots - 1);
+  const uint32_t third = second & (second - 1);
+  if (third == 0 || (third & (third - 1)) != 0) return false;
+  bool valid = true;
+  size_t start = 0;
+  for (int group = 0; group < 4; ++group) {
+    const size_t end = group < 3 ? static_cast<size_t>(__builtin_ctz(dots)) : size;
+    dots &= dots - 1;
+    const size_t length = end - start;  // wraps when the group is empty
+    if (length == 3)
+      valid &=
+          (text[start] - '0') * 100 + (text[start + 1] - '0') * 10 + (text[start + 2] - '0') <= 255;
+    else
+      valid &= length - 1 < 2;
+    start = end + 1;
+  }
+  return valid;
 }
 
 // Text already in the standard shape (17 characters, pairs of hex digits

@@ -4,6 +4,7 @@
 
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include <string>
@@ -75,6 +76,25 @@ TEST(AddressText, JournalAddressesAndKeywordCase) {
     EXPECT_EQ(IsValidIPText(text), valid) << text;
   }
   EXPECT_FALSE(IsValidIPText(std::string_view("1.2.3.4\0", 8)));
+  // Every text made of four groups, empty to over-long or odd, between dots (or
+  // with one dot too many, too few, or a byte after them) gets the scan's
+  // answer: four numbers of at most three digits, none above 255, nothing after.
+  // Bytes next to the digits ('/', ':') and a digit with its top bit set
+  // must not pass for digits.
+  const char* groups[] = {"", "7", "09", "255", "256", "999", "0004", "+1", "1/", ":", "\xb9"};
+  for (const char* a : groups)
+    for (const char* b : groups)
+      for (const char* c : groups)
+        for (const char* d : groups)
+          for (const char* tail : {"", ".", ".5", "x", " "}) {
+            const std::string text = std::string(a) + "." + b + "." + c + "." + d + tail;
+            unsigned v[4] = {};
+            char after = 0;
+            const bool scanned = sscanf(text.c_str(), "%3u.%3u.%3u.%3u%c", &v[0], &v[1], &v[2],
+                                        &v[3], &after) == 4 &&
+                                 v[0] <= 255 && v[1] <= 255 && v[2] <= 255 && v[3] <= 255;
+            ASSERT_EQ(IsValidIPText(text), scanned) << text;
+          }
   // MACs as the journal holds them: the standard shape only changes case;
   // other shapes take the long way; the rest is refused.
   for (auto [text, standard] : {std::pair{"02:7a:3E:00:0f:ab", "02:7A:3E:00:0F:AB"},
