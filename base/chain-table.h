@@ -132,11 +132,7 @@ class ChainTable {
       throw;
     }
     const auto saved = policy_._M_state();
-    // The policy's own first test, made here: below the size it last
-    // named, it answers no without changing its state.
-    const auto [grow, count] = size_ + 1 <= saved
-                                   ? std::pair<bool, size_t>(false, 0)
-                                   : policy_._M_need_rehash(bucketOf_.count(), size_, 1);
+    const auto [grow, count] = NeedRehash(saved);
     if (grow) {
       try {
         Rehash(count, saved);
@@ -256,6 +252,28 @@ class ChainTable {
 
   size_t BucketOf(const Node* node) const { return bucketOf_(hash_(node->kv.first)); }
 
+  using Policy = std::__detail::_Prime_rehash_policy;
+
+  // Whether one more entry needs more buckets, and how many, as the policy
+  // answers (its state moves as the answer says). Two answers are known
+  // without asking: below the size the policy last named it answers no and
+  // keeps its state, and an untouched table (one bucket, no entry, the
+  // policy's first state) gets the answer every untouched table gets, asked
+  // once.
+  std::pair<bool, size_t> NeedRehash(Policy::_State state) {
+    if (size_ + 1 <= state) return {false, 0};
+    if (size_ == 0 && bucketOf_.count() == 1 && state == Policy()._M_state()) {
+      static const auto first = [] {
+        Policy policy;
+        const auto answer = policy._M_need_rehash(1, 0, 1);
+        return std::pair(answer, policy._M_state());
+      }();
+      policy_._M_reset(first.second);
+      return first.first;
+    }
+    return policy_._M_need_rehash(bucketOf_.count(), size_, 1);
+  }
+
   // The link before the node of `key` in its bucket, or null.
   template <class K>
   Link* FindBefore(size_t bucket, const K& key) const {
@@ -306,12 +324,20 @@ class ChainTable {
   // putting each node first in its new bucket, as the standard map does.
   template <class State>
   void Rehash(size_t count, const State& saved) {
-    std::unique_ptr<Link*[]> fresh;
-    try {
-      fresh.reset(new Link*[count]());
-    } catch (...) {
-      policy_._M_reset(saved);
-      throw;
+    // A small count fits the table's own buckets; the walk below reads only
+    // the list, so they may be cleared and refilled in place.
+    std::unique_ptr<Link*[]> array;
+    Link** fresh = ownBuckets_;
+    if (count <= kOwnBuckets) {
+      std::fill_n(ownBuckets_, count, nullptr);
+    } else {
+      try {
+        array.reset(new Link*[count]());
+      } catch (...) {
+        policy_._M_reset(saved);
+        throw;
+      }
+      fresh = array.get();
     }
     bucketOf_ = Remainder(count);
     Link* link = head_.next;
@@ -333,20 +359,22 @@ class ChainTable {
         first->next = node;
       }
     }
-    bucketArray_ = std::move(fresh);
-    buckets_ = bucketArray_.get();
+    if (array) bucketArray_ = std::move(array);
+    buckets_ = fresh;
   }
 
   NodePool pool_;  // destroyed after the nodes in it
   Link head_;
-  // An empty table has one bucket of its own, as the standard map does, so
-  // that a table costs no allocation until its first insert.
-  Link* singleBucket_ = nullptr;
+  // A table has buckets of its own: the one an empty table has, as the
+  // standard map does, and the 13 the policy asks for at the first insert,
+  // so that a small table costs no allocation for its buckets.
+  static constexpr size_t kOwnBuckets = 13;
+  Link* ownBuckets_[kOwnBuckets] = {};
   std::unique_ptr<Link*[]> bucketArray_;  // the buckets once there are more
-  Link** buckets_ = &singleBucket_;
+  Link** buckets_ = ownBuckets_;
   Remainder bucketOf_{1};
   size_t size_ = 0;
-  std::__detail::_Prime_rehash_policy policy_;
+  Policy policy_;
   [[no_unique_address]] Hash hash_;
   [[no_unique_address]] Equal equal_;
 };
