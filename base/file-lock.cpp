@@ -32,6 +32,7 @@ void SleepNs(uint64_t ns) {
 FileLock::FileLock(FileLock&& other) noexcept
     : fd_(std::exchange(other.fd_, -1)),
       held_(std::exchange(other.held_, false)),
+      foundMarked_(other.foundMarked_),
       path_(std::move(other.path_)),
       dev_(other.dev_),
       ino_(other.ino_) {}
@@ -41,6 +42,7 @@ FileLock& FileLock::operator=(FileLock&& other) noexcept {
     Close();
     fd_ = std::exchange(other.fd_, -1);
     held_ = std::exchange(other.held_, false);
+    foundMarked_ = other.foundMarked_;
     path_ = std::move(other.path_);
     dev_ = other.dev_;
     ino_ = other.ino_;
@@ -52,9 +54,21 @@ FileLock::~FileLock() {
   Close();
 }
 
-bool FileLock::StillLinked() const {
+// The mark is the lock file's size (one byte marked, empty not), which the
+// look taken here after every flock reports without a call of its own.
+bool FileLock::StillLinked() {
   struct stat st;
-  return stat(path_.c_str(), &st) == 0 && st.st_dev == dev_ && st.st_ino == ino_;
+  if (stat(path_.c_str(), &st) != 0 || st.st_dev != dev_ || st.st_ino != ino_) return false;
+  foundMarked_ = st.st_size > 0;
+  return true;
+}
+
+bool FileLock::SetMarked(bool marked) {
+  if (!held_) {
+    errno = ENOLCK;
+    return false;
+  }
+  return sys::ftruncate(fd_, marked ? 1 : 0) == 0;
 }
 
 void FileLock::Close() {

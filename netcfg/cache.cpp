@@ -45,10 +45,13 @@ bool LoadBinDir(PLRNetworkConfigurationDB* db, const char* function) {
   return true;
 }
 
-// Removes what compactions killed mid-way left beside the database: files
-// named like its temporaries (".<name>.XXXXXX"). Every writer of such a file
-// holds the database lock, which the caller holds, so none is in use.
-void RemoveStaleTemporaries(const char* path, const char* function) {
+// Removes what a compaction killed mid-way left beside the database: files
+// named like its temporaries (".<name>.XXXXXX"). Called only when the lock
+// file is marked, that is when a holder of the lock, held now by the
+// caller, died with a temporary; so no temporary in use is touched, and a
+// merge's restore point of that name is left alone while no writer died.
+// The mark is cleared once the directory was read to its end.
+void RemoveStaleTemporaries(const char* path, FileLock& lock, const char* function) {
   std::string_view p(path);
   const size_t slash = p.rfind('/');
   const std::string dir =
@@ -63,6 +66,7 @@ void RemoveStaleTemporaries(const char* path, const char* function) {
     if (sys::unlink(stale.c_str()) == 0)
       PLOG_AS(function, LOG_INFO, "Removed stale temporary file: %s", stale.c_str());
   }
+  lock.SetMarked(false);  // should this fail, the next holder looks again
 }
 
 // Reads the file at the cache's path again from the start and puts its
@@ -154,7 +158,7 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
   db->readOnly = readOnly;
   db->fileName = path;
   if (!NetCfgReadDatabase(db, db->stream.get(), function)) return false;
-  if (db->lock.held()) RemoveStaleTemporaries(path, function);
+  if (db->lock.held() && db->lock.foundMarked()) RemoveStaleTemporaries(path, db->lock, function);
   if (db->lock.held() && !db->lock.Unlock()) {
     PLOG_AS(function, LOG_ERR, "Failed to unlock database file: %s, error: %s", path,
             strerror(errno));
@@ -166,14 +170,20 @@ bool FillCache(PLRNetworkConfigurationDB* db, const char* path, bool backup, boo
 // Rewrites the database file from the cache: temporary file beside it with
 // the database's permissions, complete and on disk, then renamed over the
 // database, then the directory made durable. Any failure leaves the journal
-// as it was.
-void Compact(PLRNetworkConfigurationDB* db, const char* function) {
+// as it was. `lock` is the database lock, held: it is marked while the
+// temporary file exists, so that a load after a crash removes it.
+void Compact(PLRNetworkConfigurationDB* db, FileLock& lock, const char* function) {
   // What other writers added since this cache last looked is part of the new
   // file too; when it cannot be read the journal stays as it is.
   if (!NetCfgCatchUp(db, function)) return;
   const char* path = db->fileName.c_str();
   struct stat st;
   const mode_t mode = stat(path, &st) == 0 ? st.st_mode & 07777 : 0600;
+  // An unmarked lock file only costs a crash its cleanup, so the
+  // compaction goes on without the mark; the mark goes once the file below
+  // is gone (renamed or removed), as it is declared first.
+  lock.SetMarked(true);
+  ScopeExit unmark([&lock] { lock.SetMarked(false); });
   PendingFile file;
   if (!NetCfgWriteDatabaseFile(db, &file, path, mode, false)) {
     PLOG_AS(function, LOG_ERR, "Failed to write to temp database file: %s",
@@ -205,7 +215,7 @@ void CompactLocked(PLRNetworkConfigurationDB* db, const char* function) {
             LockErrorText(errno));
     return;
   }
-  Compact(db, function);
+  Compact(db, db->lock.held() ? db->lock : ownLock, function);
 }
 
 }  // namespace

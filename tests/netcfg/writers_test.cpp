@@ -1,11 +1,16 @@
 // Several caches over one database file, in one process or in several: every
 // change made under the lock survives every other cache's appends,
-// compactions and reloads; stale temporaries of killed compactions go at load.
+// compactions and reloads; what a killed compaction left goes at the next load.
+#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <memory>
 #include <set>
+#include <vector>
 
+#include "base/sys-util.h"
 #include "tests/netcfg/netcfg_util.h"
 
 namespace plr::test {
@@ -157,24 +162,76 @@ TEST(SeveralWriters, ProcessesChangingAndCompactingAtOnceLoseNothing) {
   ExpectAllLanded(expected);
 }
 
-// A writable load removes the temporaries of compactions that were killed
-// (they are only ever written under the lock the load holds); a read-only
-// load and files of other names are left alone.
-TEST(SeveralWriters, LoadRemovesStaleCompactionTemporaries) {
+// The files beside the database named like its temporaries.
+std::vector<std::string> Temporaries() {
+  constexpr std::string_view kPrefix = ".networking.";
+  std::vector<std::string> names;
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir("/etc/tarsis"), closedir);
+  while (const struct dirent* entry = dir ? readdir(dir.get()) : nullptr) {
+    const std::string_view name(entry->d_name);
+    if (name.size() == kPrefix.size() + 6 && name.substr(0, kPrefix.size()) == kPrefix)
+      names.emplace_back(name);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// A compaction killed between writing its temporary and renaming it leaves
+// the temporary and a marked lock file: the next writable load removes the
+// temporary and the mark (a read-only load holds no lock and removes
+// nothing). While no writer died, a load looks at no temporary: a merge's
+// restore point of the same shape, and files of other names, stay.
+TEST(SeveralWriters, LoadRemovesWhatAKilledCompactionLeft) {
   WriteDatabase("answer K v\n");
-  const std::string stale = "/etc/tarsis/.networking.Ab12Cd", other = "/etc/tarsis/.networking.x",
-                    user = "/etc/tarsis/networking.mine";
-  for (const std::string& path : {stale, other, user}) WriteFile(path, "VERSION=1,0\n");
-  Db db = LoadCache(kDatabasePath, false, true);
+  LogWhileUnloaded();
+  const std::string restorePoint = "/etc/tarsis/.networking.Ab12Cd",
+                    other = "/etc/tarsis/.networking.x", user = "/etc/tarsis/networking.mine";
+  for (const std::string& path : {restorePoint, other, user}) WriteFile(path, "VERSION=1,0\n");
+  Db db = LoadCache();
   ASSERT_NE(db, nullptr);
   PLRNetCfgUnload(&db, false);
-  EXPECT_TRUE(FileExists(stale)) << "a read-only load holds no lock and removes nothing";
+  EXPECT_EQ(Temporaries(), std::vector<std::string>{".networking.Ab12Cd"});
+  EXPECT_EQ(ReadFile("/etc/tarsis/networking.lck"), "");
+
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    Db dying = LoadCache();
+    if (dying == nullptr || !Change(dying, "D", 0)) _exit(1);
+    sys::calls().rename = [](const char*, const char*) -> int { _exit(0); };
+    PLRNetCfgUnload(&dying, true);
+    _exit(2);  // the compaction never got to the rename
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  ASSERT_EQ(Temporaries().size(), 2u) << "the dead compaction's temporary is left";
+  EXPECT_EQ(ReadFile("/etc/tarsis/networking.lck").size(), 1u) << "and the lock file marked";
+
+  ASSERT_NE(db = LoadCache(kDatabasePath, false, true), nullptr);
+  PLRNetCfgUnload(&db, false);
+  EXPECT_EQ(Temporaries().size(), 2u) << "a read-only load holds no lock and removes nothing";
   ASSERT_NE(db = LoadCache(), nullptr);
   PLRNetCfgUnload(&db, false);
-  EXPECT_FALSE(FileExists(stale));
+  EXPECT_EQ(Temporaries(), std::vector<std::string>{});
+  EXPECT_EQ(LogCount("Removed stale temporary file: /etc/tarsis/.networking."), 2u);
+  EXPECT_EQ(ReadFile("/etc/tarsis/networking.lck"), "");
   EXPECT_TRUE(FileExists(other));
   EXPECT_TRUE(FileExists(user));
-  EXPECT_EQ(StateOfFile(), "answer K v\n");
+  EXPECT_EQ(StateOfFile(), "answer D_0 v0\nanswer K v\n") << "the journal kept the dead change";
+
+  // A compaction that completes clears its mark; one that cannot mark the
+  // lock file still completes.
+  for (bool markFails : {false, true}) {
+    ASSERT_NE(db = LoadCache(), nullptr);
+    ASSERT_TRUE(Change(db, "C", markFails ? 4 : 8));
+    if (markFails) sys::FailNth(sys::Op::kFtruncate, 1, EIO);
+    PLRNetCfgUnload(&db, true);
+    sys::ClearFaults();
+    EXPECT_EQ(Temporaries(), std::vector<std::string>{});
+    EXPECT_EQ(ReadFile("/etc/tarsis/networking.lck"), "");
+  }
+  EXPECT_EQ(StateOfFile(), "answer C_4 v4\nanswer C_8 v8\nanswer D_0 v0\nanswer K v\n");
 }
 
 }  // namespace
