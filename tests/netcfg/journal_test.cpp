@@ -280,6 +280,7 @@ TEST_F(CacheTest, ReadOnlyUnchangedOrMissingCacheLeavesTheFileByteForByte) {
     EXPECT_TRUE(*step.appended == '\0' || step.removeAll || &step == &kSteps[8] ||
                 !step.run(nullptr));
   EXPECT_FALSE(PLRNetCfgLockConfig(nullptr));
+  EXPECT_TRUE(PLRNetCfgUnlockConfig(nullptr)) << "nothing locked is nothing to unlock";
 }
 
 }  // namespace
