@@ -109,6 +109,10 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   }
   for (const char* path : {"/tmp/adir", "/tmp/dangling", "/tmp/missing"})
     EXPECT_FALSE(PLRNetCfgImportConfig(path, kDatabasePath)) << path;
+  // A legacy host address that is no address stops the import.
+  WriteFile(kBackup, "answer VNET_3_HOSTONLY_HOSTADDR 999.1.2.3\nanswer VNET_3_DHCP yes\n");
+  EXPECT_FALSE(PLRNetCfgImportConfig(kBackup, kDatabasePath));
+  EXPECT_TRUE(LogHas("Failed to update HOSTONLY_HOSTADDR record, aborting"));
   EXPECT_EQ(Database(), old);
   EXPECT_FALSE(FileExists("/etc/tarsis/networking.bak.0"));
   WriteFile(kBackup,
@@ -140,6 +144,30 @@ TEST_F(WholeDatabase, ImportUpgradesLegacyFieldsAndDropsWhatItCannotRead) {
   ASSERT_TRUE(PLRNetCfgAddAnswerString(nullptr, "VNET_9_MTU", "1280"));  // writes through
   EXPECT_NE(Database().find("answer VNET_9_MTU 1280\n"), std::string::npos);
   EXPECT_EQ(Database().rfind("VERSION=1,0\n", 0), 0u);
+}
+
+// A merge restarts NAT on a vnet whose forwards of a protocol differ in
+// any way from the running ones: one more or one fewer, another address,
+// port or description. The same forwards in another order are no change.
+TEST_F(WholeDatabase, PortForwardsCompareEqualOnlyWhenTheSame) {
+  Load("add_nat_portfwd 3 tcp 80 10.0.0.2 80 web\nadd_nat_portfwd 3 tcp 443 10.0.0.2 443\n");
+  const std::string web = "add_nat_portfwd 3 tcp 80 10.0.0.2 80 web\n",
+                    tls = "add_nat_portfwd 3 tcp 443 10.0.0.2 443\n";
+  for (const auto& [forwards, differs] :
+       {std::pair{tls + web, false},
+        {web, true},
+        {web + tls + "add_nat_portfwd 3 tcp 8080 10.0.0.2 80\n", true},
+        {"add_nat_portfwd 3 tcp 80 10.0.0.2 80 www\n" + tls, true},
+        {web + "add_nat_portfwd 3 tcp 443 10.0.0.3 443\n", true},
+        {web + "add_nat_portfwd 3 tcp 443 10.0.0.2 8443\n", true},
+        {std::string("answer VNET_3_NAT yes\n"), true}}) {
+    WriteFile(kBackup, "BACKUP_VERSION=1,0\n" + forwards);
+    PLRNetworkConfigurationDB* db = nullptr;
+    ASSERT_TRUE(PLRNetCfgLoad(kBackup, &db, true, true)) << forwards;
+    EXPECT_EQ(PLRNetCfgMergeConfigPortFwdCmpHash(db, true, 3), differs) << forwards;
+    EXPECT_FALSE(PLRNetCfgMergeConfigPortFwdCmpHash(db, false, 3)) << "no UDP forwards either side";
+    PLRNetCfgUnload(&db, false);
+  }
 }
 
 // vnet 1 bridges eth1; vnet 2 bridges eth2 and runs NAT.
