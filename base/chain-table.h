@@ -6,10 +6,12 @@
 // asks the library's own growth policy when to rehash and to what size.
 //
 // What it does differently is cost: the bucket of a hash code is found by
-// multiplying with the reciprocal of the bucket count instead of dividing
-// (a chain walk asks it for every node it passes), a table keeps its nodes
-// in chunks of its own (NodePool), and a lookup may use any type the hash
-// and the equality accept (a view of the key text). A node holds what the
+// multiplying with the reciprocal of the bucket count instead of dividing,
+// each link carries a bit saying whether the next node is in another bucket
+// (so a walk of one bucket neither works out the buckets of the nodes it
+// passes nor touches the node after its last), a table keeps its nodes in
+// chunks of its own (NodePool), and a lookup may use any type the hash and
+// the equality accept (a view of the key text). A node holds what the
 // map's node holds, the link and the entry, no more. Only unique keys;
 // nodes stay where they are until erased.
 #pragma once
@@ -29,8 +31,15 @@ namespace plr {
 
 template <class Key, class Value, class Hash, class Equal = std::equal_to<>>
 class ChainTable {
+  // The link to the next node. Its low bit (free: nodes are aligned) is set
+  // when that node lies in another bucket than the node holding the link, or
+  // there is none, so a walk of one bucket stops without touching the node
+  // after it.
   struct Link {
-    Link* next = nullptr;
+    Link* next() const { return reinterpret_cast<Link*>(bits & ~uintptr_t{1}); }
+    bool endsBucket() const { return (bits & 1) != 0; }
+    void Set(Link* to, bool ends) { bits = reinterpret_cast<uintptr_t>(to) | (ends ? 1u : 0u); }
+    uintptr_t bits = 0;
   };
   struct Node : Link {
     template <class K, class... Args>
@@ -59,7 +68,7 @@ class ChainTable {
     reference operator*() const { return node_->kv; }
     pointer operator->() const { return &node_->kv; }
     Iter& operator++() {
-      node_ = AsNode(node_->next);
+      node_ = AsNode(node_->next());
       return *this;
     }
     Iter operator++(int) {
@@ -81,25 +90,25 @@ class ChainTable {
   ChainTable(const ChainTable&) = delete;
   ChainTable& operator=(const ChainTable&) = delete;
   ~ChainTable() {
-    for (Link* link = head_.next; link != nullptr;) {
+    for (Link* link = head_.next(); link != nullptr;) {
       Node* node = AsNode(link);
-      link = link->next;
+      link = link->next();
       node->~Node();  // the pool frees the room
     }
   }
 
   size_t size() const { return size_; }
   bool empty() const { return size_ == 0; }
-  iterator begin() { return iterator(AsNode(head_.next)); }
+  iterator begin() { return iterator(AsNode(head_.next())); }
   iterator end() { return iterator(); }
-  const_iterator begin() const { return const_iterator(AsNode(head_.next)); }
+  const_iterator begin() const { return const_iterator(AsNode(head_.next())); }
   const_iterator end() const { return const_iterator(); }
 
   // The entry of `key`, or end().
   template <class K>
   iterator find(const K& key) {
     Link* before = FindBefore(bucketOf_(hash_(key)), key);
-    return before == nullptr ? end() : iterator(AsNode(before->next));
+    return before == nullptr ? end() : iterator(AsNode(before->next()));
   }
   template <class K>
   const_iterator find(const K& key) const {
@@ -122,7 +131,7 @@ class ChainTable {
     const size_t code = hash_(key);
     size_t bucket = bucketOf_(code);
     if (Link* before = FindBefore(bucket, key); before != nullptr)
-      return {iterator(AsNode(before->next)), false};
+      return {iterator(AsNode(before->next())), false};
     void* room = pool_.Take(size_);
     Node* node;
     try {
@@ -151,8 +160,8 @@ class ChainTable {
   iterator erase(const_iterator pos) {
     Node* node = pos.node_;
     Link* before = buckets_[BucketOf(node)];
-    while (before->next != node) before = before->next;
-    Node* after = AsNode(node->next);
+    while (before->next() != node) before = before->next();
+    Node* after = AsNode(node->next());
     Unlink(before, node);
     return iterator(after);
   }
@@ -163,7 +172,7 @@ class ChainTable {
   size_t erase(const K& key) {
     Link* before = FindBefore(bucketOf_(hash_(key)), key);
     if (before == nullptr) return 0;
-    Unlink(before, AsNode(before->next));
+    Unlink(before, AsNode(before->next()));
     return 1;
   }
 
@@ -191,7 +200,7 @@ class ChainTable {
     void* Take(size_t tableSize) {
       if (free_ != nullptr) {
         Link* room = free_;
-        free_ = room->next;
+        free_ = room->next();
         return room;
       }
       if (left_ == 0) {
@@ -207,7 +216,11 @@ class ChainTable {
       return next_++;
     }
     // Takes back room no node was built in.
-    void Return(void* room) { free_ = new (room) Link{free_}; }
+    void Return(void* room) {
+      Link* link = new (room) Link;
+      link->Set(free_, false);
+      free_ = link;
+    }
     // Destroys `node` and keeps its room.
     void Free(Node* node) {
       node->~Node();
@@ -279,43 +292,46 @@ class ChainTable {
   Link* FindBefore(size_t bucket, const K& key) const {
     Link* before = buckets_[bucket];
     if (before == nullptr) return nullptr;
-    for (Node* node = AsNode(before->next);; node = AsNode(node->next)) {
+    for (Node* node = AsNode(before->next());; node = AsNode(node->next())) {
       if (equal_(node->kv.first, key)) return before;
-      if (node->next == nullptr || BucketOf(AsNode(node->next)) != bucket) return nullptr;
+      if (node->endsBucket()) return nullptr;
       before = node;
     }
   }
 
   // A new node goes first in its bucket; the first node of an empty bucket
-  // goes first in the whole list.
+  // goes first in the whole list. The link before a bucket lies outside it,
+  // so its mark stays as it was.
   void LinkFirstInBucket(Node* node, size_t bucket) {
     Link*& first = buckets_[bucket];
     if (first != nullptr) {
-      node->next = first->next;
-      first->next = node;
+      node->Set(first->next(), false);
+      first->Set(node, first->endsBucket());
       return;
     }
-    node->next = head_.next;
-    head_.next = node;
-    if (node->next != nullptr) buckets_[BucketOf(AsNode(node->next))] = node;
+    Link* const oldFront = head_.next();
+    node->Set(oldFront, true);
+    head_.Set(node, true);
+    if (oldFront != nullptr) buckets_[BucketOf(AsNode(oldFront))] = node;
     first = &head_;
   }
 
   // Takes `node` out of the list after `before` and frees it, keeping every
   // bucket pointing at the link before its first node.
   void Unlink(Link* before, Node* node) {
-    Node* next = AsNode(node->next);
+    Node* next = AsNode(node->next());
     const size_t bucket = BucketOf(node);
-    const size_t nextBucket = next != nullptr ? BucketOf(next) : bucket;
-    if (before == buckets_[bucket]) {
-      if (next == nullptr || nextBucket != bucket) {  // the bucket empties
-        if (next != nullptr) buckets_[nextBucket] = buckets_[bucket];
+    const bool last = node->endsBucket();  // of its bucket
+    if (before == buckets_[bucket]) {      // the first: `before` lies outside the bucket
+      if (last) {                          // the bucket empties
+        if (next != nullptr) buckets_[BucketOf(next)] = buckets_[bucket];
         buckets_[bucket] = nullptr;
       }
-    } else if (nextBucket != bucket) {
-      buckets_[nextBucket] = before;
+      before->Set(next, before->endsBucket());
+    } else {  // `before` is in the bucket, and ends it when `node` did
+      if (last && next != nullptr) buckets_[BucketOf(next)] = before;
+      before->Set(next, last);
     }
-    before->next = next;
     pool_.Free(node);
     --size_;
   }
@@ -340,23 +356,24 @@ class ChainTable {
       fresh = array.get();
     }
     bucketOf_ = Remainder(count);
-    Link* link = head_.next;
-    head_.next = nullptr;
+    Link* link = head_.next();
+    head_.Set(nullptr, true);
     size_t firstBucket = 0;
     while (link != nullptr) {
       Node* node = AsNode(link);
-      link = link->next;
+      link = link->next();
       const size_t bucket = BucketOf(node);
       Link*& first = fresh[bucket];
       if (first == nullptr) {
-        node->next = head_.next;
-        head_.next = node;
+        Link* const oldFront = head_.next();
+        node->Set(oldFront, true);
+        head_.Set(node, true);
         first = &head_;
-        if (node->next != nullptr) fresh[firstBucket] = node;
+        if (oldFront != nullptr) fresh[firstBucket] = node;
         firstBucket = bucket;
       } else {
-        node->next = first->next;
-        first->next = node;
+        node->Set(first->next(), false);
+        first->Set(node, first->endsBucket());
       }
     }
     if (array) bucketArray_ = std::move(array);
