@@ -299,19 +299,24 @@ class ChainTable {
     }
   }
 
+  // Puts `node` right after `before`, the link before a bucket (so outside
+  // it: its mark stays as it was). `ends` says whether the node after it is
+  // in another bucket: true when it goes first in the whole list.
+  static void LinkAfter(Link* before, Node* node, bool ends) {
+    node->Set(before->next(), ends);
+    before->Set(node, before->endsBucket());
+  }
+
   // A new node goes first in its bucket; the first node of an empty bucket
-  // goes first in the whole list. The link before a bucket lies outside it,
-  // so its mark stays as it was.
+  // goes first in the whole list.
   void LinkFirstInBucket(Node* node, size_t bucket) {
     Link*& first = buckets_[bucket];
     if (first != nullptr) {
-      node->Set(first->next(), false);
-      first->Set(node, first->endsBucket());
+      LinkAfter(first, node, false);
       return;
     }
     Link* const oldFront = head_.next();
-    node->Set(oldFront, true);
-    head_.Set(node, true);
+    LinkAfter(&head_, node, true);
     if (oldFront != nullptr) buckets_[BucketOf(AsNode(oldFront))] = node;
     first = &head_;
   }
@@ -365,15 +370,12 @@ class ChainTable {
       const size_t bucket = BucketOf(node);
       Link*& first = fresh[bucket];
       if (first == nullptr) {
-        Link* const oldFront = head_.next();
-        node->Set(oldFront, true);
-        head_.Set(node, true);
+        if (head_.next() != nullptr) fresh[firstBucket] = node;
+        LinkAfter(&head_, node, true);
         first = &head_;
-        if (oldFront != nullptr) fresh[firstBucket] = node;
         firstBucket = bucket;
       } else {
-        node->Set(first->next(), false);
-        first->Set(node, first->endsBucket());
+        LinkAfter(first, node, false);
       }
     }
     if (array) bucketArray_ = std::move(array);

@@ -12,7 +12,17 @@
 namespace plr {
 namespace {
 
-// Directory part of `path`: "." without a slash, "/" for a top-level file.
+// A temporary's name: ".<name of the target>." and this many random letters.
+constexpr size_t kRandomLetters = 6;
+
+std::string TemporaryPrefix(const char* path) {
+  std::string_view p(path);
+  const size_t slash = p.rfind('/');
+  return "." + std::string(slash == std::string_view::npos ? p : p.substr(slash + 1)) + ".";
+}
+
+}  // namespace
+
 std::string DirName(const char* path) {
   std::string_view p(path);
   size_t slash = p.rfind('/');
@@ -21,7 +31,10 @@ std::string DirName(const char* path) {
   return std::string(p.substr(0, slash));
 }
 
-}  // namespace
+bool IsPendingFileName(const char* path, std::string_view name) {
+  const std::string prefix = TemporaryPrefix(path);
+  return name.size() == prefix.size() + kRandomLetters && name.substr(0, prefix.size()) == prefix;
+}
 
 // Like mkstemp, but through the fault-injectable open; a name taken by
 // someone else is retried with new random letters.
@@ -31,14 +44,14 @@ bool PendingFile::Create(const char* path, mode_t mode) {
   committed_ = false;
   path_ = path;
   std::string_view p(path);
-  size_t slash = p.rfind('/');
-  std::string prefix = slash == std::string_view::npos ? "." + std::string(p)
-                                                       : std::string(p.substr(0, slash + 1)) + "." +
-                                                             std::string(p.substr(slash + 1));
+  const size_t slash = p.rfind('/');
+  const std::string prefix =
+      (slash == std::string_view::npos ? std::string() : std::string(p.substr(0, slash + 1))) +
+      TemporaryPrefix(path);
   for (int attempt = 0; attempt < 100; ++attempt) {
-    unsigned char bytes[6];
+    unsigned char bytes[kRandomLetters];
     if (!CryptoRandom(bytes, sizeof bytes)) return false;
-    std::string name = prefix + ".";
+    std::string name = prefix;
     for (unsigned char b : bytes) name += kChars[b % (sizeof kChars - 1)];
     temp_ = std::move(name);
     fd_.reset(sys::open(temp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));

@@ -51,6 +51,13 @@ class PendingFile {
   bool committed_ = false;
 };
 
+// The directory part of `path`: "." without a slash, "/" for a top-level file.
+std::string DirName(const char* path);
+
+// Whether `name`, an entry of the directory of `path`, is named as the
+// temporaries PendingFile makes for `path` are (".<name>.XXXXXX").
+bool IsPendingFileName(const char* path, std::string_view name);
+
 // Replaces `path` with `data` through a PendingFile: write a temporary file
 // beside it, fsync it, rename it over `path`, fsync the directory. The file gets exactly `mode`
 // (no umask). On any failure up to the rename the temporary file is removed,

@@ -52,17 +52,13 @@ bool LoadBinDir(PLRNetworkConfigurationDB* db, const char* function) {
 // merge's restore point of that name is left alone while no writer died.
 // The mark is cleared once the directory was read to its end.
 void RemoveStaleTemporaries(const char* path, FileLock& lock, const char* function) {
-  std::string_view p(path);
-  const size_t slash = p.rfind('/');
-  const std::string dir =
-      slash == std::string_view::npos ? "." : std::string(p.substr(0, slash + 1));
-  const std::string prefix = "." + std::string(p.substr(slash + 1)) + ".";
+  std::string dir = DirName(path);
   std::unique_ptr<DIR, int (*)(DIR*)> d(opendir(dir.c_str()), closedir);
   if (!d) return;
+  if (dir.back() != '/') dir += '/';
   while (const struct dirent* entry = readdir(d.get())) {
-    std::string_view name(entry->d_name);
-    if (name.size() != prefix.size() + 6 || name.substr(0, prefix.size()) != prefix) continue;
-    const std::string stale = dir + std::string(name);
+    if (!IsPendingFileName(path, entry->d_name)) continue;
+    const std::string stale = dir + entry->d_name;
     if (sys::unlink(stale.c_str()) == 0)
       PLOG_AS(function, LOG_INFO, "Removed stale temporary file: %s", stale.c_str());
   }
