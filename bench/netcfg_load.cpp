@@ -48,6 +48,11 @@ std::string MixedJournal(int n) {
   return out;
 }
 
+// Every case runs at 1k, 10k and 100k records, so that the growth shows.
+void AtEachSize(benchmark::internal::Benchmark* b) {
+  b->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+}
+
 void WriteJournal(int n) {
   plr::test::WriteFile(kPath, MixedJournal(n));
 }
@@ -77,7 +82,7 @@ void BM_LoadJournal(benchmark::State& state) {
   WriteJournal(static_cast<int>(state.range(0)));
   LoadJournal(state);
 }
-BENCHMARK(BM_LoadJournal)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadJournal)->Apply(AtEachSize);
 
 // Read the journal and split it into lines: what a load costs at least.
 void LineSplit(benchmark::State& state) {
@@ -106,11 +111,7 @@ void BM_LoadBaselineLineSplit(benchmark::State& state) {
   WriteJournal(static_cast<int>(state.range(0)));
   LineSplit(state);
 }
-BENCHMARK(BM_LoadBaselineLineSplit)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadBaselineLineSplit)->Apply(AtEachSize);
 
 // Second baseline: the same file through the library's own line reader
 // (the reader the loader uses), so the ratio shows the cost of parsing and
@@ -129,11 +130,7 @@ void BM_LoadBaselineLineReader(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(BM_LoadBaselineLineReader)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadBaselineLineReader)->Apply(AtEachSize);
 
 // A journal as compaction leaves it, beside the same baseline: records of
 // one table follow each other, so the replay stays in fewer tables' memory
@@ -142,21 +139,13 @@ void BM_LoadCompactedJournal(benchmark::State& state) {
   WriteCompactedJournal(static_cast<int>(state.range(0)));
   LoadJournal(state);
 }
-BENCHMARK(BM_LoadCompactedJournal)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadCompactedJournal)->Apply(AtEachSize);
 
 void BM_LoadCompactedBaselineLineSplit(benchmark::State& state) {
   WriteCompactedJournal(static_cast<int>(state.range(0)));
   LineSplit(state);
 }
-BENCHMARK(BM_LoadCompactedBaselineLineSplit)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoadCompactedBaselineLineSplit)->Apply(AtEachSize);
 
 void BM_Compact(benchmark::State& state) {
   WriteJournal(static_cast<int>(state.range(0)));
@@ -169,7 +158,7 @@ void BM_Compact(benchmark::State& state) {
     PLRNetCfgUnload(&db, true);
   }
 }
-BENCHMARK(BM_Compact)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Compact)->Apply(AtEachSize);
 
 // The rewrite alone (collect, sort, format, write, fsync), without the
 // release of the cache that a compacting unload also does.
@@ -183,7 +172,7 @@ void BM_WriteDatabaseFile(benchmark::State& state) {
   }
   PLRNetCfgUnload(&db, false);
 }
-BENCHMARK(BM_WriteDatabaseFile)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriteDatabaseFile)->Apply(AtEachSize);
 
 // Baseline: the same bytes written to a temporary file in 64 KiB chunks,
 // fsync, rename over the database.
@@ -200,11 +189,7 @@ void BM_CompactBaselineWriteRename(benchmark::State& state) {
     rename("/etc/tarsis/.networking.base", kPath);
   }
 }
-BENCHMARK(BM_CompactBaselineWriteRename)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CompactBaselineWriteRename)->Apply(AtEachSize);
 
 // Bytes the allocator has handed out: heap blocks and blocks mapped on
 // their own (large arrays).
@@ -230,11 +215,6 @@ void BM_CacheMemory(benchmark::State& state) {
   state.counters["file_bytes"] = fileBytes;
   state.counters["cache_per_file"] = cacheBytes / fileBytes;
 }
-BENCHMARK(BM_CacheMemory)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Arg(100000)
-    ->Iterations(3)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CacheMemory)->Apply(AtEachSize)->Iterations(3);
 
 }  // namespace
