@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <string.h>
 #include <sys/stat.h>
 
 #include "base/fd-util.h"
@@ -121,28 +122,36 @@ bool SpillBuffer::Flush() {
   return false;
 }
 
-bool ReadWholeFile(const char* path, std::string* out) {
+bool ReadWholeFile(const char* path, FileBytes* out) {
+  *out = FileBytes();
   UniqueFd fd(sys::open(path, O_RDONLY | O_CLOEXEC));
   if (!fd) return false;
-  out->clear();
-  // Read straight into the string, sized from fstat; a file that grows
-  // meanwhile (or a size fstat cannot tell) is followed to its end.
+  // Read straight into a buffer sized from fstat, one byte more so that
+  // the end shows without a second buffer; a file that grows meanwhile (or
+  // a size fstat cannot tell) is followed to its end.
   struct stat st;
-  size_t size = fstat(fd.get(), &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  out->resize(size + 1);
+  size_t room = fstat(fd.get(), &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
+  room += 1;
+  auto data = std::make_unique_for_overwrite<char[]>(room);
   size_t have = 0;
   for (;;) {
-    if (have == out->size()) out->resize(out->size() * 2 + 65536);
-    ssize_t n = sys::read(fd.get(), out->data() + have, out->size() - have);
+    if (have == room) {
+      const size_t larger = room * 2 + 65536;
+      auto grown = std::make_unique_for_overwrite<char[]>(larger);
+      memcpy(grown.get(), data.get(), have);
+      data = std::move(grown);
+      room = larger;
+    }
+    ssize_t n = sys::read(fd.get(), data.get() + have, room - have);
     if (n < 0) {
       if (errno == EINTR) continue;
-      out->clear();
       return false;
     }
     if (n == 0) break;
     have += static_cast<size_t>(n);
   }
-  out->resize(have);
+  out->data_ = std::move(data);
+  out->size_ = have;
   return true;
 }
 

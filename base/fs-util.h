@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -98,8 +99,21 @@ class SpillBuffer {
   int error_ = 0;          // errno of the first failed write
 };
 
-// Reads the whole file; false with errno set.
-bool ReadWholeFile(const char* path, std::string* out);
+// The bytes of a whole file, in memory that was not cleared before the
+// read filled it (a file of megabytes is not written twice).
+class FileBytes {
+ public:
+  std::string_view view() const { return {data_.get(), size_}; }
+  size_t size() const { return size_; }
+
+ private:
+  friend bool ReadWholeFile(const char* path, FileBytes* out);
+  std::unique_ptr<char[]> data_;
+  size_t size_ = 0;
+};
+
+// Reads the whole file; false with errno set (and `out` then empty).
+bool ReadWholeFile(const char* path, FileBytes* out);
 
 // fsync of the directory holding `path`; false with errno set.
 bool FsyncParentDir(const char* path);

@@ -149,7 +149,7 @@ struct MergeState {
   std::string databasePath;
   bool defaultWasReadOnly = false;
   std::string restorePoint;
-  std::string oldDatabase;  // the database file's bytes before the merge
+  FileBytes oldDatabase;  // the database file's bytes before the merge
   std::vector<ChangedVnet> changed;
   size_t touched = 0;  // changed vnets whose services were stopped
   bool databaseReplaced = false;
@@ -164,7 +164,7 @@ void RollBackMerge(const MergeState& s) {
   if (s.databaseReplaced) {
     // The default cache holds the merged settings when their reload worked.
     if (netCfgDefaultCache != nullptr) PLRNetCfgUnload(nullptr, false);
-    restored = ReplaceFileAtomically(s.databasePath.c_str(), s.oldDatabase, 0600);
+    restored = ReplaceFileAtomically(s.databasePath.c_str(), s.oldDatabase.view(), 0600);
     if (restored)
       PLOG_AS(s.function, LOG_INFO, "Restored config from backup file: %s", s.restorePoint.c_str());
     else

@@ -408,11 +408,13 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
             strerror(errno));
     return false;
   };
-  std::string old;
+  plr::FileBytes oldFile;
   plr::DhcpBlockPos keep;
   plr::Sha1::Digest keptDigest{};
   bool created = false;
-  if (plr::ReadWholeFile(path, &old)) {
+  std::string_view old;  // the old file's text, while oldFile holds it
+  if (plr::ReadWholeFile(path, &oldFile)) {
+    old = oldFile.view();
     keep = plr::CheckOldBlock(__func__, vnet, old, &keptDigest);
     if (!plr::BackUpDhcpConfig(__func__, vnet, path)) return trace.Exit(false);
   } else if (errno == ENOENT) {
@@ -439,7 +441,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   plr::SpillBuffer out(file.fd());
   if (keep.start != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%d-%li", 0, keep.start);
-    out.text().append(old, 0, static_cast<size_t>(keep.start));
+    out.text().append(old.substr(0, static_cast<size_t>(keep.start)));
   } else {
     plr::AppendHeader(out.text(), vnet);
   }
@@ -447,9 +449,9 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   // A block regenerated unchanged is compared with the kept one, not hashed
   // a second time.
   if (keep.end != 0) {
-    sha.ExpectRepeatOf(std::string_view(old).substr(static_cast<size_t>(keep.start),
-                                                    static_cast<size_t>(keep.end - keep.start)),
-                       keptDigest);
+    sha.ExpectRepeatOf(
+        old.substr(static_cast<size_t>(keep.start), static_cast<size_t>(keep.end - keep.start)),
+        keptDigest);
   }
   out.HashFromHere(&sha);
   if (!plr::AppendBlock(__func__, out, vnet)) return trace.Exit(false);
@@ -459,7 +461,7 @@ PLR_EXPORT bool PLRDHCPWriteDHCPCfg(uint32_t vnet) {
   std::string_view after;
   if (keep.end != 0) {
     PLOG(LOG_INFO2, "Copying from backup file, pos:%li-%d", keep.end, static_cast<int>(old.size()));
-    after = std::string_view(old).substr(static_cast<size_t>(keep.end));
+    after = old.substr(static_cast<size_t>(keep.end));
   }
   if (!out.Flush() || !plr::sys::WriteAll(file.fd(), after.data(), after.size())) {
     return trace.Exit(cannotCreate());

@@ -444,18 +444,23 @@ TEST(ReplaceFile, ReplacesWithExactModeOrKeepsTheOldFileOnAnyFault) {
   EXPECT_TRUE(test::ReadFile(kFile) == data);
   ASSERT_EQ(chdir("/tmp/r"), 0);
   ASSERT_TRUE(ReplaceFileAtomically("networking", "", 0600));  // a relative path
-  std::string out = "stale";
-  EXPECT_TRUE(ReadWholeFile(kFile, &out) && out.empty());
+  FileBytes out;
+  ASSERT_TRUE(ReadWholeFile(kFile, &out));
+  EXPECT_EQ(out.size(), 0u);
   EXPECT_FALSE(ReadWholeFile("/tmp/absent", &out));
+  // A file whose size fstat does not tell is read to its end all the same.
+  ASSERT_TRUE(ReadWholeFile("/proc/self/status", &out));
+  EXPECT_EQ(out.view().substr(0, 5), "Name:");
+  EXPECT_NE(out.view().find("\nPid:"), std::string_view::npos);
   // An interrupted read is retried; a failed one fails the whole read.
   test::WriteFile(kFile, data);
   sys::FailNth(sys::Op::kRead, 1, EINTR);
-  EXPECT_TRUE(ReadWholeFile(kFile, &out) && out == data);
+  EXPECT_TRUE(ReadWholeFile(kFile, &out) && out.view() == data);
   sys::FailNth(sys::Op::kRead, 2, EIO);
   errno = 0;
   EXPECT_FALSE(ReadWholeFile(kFile, &out));
   EXPECT_EQ(errno, EIO);
-  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(out.size(), 0u) << "a failed read leaves nothing behind";
   sys::ClearFaults();
   EXPECT_EQ(Entries("/tmp/r"), std::set<std::string>{"networking"});
 }
