@@ -24,6 +24,7 @@
 #include "base/fd-util.h"
 #include "base/file-lock.h"
 #include "base/fs-util.h"
+#include "base/short-text.h"
 #include "base/text-table.h"
 #include "pelorus/netcfg.h"
 
@@ -76,16 +77,17 @@ using NetCfgAnswerTable = TextTable<NetCfgAnswerField>;
 static_assert(sizeof(NetCfgAnswerTable::Entry) == 32);
 
 // One NAT port forward; an empty description means none. The small fields
-// share one word, so that a table node with its key takes 88 bytes.
+// share one word and the texts are short ones, so that a table node with
+// its key takes 56 bytes.
 struct NATPortFwdEntry {
   uint16_t vnet = 0;  // below PLR_MAX_VNETS
   uint16_t hostPort = 0;
   uint16_t vmPort = 0;
   uint8_t isTCP = 0;
-  std::string vmIP;
-  std::string description;
+  ShortText vmIP;
+  ShortText description;
 };
-static_assert(sizeof(NATPortFwdEntry) == 8 + 2 * sizeof(std::string));
+static_assert(sizeof(NATPortFwdEntry) == 7 + 2 * sizeof(ShortText) + 1);
 
 // The forwards of one protocol of one vnet, keyed by host port.
 using NATPortFwdTable = ChainTable<uint16_t, NATPortFwdEntry, std::hash<uint16_t>>;
@@ -142,7 +144,7 @@ struct NetCfgMacHash {
 // DHCP mappings of one vnet, keyed by the standardised MAC; the value is the
 // IP address. The array caches the enumeration order like the port forwards.
 struct DhcpVnetTable {
-  using Table = ChainTable<NetCfgMacKey, std::string, NetCfgMacHash>;
+  using Table = ChainTable<NetCfgMacKey, ShortText, NetCfgMacHash>;
   Table table;
   std::vector<const Table::value_type*> array;
   bool arrayValid = false;

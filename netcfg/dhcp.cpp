@@ -15,24 +15,22 @@ namespace {
 // A DHCP mapping as a record kind of NetCfgAddWithRollback and
 // NetCfgRemoveWithRollback; `ip` is the added address (unused by a remove).
 struct DhcpKind {
-  using Value = std::string;
+  using Value = ShortText;
   uint32_t vnet;
   const char* mac;  // standard form
   const char* ip;
   const char* function;
 
-  std::optional<std::string> Find(const PLRNetworkConfigurationDB* db) const {
-    const std::string* found = NetCfgFindDhcp(db, vnet, mac);
-    return found != nullptr ? std::optional<std::string>(*found) : std::nullopt;
+  std::optional<ShortText> Find(const PLRNetworkConfigurationDB* db) const {
+    const ShortText* found = NetCfgFindDhcp(db, vnet, mac);
+    return found != nullptr ? std::optional<ShortText>(*found) : std::nullopt;
   }
-  bool Put(PLRNetworkConfigurationDB* db, const std::string& v) const {
+  bool Put(PLRNetworkConfigurationDB* db, const ShortText& v) const {
     return NetCfgHashAddDhcp(db, vnet, mac, v);
   }
   bool Erase(PLRNetworkConfigurationDB* db) const { return NetCfgHashRemoveDhcp(db, vnet, mac); }
-  NetCfgRecord Record(const std::string& v, bool add) const {
-    return DhcpRecord(vnet, mac, v, add);
-  }
-  void Log(NetCfgAddStep step, const std::string* old) const {
+  NetCfgRecord Record(const ShortText& v, bool add) const { return DhcpRecord(vnet, mac, v, add); }
+  void Log(NetCfgAddStep step, const ShortText* old) const {
     switch (step) {
       case NetCfgAddStep::kTable:
         PLOG_AS(function, LOG_ERR, "Failed to add DHCP address mapping for MAC: %s To IP: %s", mac,
@@ -54,7 +52,7 @@ struct DhcpKind {
         break;
     }
   }
-  void Log(NetCfgRemoveStep step, const std::string& old) const {
+  void Log(NetCfgRemoveStep step, const ShortText& old) const {
     switch (step) {
       case NetCfgRemoveStep::kTable:
       case NetCfgRemoveStep::kWrite:
@@ -115,7 +113,7 @@ bool PLRNetCfgAddDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, const
     return false;
   }
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
-    return NetCfgAddWithRollback(cache, DhcpKind{vnet, standard, ip, fnName}, std::string(ip),
+    return NetCfgAddWithRollback(cache, DhcpKind{vnet, standard, ip, fnName}, ShortText(ip),
                                  restoring);
   });
 }
@@ -125,7 +123,7 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   PLRNetworkConfigurationDB* cache = NetCfgCacheFor(db, __func__);
   if (cache == nullptr) return false;
   char standard[18];
-  const std::string* found = nullptr;
+  const ShortText* found = nullptr;
   if (mac != nullptr && StandardizeMACText(mac, standard))
     found = NetCfgFindDhcp(cache, vnet, standard);
   if (found == nullptr) {
@@ -134,7 +132,7 @@ bool PLRNetCfgRemoveDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   }
   return NetCfgGuarded(__func__, [&, fnName = __func__] {
     return NetCfgRemoveWithRollback(cache, DhcpKind{vnet, standard, nullptr, fnName},
-                                    std::string(*found));
+                                    ShortText(*found));
   });
 }
 
@@ -149,7 +147,7 @@ bool PLRNetCfgLookupDHCPMACToIP(PLRNetworkConfigurationDB* db, uint32_t vnet, co
   }
   DhcpVnetTable* table = cache->dhcp[vnet].get();
   char standard[18];
-  const std::string* ip = nullptr;
+  const ShortText* ip = nullptr;
   if (mac != nullptr && StandardizeMACText(mac, standard))
     ip = NetCfgFindDhcp(cache, vnet, standard);
   if (ip == nullptr) {

@@ -18,7 +18,7 @@ namespace {
 // length then becomes its length plus 2, 0 when there is none. The lookup
 // copies a description that fits with its terminator; the enumeration keeps
 // its older rule and wants one byte more (`spare`).
-bool CopyDescription(const std::string& description, char* buf, uint32_t* length, size_t spare,
+bool CopyDescription(const ShortText& description, char* buf, uint32_t* length, size_t spare,
                      const char* function) {
   if (description.empty()) {
     *length = 0;
@@ -29,7 +29,7 @@ bool CopyDescription(const std::string& description, char* buf, uint32_t* length
     PLOG_AS(function, LOG_ERR, "Insufficient buffer length for description");
     return false;
   }
-  memcpy(buf, description.data(), description.size() + 1);
+  memcpy(buf, description.c_str(), description.size() + 1);
   *length = static_cast<uint32_t>(description.size() + 2);
   return true;
 }
@@ -163,7 +163,7 @@ bool PLRNetCfgAddNATPortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool i
     entry.vnet = static_cast<uint16_t>(vnet);  // checked above
     entry.isTCP = isTCP;
     entry.hostPort = hostPort;
-    entry.vmIP = vmIP;
+    entry.vmIP.assign(vmIP);
     entry.vmPort = vmPort;
     entry.description.assign(desc);
     return NetCfgAddWithRollback(cache, PortFwdKind{entry, fnName}, entry, restoring);

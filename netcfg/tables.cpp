@@ -152,8 +152,8 @@ bool NetCfgHashRemovePortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
 
 // --- DHCP mappings -------------------------------------------------------
 
-const std::string* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t vnet,
-                                  std::string_view mac) {
+const ShortText* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                std::string_view mac) {
   if (vnet >= PLR_MAX_VNETS || !db->dhcp[vnet]) return nullptr;
   auto it = db->dhcp[vnet]->table.find(mac);
   return it == db->dhcp[vnet]->table.end() ? nullptr : &it->second;

@@ -214,7 +214,7 @@ template <class Visit>
 bool NetCfgForEachDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, Visit visit) {
   const NetCfgDhcpArray* array = NetCfgDhcpInOrder(db, vnet);
   if (array == nullptr || !NetCfgWalkInOrder(*array, [&](const auto& node) {
-        return visit(node.first.view(), std::string_view(node.second));
+        return visit(node.first.view(), node.second.view());
       }))
     return false;
   PLOG_AS(kDhcpEnumName, LOG_INFO2, "No mappings to enumerate");
@@ -230,8 +230,8 @@ bool NetCfgHashRemovePortFwd(PLRNetworkConfigurationDB* db, uint32_t vnet, bool 
                              uint16_t hostPort);
 
 // DHCP mappings; `mac` is in standard form.
-const std::string* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t vnet,
-                                  std::string_view mac);
+const ShortText* NetCfgFindDhcp(const PLRNetworkConfigurationDB* db, uint32_t vnet,
+                                std::string_view mac);
 bool NetCfgHashAddDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view mac,
                        std::string_view ip);
 bool NetCfgHashRemoveDhcp(PLRNetworkConfigurationDB* db, uint32_t vnet, std::string_view mac);

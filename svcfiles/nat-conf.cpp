@@ -143,10 +143,10 @@ void AppendTemplate(std::string& out, std::string_view format, const char* value
 // buffer ends the section, as it always has.
 void AppendPortForwards(SpillBuffer& out, uint32_t vnet, bool isTCP) {
   NetCfgForEachPortFwd(nullptr, vnet, isTCP, [&](const NATPortFwdEntry& forward) {
-    const std::string& ip = forward.vmIP;
+    const std::string_view ip = forward.vmIP.view();
     if (ip.size() >= kAddrSize) {
       PLOG_AS(kPortFwdEnumName, LOG_ERR, "Insufficient buffer length: %zu for IP address: %s",
-              kAddrSize, ip.c_str());
+              kAddrSize, forward.vmIP.c_str());
       return false;
     }
     // "<host port> = <ip>:<vm port>", formatted by hand into one line buffer.

@@ -22,6 +22,7 @@
 #include "base/line-reader.h"
 #include "base/random-util.h"
 #include "base/sha1.h"
+#include "base/short-text.h"
 #include "base/str-util.h"
 #include "base/sys-util.h"
 #include "base/text-table.h"
@@ -306,6 +307,52 @@ TEST(ChainTable, AThrowingInsertLeavesTheTableAsItWas) {
   EXPECT_EQ(table.find(uint16_t{100}), table.end());
   for (uint16_t k = 100; k < 140; ++k) EXPECT_TRUE(table.try_emplace(k, 1).second);
   EXPECT_EQ(table.size(), 80u);
+}
+
+// Every length either side of what fits inline: the text reads back with
+// its NUL through every way of making, copying, moving and replacing it,
+// and the object keeps a long text on the heap only.
+TEST(ShortText, KeepsEveryLengthWithItsTerminator) {
+  auto text = [](size_t n) {
+    std::string t;
+    for (size_t i = 0; i < n; ++i) t += static_cast<char>('a' + i % 26);
+    return t;
+  };
+  auto expectHolds = [](const ShortText& s, const std::string& want) {
+    EXPECT_EQ(s.view(), want);
+    EXPECT_EQ(s.size(), want.size());
+    EXPECT_EQ(s.empty(), want.empty());
+    EXPECT_EQ(strlen(s.c_str()), want.size()) << "ends with its NUL";
+    EXPECT_EQ(s.onHeap(), want.size() > 15);
+  };
+  for (size_t n : {0u, 1u, 7u, 14u, 15u, 16u, 17u, 127u, 1023u}) {
+    SCOPED_TRACE(n);
+    const std::string want = text(n);
+    ShortText made(want);
+    expectHolds(made, want);
+    ShortText copy(made);
+    expectHolds(copy, want);
+    EXPECT_TRUE(copy == made);
+    ShortText moved(std::move(copy));
+    expectHolds(moved, want);
+    expectHolds(copy, "");                   // NOLINT: a moved-from text is empty
+    for (size_t m : {0u, 15u, 16u, 200u}) {  // replaced by shorter and longer texts
+      ShortText replaced(text(m));
+      replaced = made;
+      expectHolds(replaced, want);
+      replaced.assign(text(m));
+      expectHolds(replaced, text(m));
+      replaced = std::move(moved);
+      expectHolds(replaced, want);
+      moved = replaced;
+    }
+    expectHolds(moved, want);
+  }
+  ShortText same("a text longer than fifteen");
+  same = same;
+  EXPECT_EQ(same.view(), "a text longer than fifteen");
+  EXPECT_TRUE(ShortText("10.0.0.1") == std::string_view("10.0.0.1"));
+  EXPECT_FALSE(ShortText("10.0.0.1") == ShortText("10.0.0.10"));
 }
 
 // Published vectors and sizes around the padding boundaries (a tail of 55
