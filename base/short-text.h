@@ -70,7 +70,7 @@ class ShortText {
   // heap: the pointer, the 32-bit size and kOnHeap in the last byte.
   void SetInline(std::string_view text) {
     memset(bytes_, 0, sizeof bytes_);
-    memcpy(bytes_, text.data(), text.size());
+    if (!text.empty()) memcpy(bytes_, text.data(), text.size());  // an empty view may hold null
     bytes_[kLast] = static_cast<char>(kInline - text.size());
   }
   void Set(std::string_view text) {
