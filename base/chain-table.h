@@ -308,17 +308,18 @@ class ChainTable {
   }
 
   // A new node goes first in its bucket; the first node of an empty bucket
-  // goes first in the whole list.
+  // goes first in the whole list, and the bucket of the node it displaces
+  // there (known without touching that node) now starts after it.
   void LinkFirstInBucket(Node* node, size_t bucket) {
     Link*& first = buckets_[bucket];
     if (first != nullptr) {
       LinkAfter(first, node, false);
       return;
     }
-    Link* const oldFront = head_.next();
+    if (head_.next() != nullptr) buckets_[frontBucket_] = node;
     LinkAfter(&head_, node, true);
-    if (oldFront != nullptr) buckets_[BucketOf(AsNode(oldFront))] = node;
     first = &head_;
+    frontBucket_ = bucket;
   }
 
   // Takes `node` out of the list after `before` and frees it, keeping every
@@ -329,7 +330,11 @@ class ChainTable {
     const bool last = node->endsBucket();  // of its bucket
     if (before == buckets_[bucket]) {      // the first: `before` lies outside the bucket
       if (last) {                          // the bucket empties
-        if (next != nullptr) buckets_[BucketOf(next)] = buckets_[bucket];
+        if (next != nullptr) {
+          const size_t nextBucket = BucketOf(next);
+          buckets_[nextBucket] = buckets_[bucket];
+          if (before == &head_) frontBucket_ = nextBucket;  // `next` goes first in the list
+        }
         buckets_[bucket] = nullptr;
       }
       before->Set(next, before->endsBucket());
@@ -361,29 +366,20 @@ class ChainTable {
       fresh = array.get();
     }
     bucketOf_ = Remainder(count);
+    if (array) bucketArray_ = std::move(array);  // the old buckets are not read again
+    buckets_ = fresh;
     Link* link = head_.next();
     head_.Set(nullptr, true);
-    size_t firstBucket = 0;
     while (link != nullptr) {
       Node* node = AsNode(link);
       link = link->next();
-      const size_t bucket = BucketOf(node);
-      Link*& first = fresh[bucket];
-      if (first == nullptr) {
-        if (head_.next() != nullptr) fresh[firstBucket] = node;
-        LinkAfter(&head_, node, true);
-        first = &head_;
-        firstBucket = bucket;
-      } else {
-        LinkAfter(first, node, false);
-      }
+      LinkFirstInBucket(node, BucketOf(node));
     }
-    if (array) bucketArray_ = std::move(array);
-    buckets_ = fresh;
   }
 
   NodePool pool_;  // destroyed after the nodes in it
   Link head_;
+  size_t frontBucket_ = 0;  // the bucket of the node first in the list, while there is one
   // A table has buckets of its own: the one an empty table has, as the
   // standard map does, and the 13 the policy asks for at the first insert,
   // so that a small table costs no allocation for its buckets.
