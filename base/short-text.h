@@ -24,7 +24,7 @@ class ShortText {
     other.SetInline({});
   }
   ShortText& operator=(const ShortText& other) {
-    if (this != &other) assign(other.view());
+    assign(other.view());  // a copy first, so assigning a text to itself is safe
     return *this;
   }
   ShortText& operator=(ShortText&& other) noexcept {
