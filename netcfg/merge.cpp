@@ -212,11 +212,14 @@ bool InstallMergedDatabase(PLRNetworkConfigurationDB* db, MergeState& s) {
 }
 
 // Exports the default cache as a backup file beside the database: the
-// restore point, removed when the merge ends.
+// restore point, removed when the merge ends. It is named as a temporary of
+// "<database>.merge" (".networking.merge.XXXXXX"), a shape no compaction's
+// temporary has, so the cleanup after a killed compaction never takes it.
 bool WriteRestorePoint(MergeState& s) {
   PendingFile file;
+  const std::string namedAfter = s.databasePath + ".merge";
   const bool written =
-      NetCfgWriteDatabaseFile(netCfgDefaultCache, &file, s.databasePath.c_str(), 0600, true);
+      NetCfgWriteDatabaseFile(netCfgDefaultCache, &file, namedAfter.c_str(), 0600, true);
   s.restorePoint = file.tempPath();
   if (!written) {
     PLOG_AS(s.function, LOG_ERR, "Failed to create backup file: %s", s.restorePoint.c_str());

@@ -199,6 +199,8 @@ TEST_F(WholeDatabase, MergeRestartsChangedVnetsOrPutsEverythingBack) {
   EXPECT_FALSE(PLRNetCfgMergeConfig(kBackup));
   sys::ClearFaults();
   EXPECT_EQ(Database(), before);
+  // Put back from a restore point no cleanup of a dead compaction could take.
+  EXPECT_EQ(LogCount("Restored config from backup file: /etc/tarsis/.networking.merge."), 1u);
   EXPECT_EQ(ServicePid(3, PLR_SERVICE_NAT) + ServicePid(4, PLR_SERVICE_BRIDGE), 0)
       << "started by the merge, stopped again";
   const pid_t nat2Again = ServicePid(2, PLR_SERVICE_NAT);

@@ -178,15 +178,18 @@ std::vector<std::string> Temporaries() {
 
 // A compaction killed between writing its temporary and renaming it leaves
 // the temporary and a marked lock file: the next writable load removes the
-// temporary and the mark (a read-only load holds no lock and removes
-// nothing). While no writer died, a load looks at no temporary: a merge's
-// restore point of the same shape, and files of other names, stay.
+// temporaries and the mark (a read-only load holds no lock and removes
+// nothing). While no writer died, a load looks at no temporary: another
+// writer's live temporary stays. A merge's restore point and files of other
+// names stay in any case.
 TEST(SeveralWriters, LoadRemovesWhatAKilledCompactionLeft) {
   WriteDatabase("answer K v\n");
   LogWhileUnloaded();
-  const std::string restorePoint = "/etc/tarsis/.networking.Ab12Cd",
+  const std::string live = "/etc/tarsis/.networking.Ab12Cd",
+                    restorePoint = "/etc/tarsis/.networking.merge.Ab12Cd",
                     other = "/etc/tarsis/.networking.x", user = "/etc/tarsis/networking.mine";
-  for (const std::string& path : {restorePoint, other, user}) WriteFile(path, "VERSION=1,0\n");
+  for (const std::string& path : {live, restorePoint, other, user})
+    WriteFile(path, "VERSION=1,0\n");
   Db db = LoadCache();
   ASSERT_NE(db, nullptr);
   PLRNetCfgUnload(&db, false);
@@ -216,6 +219,7 @@ TEST(SeveralWriters, LoadRemovesWhatAKilledCompactionLeft) {
   EXPECT_EQ(Temporaries(), std::vector<std::string>{});
   EXPECT_EQ(LogCount("Removed stale temporary file: /etc/tarsis/.networking."), 2u);
   EXPECT_EQ(ReadFile("/etc/tarsis/networking.lck"), "");
+  EXPECT_TRUE(FileExists(restorePoint));
   EXPECT_TRUE(FileExists(other));
   EXPECT_TRUE(FileExists(user));
   EXPECT_EQ(StateOfFile(), "answer D_0 v0\nanswer K v\n") << "the journal kept the dead change";
