@@ -1,7 +1,7 @@
 // A text for the entries of large tables (an address, a description): up
-// to 15 bytes are kept in the object's own 16, a longer text on the heap,
-// so an entry costs half what a std::string costs there. The text is always
-// followed by a NUL.
+// to 15 bytes are kept in the object's own 16, a longer text (below 4 GiB)
+// on the heap, so an entry costs half what a std::string costs there. The
+// text is always followed by a NUL.
 #pragma once
 
 #include <stddef.h>
