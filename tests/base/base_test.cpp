@@ -178,6 +178,34 @@ TEST(FileLock, RelockingFollowsALockFileRemovedOrReplaced) {
   EXPECT_TRUE(second.Lock(kPath, 0));
 }
 
+// A lock file that cannot be opened is no lock; the mark is set and cleared
+// only under the lock, and a mark that cannot be written says so.
+TEST(FileLock, FailuresToOpenOrMarkAreReported) {
+  const char* kPath = "/tmp/marked";
+  FileLock lock;
+  sys::FailNth(sys::Op::kOpen, 1, EACCES);
+  errno = 0;
+  EXPECT_FALSE(lock.Lock(kPath, 0));
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_FALSE(lock.held());
+  sys::ClearFaults();
+  EXPECT_FALSE(lock.SetMarked(true)) << "not held";
+  EXPECT_EQ(errno, ENOLCK);
+  ASSERT_TRUE(lock.Lock(kPath, 0));
+  EXPECT_FALSE(lock.foundMarked());
+  ASSERT_TRUE(lock.SetMarked(true));
+  EXPECT_EQ(test::ReadFile("/tmp/marked.lck").size(), 1u);
+  sys::FailNth(sys::Op::kFtruncate, 1, EIO);
+  EXPECT_FALSE(lock.SetMarked(false));
+  sys::ClearFaults();
+  ASSERT_TRUE(lock.Unlock());
+  FileLock next;
+  ASSERT_TRUE(next.Lock(kPath, 0));
+  EXPECT_TRUE(next.foundMarked()) << "the failed clear left the mark";
+  ASSERT_TRUE(next.SetMarked(false));
+  EXPECT_EQ(test::ReadFile("/tmp/marked.lck"), "");
+}
+
 // Random puts, replacements and erases against a std::map: every step's
 // lookups agree, iteration yields exactly the model, and a value's text
 // stays readable at its address until the table goes.
