@@ -87,7 +87,7 @@ struct NATPortFwdEntry {
   ShortText vmIP;
   ShortText description;
 };
-static_assert(sizeof(NATPortFwdEntry) == 7 + 2 * sizeof(ShortText) + 1);
+static_assert(sizeof(NATPortFwdEntry) == 8 + 2 * sizeof(ShortText));
 
 // The forwards of one protocol of one vnet, keyed by host port.
 using NATPortFwdTable = ChainTable<uint16_t, NATPortFwdEntry, std::hash<uint16_t>>;
