@@ -130,8 +130,8 @@ bool ReadWholeFile(const char* path, FileBytes* out) {
   // the end shows without a second buffer; a file that grows meanwhile (or
   // a size fstat cannot tell) is followed to its end.
   struct stat st;
-  size_t room = fstat(fd.get(), &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0;
-  room += 1;
+  size_t room =
+      (fstat(fd.get(), &st) == 0 && st.st_size > 0 ? static_cast<size_t>(st.st_size) : 0) + 1;
   auto data = std::make_unique_for_overwrite<char[]>(room);
   size_t have = 0;
   for (;;) {

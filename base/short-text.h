@@ -19,10 +19,7 @@ class ShortText {
   // Throws std::bad_alloc for a long text.
   explicit ShortText(std::string_view text) { Set(text); }
   ShortText(const ShortText& other) : ShortText(other.view()) {}
-  ShortText(ShortText&& other) noexcept {
-    memcpy(bytes_, other.bytes_, sizeof bytes_);
-    other.SetInline({});
-  }
+  ShortText(ShortText&& other) noexcept { TakeFrom(other); }
   ShortText& operator=(const ShortText& other) {
     assign(other.view());  // a copy first, so assigning a text to itself is safe
     return *this;
@@ -30,8 +27,7 @@ class ShortText {
   ShortText& operator=(ShortText&& other) noexcept {
     if (this != &other) {
       FreeHeap();
-      memcpy(bytes_, other.bytes_, sizeof bytes_);
-      other.SetInline({});
+      TakeFrom(other);
     }
     return *this;
   }
@@ -85,6 +81,11 @@ class ShortText {
     memcpy(bytes_, &heap, sizeof heap);
     memcpy(bytes_ + sizeof heap, &size, sizeof size);
     bytes_[kLast] = static_cast<char>(kOnHeap);
+  }
+  // Takes over the text of `other`, which is left empty.
+  void TakeFrom(ShortText& other) {
+    memcpy(bytes_, other.bytes_, sizeof bytes_);
+    other.SetInline({});
   }
   void FreeHeap() {
     if (onHeap()) delete[] c_str();

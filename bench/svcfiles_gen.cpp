@@ -22,6 +22,8 @@
 namespace {
 
 constexpr const char* kBaselinePath = "/tmp/bench-baseline.conf";
+#define PLR_BENCH_DHCP_DIR "/etc/tarsis/kavix8/dhcpd"
+constexpr const char* kDhcpConfPath = PLR_BENCH_DHCP_DIR "/dhcpd.conf";
 
 void LoadDatabase(const std::string& records) {
   plr::test::WriteProductConfig();
@@ -81,7 +83,7 @@ void BM_DhcpConf(benchmark::State& state) {
   int mappings = static_cast<int>(state.range(0));
   LoadDhcpVnet(mappings);
   if (!PLRDHCPWriteDHCPCfg(8)) abort();  // the steady state: an existing, intact file
-  size_t size = FileSize("/etc/tarsis/kavix8/dhcpd/dhcpd.conf");
+  size_t size = FileSize(kDhcpConfPath);
   for (auto _ : state) {
     if (!PLRDHCPWriteDHCPCfg(8)) abort();
   }
@@ -97,7 +99,7 @@ BENCHMARK(BM_DhcpConf)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMic
 void BM_DhcpConfFwriteBaseline(benchmark::State& state) {
   LoadDhcpVnet(static_cast<int>(state.range(0)));
   if (!PLRDHCPWriteDHCPCfg(8)) abort();
-  size_t size = FileSize("/etc/tarsis/kavix8/dhcpd/dhcpd.conf");
+  size_t size = FileSize(kDhcpConfPath);
   PLR_Unload2(0);
   FwriteBaseline(state, size);
 }
@@ -115,7 +117,7 @@ BENCHMARK(BM_DhcpConfFwriteBaseline)
 // what generating the text, the log lines and the database record add.
 void RenameDurably(const char* temp, const char* path) {
   if (rename(temp, path) != 0) abort();
-  const int dir = open("/etc/tarsis/kavix8/dhcpd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int dir = open(PLR_BENCH_DHCP_DIR, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   fsync(dir);
   close(dir);
 }
@@ -124,10 +126,9 @@ void BM_DhcpConfFloor(benchmark::State& state) {
   LoadDhcpVnet(static_cast<int>(state.range(0)));
   if (!PLRDHCPWriteDHCPCfg(8)) abort();
   PLR_Unload2(0);
-  const char* path = "/etc/tarsis/kavix8/dhcpd/dhcpd.conf";
-  const std::string next = plr::test::ReadFile(path);
+  const std::string next = plr::test::ReadFile(kDhcpConfPath);
   for (auto _ : state) {
-    int in = open(path, O_RDONLY | O_CLOEXEC);
+    int in = open(kDhcpConfPath, O_RDONLY | O_CLOEXEC);
     struct stat st;
     if (in < 0 || fstat(in, &st) != 0) abort();
     const auto size = static_cast<size_t>(st.st_size);
@@ -138,19 +139,18 @@ void BM_DhcpConfFloor(benchmark::State& state) {
     benchmark::DoNotOptimize(sha.Final());
     benchmark::DoNotOptimize(memcmp(old.get(), next.data(), std::min(size, next.size())));
     int bak =
-        open("/etc/tarsis/kavix8/dhcpd/.floor.bak", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+        open(PLR_BENCH_DHCP_DIR "/.floor.bak", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (bak < 0 || copy_file_range(in, nullptr, bak, nullptr, size, 0) < 0) abort();
     fsync(bak);
     close(bak);
     close(in);
-    RenameDurably("/etc/tarsis/kavix8/dhcpd/.floor.bak", "/etc/tarsis/kavix8/dhcpd/dhcpd.conf.bak");
-    int out =
-        open("/etc/tarsis/kavix8/dhcpd/.floor", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    RenameDurably(PLR_BENCH_DHCP_DIR "/.floor.bak", PLR_BENCH_DHCP_DIR "/dhcpd.conf.bak");
+    int out = open(PLR_BENCH_DHCP_DIR "/.floor", O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (out < 0 || write(out, next.data(), next.size()) != static_cast<ssize_t>(next.size()))
       abort();
     fsync(out);
     close(out);
-    RenameDurably("/etc/tarsis/kavix8/dhcpd/.floor", path);
+    RenameDurably(PLR_BENCH_DHCP_DIR "/.floor", kDhcpConfPath);
   }
   state.counters["file_bytes"] = static_cast<double>(next.size());
 }
